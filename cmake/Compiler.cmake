@@ -1,0 +1,40 @@
+# What every target of the project is compiled with.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+find_package(Threads REQUIRED)
+
+find_program(QZ_CCACHE ccache)
+if(QZ_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${QZ_CCACHE})
+endif()
+
+add_library(qz_options INTERFACE)
+target_include_directories(qz_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_link_libraries(qz_options INTERFACE Threads::Threads)
+
+if(MSVC)
+  target_compile_options(qz_options INTERFACE /W4 /utf-8 /fp:precise)
+  target_compile_definitions(qz_options INTERFACE NOMINMAX)
+else()
+  # Audio samples are part of the wire format: every single-precision step must be rounded by
+  # itself, so no fused multiply-add and no relaxed arithmetic.
+  target_compile_options(qz_options INTERFACE -ffp-contract=off -fno-fast-math
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor)
+  if(QZ_WERROR)
+    target_compile_options(qz_options INTERFACE -Werror)
+  endif()
+endif()
+
+if(QZ_SANITIZE)
+  target_compile_options(qz_options INTERFACE -fsanitize=${QZ_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(qz_options INTERFACE -fsanitize=${QZ_SANITIZE})
+endif()

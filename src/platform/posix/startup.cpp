@@ -1,0 +1,79 @@
+#include "platform/startup.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace platform {
+
+namespace {
+
+int stopSignals = -1;  // signalfd of the signals that end the run; -1 before Startup
+
+void OpenIfClosed(int descriptor, int flags) {
+  if (fcntl(descriptor, F_GETFD) != -1 || errno != EBADF) return;
+  // The lowest free number is `descriptor`, as all below it are open by now.
+  if (open("/dev/null", flags) == -1) return;
+}
+
+}  // namespace
+
+void Startup() {
+  OpenIfClosed(STDIN_FILENO, O_RDONLY);
+  OpenIfClosed(STDOUT_FILENO, O_WRONLY);
+  OpenIfClosed(STDERR_FILENO, O_WRONLY);
+
+  signal(SIGPIPE, SIG_IGN);
+
+  // Blocked here, before any thread exists, they are blocked in all threads and stay pending until
+  // WaitForInput reads them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  stopSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+void WaitForInput() {
+  // A descriptor of -1 is skipped by poll, so this also works without Startup.
+  pollfd waits[] = {{STDIN_FILENO, POLLIN, 0}, {stopSignals, POLLIN, 0}};
+  for (;;) {
+    const int count = poll(waits, 2, -1);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return;
+    if (waits[1].revents != 0) return;
+    if (waits[0].revents != 0) {
+      char character = 0;
+      const ssize_t got = read(STDIN_FILENO, &character, 1);
+      if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      return;  // a character, the end of input, or an input that can't be read
+    }
+  }
+}
+
+void WriteConsole(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(STDOUT_FILENO, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EAGAIN) {
+      pollfd wait{STDOUT_FILENO, POLLOUT, 0};
+      poll(&wait, 1, -1);
+      continue;
+    }
+    if (written <= 0) return;
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+}
+
+// Linux rounds timed waits of ordinary threads up by a slack of 50 µs; threads started from here on
+// inherit the smaller one. (prctl PR_SET_TIMERSLACK, in nanoseconds; 0 brings the default back.)
+void BeginTimerPeriod() { prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL); }
+void EndTimerPeriod() { prctl(PR_SET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL); }
+
+}  // namespace platform

@@ -1,0 +1,26 @@
+// The process around the program: its standard streams, the signals that end it, its timers.
+#pragma once
+
+#include <string_view>
+
+namespace platform {
+
+// Prepares the process. Called once, first thing in the entry, before any thread exists: opens the
+// standard descriptors that are closed on the null device (else the first socket would take their
+// numbers), makes writing to a broken pipe an error instead of the process's end, and reserves the
+// signals that ask the program to stop (Ctrl-C, SIGTERM) for WaitForInput.
+void Startup();
+
+// Waits on the calling thread for one character on standard input, the end of input, or a signal
+// that asks the program to stop, whichever comes first. A signal that came before the call ends it
+// at once.
+void WaitForInput();
+
+// Writes all bytes to standard output and flushes. A failure (closed pipe, full disk) is ignored.
+void WriteConsole(std::string_view bytes);
+
+// Between the two calls sleeps and timed waits of the process are exact to about a millisecond.
+void BeginTimerPeriod();
+void EndTimerPeriod();
+
+}  // namespace platform

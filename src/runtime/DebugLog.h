@@ -1,0 +1,71 @@
+// The program's log: formats a line on the caller's thread, queues it, and shows it to the sniffer
+// on a writer thread of its own.
+//
+// Locks, all leaves: queueLock_ (queue, counts, flags), snifferLock_ (the sniffer and its calls).
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "runtime/IDebugLog.h"
+
+// Starts a log with its writer thread. The last holder of the pointer ends it: the queue is then
+// emptied first.
+std::shared_ptr<IDebugLog> CreateDebugLog();
+
+// `text` behind the local time and the calling thread's number, with its line end:
+// YYYY/MM/DD HH:MM:SS.mmm @ TTTTTTTT @ text
+std::wstring FormatLogLine(const wchar_t* text, size_t length);
+
+class CDebugLog final : public IDebugLog {
+ public:
+  CDebugLog();
+  ~CDebugLog() override;
+  CDebugLog(const CDebugLog&) = delete;
+  CDebugLog& operator=(const CDebugLog&) = delete;
+
+  void Write(const std::string& text) override;
+  void Write(const char* text, size_t length) override;
+  void Write(const char* text) override;
+  void Write(const std::wstring& text) override;
+  void Write(const wchar_t* text, size_t length) override;
+  void Write(const wchar_t* text) override;
+
+  void WriteDebug(const std::string& text) override;
+  void WriteDebug(const char* text, size_t length) override;
+  void WriteDebug(const char* text) override;
+  void WriteDebug(const std::wstring& text) override;
+  void WriteDebug(const wchar_t* text, size_t length) override;
+  void WriteDebug(const wchar_t* text) override;
+
+  void SetSniffer(IDebugLogSniffer* sniffer) override;
+
+ private:
+  void RunWriter();
+  void Handle(const std::wstring& line);
+
+  std::mutex snifferLock_;
+  IDebugLogSniffer* sniffer_ = nullptr;
+
+  std::mutex queueLock_;
+  std::condition_variable queueSignal_;    // a line was queued, or the writer shall stop
+  std::condition_variable handledSignal_;  // a line was handled, or the writer has ended
+  std::deque<std::wstring> queue_;
+  uint64_t queued_ = 0;   // lines ever queued
+  uint64_t handled_ = 0;  // lines ever shown and stored
+  bool running_ = true;   // the writer hasn't ended
+  bool stopRequested_ = false;
+
+  std::thread thread_;  // last: it uses all of the above
+};
+
+// Shows the log on standard output, as UTF-8. A line ends in its own carriage return and line feed,
+// so the console shows a blank line behind each.
+class LogToConsoleSniffer final : public IDebugLogSniffer {
+ public:
+  void Sniff(const std::wstring& line) override;
+};

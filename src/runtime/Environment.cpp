@@ -1,0 +1,44 @@
+#include "runtime/Environment.h"
+
+#include <atomic>
+
+#include "runtime/DebugLog.h"
+#include "runtime/SingletonGate.h"
+
+namespace {
+
+constinit SingletonGate gate;
+constinit std::atomic<IEnvironment*> environment{nullptr};
+constinit std::atomic<EnvironmentFactory> factory{nullptr};
+
+std::unique_ptr<IEnvironment> Create() {
+  const EnvironmentFactory create = factory.load();
+  return create ? create() : std::make_unique<EnvironmentCommon>();
+}
+
+}  // namespace
+
+EnvironmentRef::EnvironmentRef() { gate.Acquire(); }
+EnvironmentRef::~EnvironmentRef() { ReleaseEnvironment(); }
+
+IEnvironment* EnvironmentRef::Get() {
+  gate.Acquire();
+  IEnvironment* result = nullptr;
+  {
+    std::lock_guard lock(*gate.mutex.load());
+    if (!environment.load()) environment.store(Create().release());
+    result = environment.load();
+  }
+  gate.Release();  // the reference of this object still stands
+  return result;
+}
+
+void ReleaseEnvironment() {
+  if (gate.Release()) delete environment.exchange(nullptr);
+}
+
+std::shared_ptr<IDebugLog> GetDebugLog() { return EnvironmentRef().Get()->GetLog(); }
+
+void SetEnvironmentFactory(EnvironmentFactory create) { factory.store(create); }
+
+EnvironmentCommon::EnvironmentCommon() : log_(CreateDebugLog()) {}

@@ -1,0 +1,46 @@
+// The root object of the process, through which every part reaches the log.
+#pragma once
+
+#include <memory>
+
+#include "runtime/IDebugLog.h"
+
+class IEnvironment {
+ public:
+  virtual ~IEnvironment() = default;
+
+  // Null only in an environment that has no log.
+  virtual std::shared_ptr<IDebugLog> GetLog() = 0;
+};
+
+// The environment of the program: makes the debug log when it is made.
+class EnvironmentCommon : public IEnvironment {
+ public:
+  EnvironmentCommon();
+  std::shared_ptr<IDebugLog> GetLog() override { return log_; }
+
+ private:
+  std::shared_ptr<IDebugLog> log_;
+};
+
+// A scoped reference to the environment, which the first Get creates. Any thread.
+class EnvironmentRef {
+ public:
+  EnvironmentRef();
+  ~EnvironmentRef();
+  EnvironmentRef(const EnvironmentRef&) = delete;
+  EnvironmentRef& operator=(const EnvironmentRef&) = delete;
+
+  IEnvironment* Get();
+};
+
+// Gives up the reference that the environment holds to itself: ends the environment and the log,
+// whose writer first empties its queue. The entry calls this once, as its last act.
+void ReleaseEnvironment();
+
+// The log, for a part that keeps it as a field.
+std::shared_ptr<IDebugLog> GetDebugLog();
+
+// What the first Get creates; null brings EnvironmentCommon back. For tests, before any use.
+using EnvironmentFactory = std::unique_ptr<IEnvironment> (*)();
+void SetEnvironmentFactory(EnvironmentFactory factory);

@@ -1,0 +1,29 @@
+// A clock that only the test moves.
+#pragma once
+
+#include <atomic>
+
+#include "platform/clock.h"
+
+class ManualClock final : public platform::Clock {
+ public:
+  ManualClock() { platform::ReplaceClock(this); }
+  ~ManualClock() override { platform::ReplaceClock(nullptr); }
+  ManualClock(const ManualClock&) = delete;
+  ManualClock& operator=(const ManualClock&) = delete;
+
+  // Moves the counter and the wall clock.
+  void AdvanceTicks(int64_t ticks) { counter_ += ticks; }
+  void AdvanceMs(int64_t ms) { counter_ += ms * (platform::kCounterFrequency / 1000); }
+  void SetCounter(int64_t ticks) { counter_ = ticks; }
+  void SetLocal(const platform::LocalTime& time) { local_ = time; }  // before threads use it
+
+  int64_t Counter() override { return counter_; }
+  int64_t WallSeconds() override { return 1'700'000'000 + counter_ / platform::kCounterFrequency; }
+  platform::LocalTime Local() override { return local_; }
+  void Sleep(uint32_t milliseconds) override { AdvanceMs(milliseconds); }
+
+ private:
+  std::atomic<int64_t> counter_{1'000'000'000};
+  platform::LocalTime local_{2026, 1, 2, 3, 4, 5, 6};
+};
