@@ -20,10 +20,10 @@ struct RtpSendChanInfo {
 };
 
 struct RtpManagerInfo {
-  uint32_t SampleFreq = 0;      // Hz
-  uint32_t PacketSmplSize = 0;  // samples per channel and packet
-  uint32_t RecvBufSize = 9;     // packets in each receive ring
-  uint32_t RecvBufPos = 5;      // ring slot of a stream's first packet
+  uint32_t SampleFreq = 0;                 // Hz
+  uint32_t PacketSmplSize = 0;             // samples per channel and packet
+  uint32_t RecvBufSize = 9;                // packets in each receive ring
+  uint32_t RecvBufPos = 5;                 // ring slot of a stream's first packet
   std::vector<NetAddr> RecvAddrs;          // one local address for each receive channel
   std::vector<RtpSendChanInfo> SendChans;  // one entry for each send channel
 

@@ -27,10 +27,10 @@ class IUdpReceiver {
 };
 
 struct UdpSockInfo {
-  NetAddr BindAddr;  // undefined: neither bound nor watched, a send-only socket
-  NetAddr SendAddr;  // default destination of Send
-  bool Broadcast = false;          // permission to send to broadcast addresses
-  uint32_t MaxPacketSize = 1432;   // bytes; a larger datagram is a receive error
+  NetAddr BindAddr;                  // undefined: neither bound nor watched, a send-only socket
+  NetAddr SendAddr;                  // default destination of Send
+  bool Broadcast = false;            // permission to send to broadcast addresses
+  uint32_t MaxPacketSize = 1432;     // bytes; a larger datagram is a receive error
   IUdpReceiver* Receiver = nullptr;  // not owned
 };
 

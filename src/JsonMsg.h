@@ -42,8 +42,8 @@ struct JsonMsg {
   // message; throws nothing.
   static JsonMsg* FromPacket(const Packet& packet);
 
-  std::wstring msg;        // type name, fixed by the concrete constructor
-  uint32_t msg_id = 0;     // number of this message
+  std::wstring msg;     // type name, fixed by the concrete constructor
+  uint32_t msg_id = 0;  // number of this message
   // Sending: the attachment bytes that the message announces. Received: how many leading bytes of
   // `attachment`, which has the announced size, have really arrived.
   uint64_t att = 0;

@@ -37,9 +37,9 @@ class NetAddr {
  private:
   static constexpr uint32_t kUndefined = 0xFFFFFFFF;
 
-  uint16_t family_ = 2;             // the IPv4 family, host order
-  uint16_t port_ = 0;               // network byte order
-  uint32_t address_ = kUndefined;   // network byte order
+  uint16_t family_ = 2;            // the IPv4 family, host order
+  uint16_t port_ = 0;              // network byte order
+  uint32_t address_ = kUndefined;  // network byte order
   uint8_t filler_[8] = {};
 };
 

@@ -13,6 +13,8 @@ Clock& GetClock() {
   return clock ? *clock : SystemClock();
 }
 
-void ReplaceClock(Clock* clock) { replacement.store(clock, std::memory_order_release); }
+void ReplaceClock(Clock* clock) {
+  replacement.store(clock, std::memory_order_release);
+}
 
 }  // namespace platform

@@ -8,11 +8,19 @@ namespace {
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr char32_t kBad = 0xFFFFFFFF;
 
-bool IsHighSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-bool IsLowSurrogate(char32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
-bool IsSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDFFF; }
+bool IsHighSurrogate(char32_t unit) {
+  return unit >= 0xD800 && unit <= 0xDBFF;
+}
+bool IsLowSurrogate(char32_t unit) {
+  return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+bool IsSurrogate(char32_t unit) {
+  return unit >= 0xD800 && unit <= 0xDFFF;
+}
 
-[[noreturn]] void ThrowBadConversion() { throw std::range_error("bad conversion"); }
+[[noreturn]] void ThrowBadConversion() {
+  throw std::range_error("bad conversion");
+}
 
 // Reads the code point at `pos` and moves `pos` behind it. On malformed input the result is kBad
 // and `pos` moves on by at least one byte, behind what can't be part of a good sequence.
@@ -120,14 +128,26 @@ std::string ToUtf8(std::wstring_view text, OnBad onBad) {
 
 }  // namespace
 
-std::wstring Utf8ToWide(const std::string& text) { return ToWide(text, OnBad::Throw); }
-std::wstring Utf8ToWide(const char* text) { return ToWide(text, OnBad::Throw); }
-std::string WideToUtf8(const std::wstring& text) { return ToUtf8(text, OnBad::Throw); }
-std::string WideToUtf8(const wchar_t* text) { return ToUtf8(text, OnBad::Throw); }
+std::wstring Utf8ToWide(const std::string& text) {
+  return ToWide(text, OnBad::Throw);
+}
+std::wstring Utf8ToWide(const char* text) {
+  return ToWide(text, OnBad::Throw);
+}
+std::string WideToUtf8(const std::wstring& text) {
+  return ToUtf8(text, OnBad::Throw);
+}
+std::string WideToUtf8(const wchar_t* text) {
+  return ToUtf8(text, OnBad::Throw);
+}
 
 namespace platform {
 
-std::wstring Utf8ToWideLossy(std::string_view text) { return ToWide(text, OnBad::Replace); }
-std::string WideToUtf8Lossy(std::wstring_view text) { return ToUtf8(text, OnBad::Replace); }
+std::wstring Utf8ToWideLossy(std::string_view text) {
+  return ToWide(text, OnBad::Replace);
+}
+std::string WideToUtf8Lossy(std::wstring_view text) {
+  return ToUtf8(text, OnBad::Replace);
+}
 
 }  // namespace platform

@@ -4,7 +4,9 @@
 
 #include "platform/clock.h"
 
-uint64_t ClockFrequency() { return static_cast<uint64_t>(platform::kCounterFrequency); }
+uint64_t ClockFrequency() {
+  return static_cast<uint64_t>(platform::kCounterFrequency);
+}
 
 int64_t ClockRead(uint32_t* frequency) {
   if (frequency) *frequency = static_cast<uint32_t>(ClockFrequency());

@@ -16,12 +16,14 @@ constexpr std::chrono::seconds kDrainLimit{2};
 
 void AppendNumber(std::wstring& out, int value, int width) {
   wchar_t digits[8];
-  for (int i = width; i-- > 0; value /= 10) digits[i] = static_cast<wchar_t>(L'0' + value % 10);
+  for (int i = width; i-- > 0; value /= 10)
+    digits[i] = static_cast<wchar_t>(L'0' + value % 10);
   out.append(digits, static_cast<size_t>(width));
 }
 
 void AppendHex8(std::wstring& out, uint32_t value) {
-  for (int shift = 28; shift >= 0; shift -= 4) out += L"0123456789ABCDEF"[(value >> shift) & 0xF];
+  for (int shift = 28; shift >= 0; shift -= 4)
+    out += L"0123456789ABCDEF"[(value >> shift) & 0xF];
 }
 
 }  // namespace
@@ -51,7 +53,9 @@ std::wstring FormatLogLine(const wchar_t* text, size_t length) {
   return line;
 }
 
-std::shared_ptr<IDebugLog> CreateDebugLog() { return std::make_shared<CDebugLog>(); }
+std::shared_ptr<IDebugLog> CreateDebugLog() {
+  return std::make_shared<CDebugLog>();
+}
 
 CDebugLog::CDebugLog() {
   try {
@@ -71,14 +75,25 @@ CDebugLog::~CDebugLog() {
   if (thread_.joinable()) thread_.join();
 }
 
-void CDebugLog::Write(const std::string& text) { Write(Utf8ToWide(text)); }
-void CDebugLog::Write(const char* text, size_t length) { Write(std::string(text, length)); }
-void CDebugLog::Write(const char* text) { Write(Utf8ToWide(text)); }
-void CDebugLog::Write(const std::wstring& text) { Write(text.data(), text.size()); }
-void CDebugLog::Write(const wchar_t* text) { Write(text, std::wcslen(text)); }
+void CDebugLog::Write(const std::string& text) {
+  Write(Utf8ToWide(text));
+}
+void CDebugLog::Write(const char* text, size_t length) {
+  Write(std::string(text, length));
+}
+void CDebugLog::Write(const char* text) {
+  Write(Utf8ToWide(text));
+}
+void CDebugLog::Write(const std::wstring& text) {
+  Write(text.data(), text.size());
+}
+void CDebugLog::Write(const wchar_t* text) {
+  Write(text, std::wcslen(text));
+}
 
 void CDebugLog::Write(const wchar_t* text, size_t length) {
-  while (length > 0 && text[length - 1] == L'\0') --length;
+  while (length > 0 && text[length - 1] == L'\0')
+    --length;
   if (length == 0) return;
   std::wstring line = FormatLogLine(text, length);
   {
@@ -89,22 +104,29 @@ void CDebugLog::Write(const wchar_t* text, size_t length) {
   queueSignal_.notify_one();
 }
 
-void CDebugLog::WriteDebug(const std::string& text) { WriteDebug(Utf8ToWide(text)); }
+void CDebugLog::WriteDebug(const std::string& text) {
+  WriteDebug(Utf8ToWide(text));
+}
 void CDebugLog::WriteDebug(const char* text, size_t length) {
   WriteDebug(std::string(text, length));
 }
-void CDebugLog::WriteDebug(const char* text) { WriteDebug(Utf8ToWide(text)); }
-void CDebugLog::WriteDebug(const std::wstring& text) { WriteDebug(text.data(), text.size()); }
+void CDebugLog::WriteDebug(const char* text) {
+  WriteDebug(Utf8ToWide(text));
+}
+void CDebugLog::WriteDebug(const std::wstring& text) {
+  WriteDebug(text.data(), text.size());
+}
 void CDebugLog::WriteDebug(const wchar_t*, size_t) {}
-void CDebugLog::WriteDebug(const wchar_t* text) { WriteDebug(text, std::wcslen(text)); }
+void CDebugLog::WriteDebug(const wchar_t* text) {
+  WriteDebug(text, std::wcslen(text));
+}
 
 void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {
   if (!sniffer) {
     // The writer is behind its callers: without this wait the last lines would miss the listener.
     std::unique_lock lock(queueLock_);
     const uint64_t target = queued_;
-    handledSignal_.wait_for(lock, kDrainLimit,
-                            [&] { return handled_ >= target || !running_; });
+    handledSignal_.wait_for(lock, kDrainLimit, [&] { return handled_ >= target || !running_; });
   }
   std::lock_guard lock(snifferLock_);
   sniffer_ = sniffer;

@@ -18,8 +18,12 @@ std::unique_ptr<IEnvironment> Create() {
 
 }  // namespace
 
-EnvironmentRef::EnvironmentRef() { gate.Acquire(); }
-EnvironmentRef::~EnvironmentRef() { ReleaseEnvironment(); }
+EnvironmentRef::EnvironmentRef() {
+  gate.Acquire();
+}
+EnvironmentRef::~EnvironmentRef() {
+  ReleaseEnvironment();
+}
 
 IEnvironment* EnvironmentRef::Get() {
   gate.Acquire();
@@ -37,8 +41,12 @@ void ReleaseEnvironment() {
   if (gate.Release()) delete environment.exchange(nullptr);
 }
 
-std::shared_ptr<IDebugLog> GetDebugLog() { return EnvironmentRef().Get()->GetLog(); }
+std::shared_ptr<IDebugLog> GetDebugLog() {
+  return EnvironmentRef().Get()->GetLog();
+}
 
-void SetEnvironmentFactory(EnvironmentFactory create) { factory.store(create); }
+void SetEnvironmentFactory(EnvironmentFactory create) {
+  factory.store(create);
+}
 
 EnvironmentCommon::EnvironmentCommon() : log_(CreateDebugLog()) {}

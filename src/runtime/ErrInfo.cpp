@@ -39,7 +39,9 @@ ErrData& ErrInfo::Data() {
   return *data_;
 }
 
-ErrInfo& ErrInfo::SetText(const wchar_t* text) { return SetText(std::wstring(text)); }
+ErrInfo& ErrInfo::SetText(const wchar_t* text) {
+  return SetText(std::wstring(text));
+}
 
 ErrInfo& ErrInfo::SetText(std::wstring text) {
   ErrData& data = Data();
@@ -48,7 +50,9 @@ ErrInfo& ErrInfo::SetText(std::wstring text) {
   return *this;
 }
 
-ErrInfo& ErrInfo::SetText(const char* text) { return SetText(platform::Utf8ToWideLossy(text)); }
+ErrInfo& ErrInfo::SetText(const char* text) {
+  return SetText(platform::Utf8ToWideLossy(text));
+}
 
 ErrInfo& ErrInfo::SetCode(uint32_t code, const wchar_t* text) {
   return SetCode(code, std::wstring(text));

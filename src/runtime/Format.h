@@ -14,8 +14,7 @@ class FormatArg {
   FormatArg(std::wstring_view text) : text_(text) {}
   FormatArg(const wchar_t* text) : text_(text) {}
   template <typename T>
-    requires std::is_integral_v<T>
-  FormatArg(T number) : number_(static_cast<int64_t>(number)) {}
+  requires std::is_integral_v<T> FormatArg(T number) : number_(static_cast<int64_t>(number)) {}
 
   std::wstring_view Text() const { return text_; }
   int64_t Number() const { return number_; }

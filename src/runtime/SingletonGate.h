@@ -7,7 +7,8 @@
 #include <mutex>
 
 struct SingletonGate {
-  std::atomic<std::mutex*> mutex{nullptr};  // made by the first Acquire, deleted by the last Release
+  std::atomic<std::mutex*> mutex{
+      nullptr};  // made by the first Acquire, deleted by the last Release
   std::atomic<uint32_t> refs{0};
   std::atomic<uint32_t> gateState{0};  // 0 idle, 1 the mutex is being made, 2 it is being deleted
 

@@ -4,7 +4,9 @@
 #include "runtime/Environment.h"
 #include "runtime/Format.h"
 
-int64_t LockTimes::Now() { return ClockRead(nullptr); }
+int64_t LockTimes::Now() {
+  return ClockRead(nullptr);
+}
 
 void LockTimes::Report(const std::wstring& name) const {
   uint32_t frequency = 0;

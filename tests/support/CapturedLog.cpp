@@ -20,7 +20,8 @@ void CapturedLog::Clear() {
 std::vector<std::wstring> CapturedLog::Lines() const {
   std::lock_guard lock(mutex_);
   std::vector<std::wstring> lines;
-  for (const Entry& entry : entries_) lines.push_back(entry.text);
+  for (const Entry& entry : entries_)
+    lines.push_back(entry.text);
   return lines;
 }
 
@@ -76,11 +77,21 @@ std::vector<std::wstring> CapturedLog::UntakenFailures() const {
   return failures;
 }
 
-void CapturedLog::Write(const std::string& text) { Write(Utf8ToWide(text)); }
-void CapturedLog::Write(const char* text, size_t length) { Write(std::string(text, length)); }
-void CapturedLog::Write(const char* text) { Write(Utf8ToWide(text)); }
-void CapturedLog::Write(const wchar_t* text, size_t length) { Write(std::wstring(text, length)); }
-void CapturedLog::Write(const wchar_t* text) { Write(text, std::wcslen(text)); }
+void CapturedLog::Write(const std::string& text) {
+  Write(Utf8ToWide(text));
+}
+void CapturedLog::Write(const char* text, size_t length) {
+  Write(std::string(text, length));
+}
+void CapturedLog::Write(const char* text) {
+  Write(Utf8ToWide(text));
+}
+void CapturedLog::Write(const wchar_t* text, size_t length) {
+  Write(std::wstring(text, length));
+}
+void CapturedLog::Write(const wchar_t* text) {
+  Write(text, std::wcslen(text));
+}
 
 void CapturedLog::Write(const std::wstring& text) {
   std::lock_guard lock(mutex_);

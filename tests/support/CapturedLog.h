@@ -66,4 +66,6 @@ class CapturedLog final : public IDebugLog {
   std::vector<std::wstring> allowed_;
 };
 
-inline CapturedLog& Log() { return CapturedLog::Get(); }
+inline CapturedLog& Log() {
+  return CapturedLog::Get();
+}

@@ -31,9 +31,8 @@ class FailuresAreExpected final : public testing::EmptyTestEventListener {
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetEnvironmentFactory([]() -> std::unique_ptr<IEnvironment> {
-    return std::make_unique<TestEnvironment>();
-  });
+  SetEnvironmentFactory(
+      []() -> std::unique_ptr<IEnvironment> { return std::make_unique<TestEnvironment>(); });
   testing::InitGoogleTest(&argc, argv);
   testing::UnitTest::GetInstance()->listeners().Append(new FailuresAreExpected);
   return RUN_ALL_TESTS();

@@ -34,8 +34,13 @@ class PosixClock final : public Clock {
     if (now.tv_sec != cachedSecond) {
       tm parts{};
       localtime_r(&now.tv_sec, &parts);
-      cached = {parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
-                parts.tm_min,         parts.tm_sec,     0};
+      cached = {parts.tm_year + 1900,
+                parts.tm_mon + 1,
+                parts.tm_mday,
+                parts.tm_hour,
+                parts.tm_min,
+                parts.tm_sec,
+                0};
       cachedSecond = now.tv_sec;
     }
     cached.millisecond = static_cast<int>(now.tv_nsec / 1'000'000);

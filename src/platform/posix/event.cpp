@@ -33,7 +33,8 @@ void Event::Reset() {
 bool Event::Wait(uint32_t milliseconds) {
   std::unique_lock lock(impl_->mutex);
   if (milliseconds != 0) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     impl_->changed.wait_until(lock, deadline, [this] { return impl_->signalled; });
   }
   const bool result = impl_->signalled;

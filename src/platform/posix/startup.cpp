@@ -73,7 +73,11 @@ void WriteConsole(std::string_view bytes) {
 
 // Linux rounds timed waits of ordinary threads up by a slack of 50 µs; threads started from here on
 // inherit the smaller one. (prctl PR_SET_TIMERSLACK, in nanoseconds; 0 brings the default back.)
-void BeginTimerPeriod() { prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL); }
-void EndTimerPeriod() { prctl(PR_SET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL); }
+void BeginTimerPeriod() {
+  prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
+}
+void EndTimerPeriod() {
+  prctl(PR_SET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL);
+}
 
 }  // namespace platform

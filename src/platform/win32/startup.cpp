@@ -1,0 +1,98 @@
+#include "platform/startup.h"
+
+#include <cstdio>
+
+#include "platform/win32/win.h"
+// Behind windows.h, whose types it uses.
+#include <timeapi.h>
+
+namespace platform {
+
+namespace {
+
+HANDLE stopSignal = nullptr;       // manual-reset: Ctrl-C or the like has come
+HANDLE characterSignal = nullptr;  // manual-reset: a character or the end of input has come
+
+void OpenIfClosed(DWORD which, DWORD access) {
+  const HANDLE handle = GetStdHandle(which);
+  if (handle != nullptr && handle != INVALID_HANDLE_VALUE) return;
+  const HANDLE null = CreateFileW(L"NUL", access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                  OPEN_EXISTING, 0, nullptr);
+  if (null != INVALID_HANDLE_VALUE) SetStdHandle(which, null);
+}
+
+BOOL WINAPI OnControl(DWORD) {
+  SetEvent(stopSignal);
+  // For a closing console Windows ends the process when the handler returns, so it stays here until
+  // the main thread has ended the process; Windows itself bounds the wait.
+  return TRUE;
+}
+
+DWORD WINAPI ReadCharacter(void*) {
+  char character = 0;
+  DWORD got = 0;
+  ReadFile(GetStdHandle(STD_INPUT_HANDLE), &character, 1, &got, nullptr);
+  SetEvent(characterSignal);
+  return 0;
+}
+
+// Windows 11 lowers the timer resolution of processes whose windows are hidden; this asks it not
+// to. Looked up at run time, as older systems don't have the call.
+void KeepTimerResolution() {
+  struct ThrottlingState {  // PROCESS_POWER_THROTTLING_STATE of the Windows API
+    ULONG version, controlMask, stateMask;
+  };
+  constexpr int kProcessPowerThrottling = 4;
+  constexpr ULONG kIgnoreTimerResolution = 4;
+  using SetProcessInformationCall = BOOL(WINAPI*)(HANDLE, int, void*, DWORD);
+
+  const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
+  if (!kernel) return;
+  const auto call = reinterpret_cast<SetProcessInformationCall>(
+      reinterpret_cast<void*>(GetProcAddress(kernel, "SetProcessInformation")));
+  if (!call) return;
+  ThrottlingState state{1, kIgnoreTimerResolution, 0};
+  call(GetCurrentProcess(), kProcessPowerThrottling, &state, sizeof(state));
+}
+
+}  // namespace
+
+void Startup() {
+  OpenIfClosed(STD_INPUT_HANDLE, GENERIC_READ);
+  OpenIfClosed(STD_OUTPUT_HANDLE, GENERIC_WRITE);
+  OpenIfClosed(STD_ERROR_HANDLE, GENERIC_WRITE);
+
+  stopSignal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  SetConsoleCtrlHandler(OnControl, TRUE);
+}
+
+void WaitForInput() {
+  // Reading can't be given up halfway, so a thread of its own does it; when the stop signal comes
+  // first, that thread stays behind in its read until the process ends.
+  characterSignal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const HANDLE reader = CreateThread(nullptr, 0, ReadCharacter, nullptr, 0, nullptr);
+  if (!reader) {
+    ReadCharacter(nullptr);
+    return;
+  }
+  CloseHandle(reader);
+  const HANDLE signals[] = {characterSignal, stopSignal};
+  WaitForMultipleObjects(stopSignal ? 2 : 1, signals, FALSE, INFINITE);
+}
+
+void WriteConsole(std::string_view bytes) {
+  // Through the C library's stream and so in text mode, as any console program's output.
+  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  std::fflush(stdout);
+}
+
+void BeginTimerPeriod() {
+  KeepTimerResolution();
+  timeBeginPeriod(1);
+}
+
+void EndTimerPeriod() {
+  timeEndPeriod(1);
+}
+
+}  // namespace platform

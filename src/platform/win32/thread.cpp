@@ -1,0 +1,15 @@
+#include "platform/thread.h"
+
+#include "platform/win32/win.h"
+
+namespace platform {
+
+uint32_t ThreadNumber() {
+  return GetCurrentThreadId();
+}
+
+void SetTimeCritical() {
+  SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL);
+}
+
+}  // namespace platform
