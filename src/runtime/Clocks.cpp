@@ -64,3 +64,19 @@ int64_t MulDiv64(int64_t a, int64_t b, int64_t c) {
   if (quotient > limit) quotient = limit;
   return negative ? static_cast<int64_t>(0 - quotient) : static_cast<int64_t>(quotient);
 }
+
+int64_t SaturatingAdd(int64_t a, int64_t b) {
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  if (b > 0 && a > kMax - b) return kMax;
+  if (b < 0 && a < kMin - b) return kMin;
+  return a + b;
+}
+
+int64_t SaturatingSub(int64_t a, int64_t b) {
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  if (b < 0 && a > kMax + b) return kMax;
+  if (b > 0 && a < kMin + b) return kMin;
+  return a - b;
+}

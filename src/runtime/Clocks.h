@@ -16,3 +16,7 @@ int64_t ClockTicks100ns();
 // frequency leave 64 bits after hours. A result beyond 64 bits is cut to the nearest limit, and a
 // divisor of 0 gives 0.
 int64_t MulDiv64(int64_t a, int64_t b, int64_t c);
+
+// a + b and a - b; a result beyond 64 bits is cut to the nearest limit.
+int64_t SaturatingAdd(int64_t a, int64_t b);
+int64_t SaturatingSub(int64_t a, int64_t b);
