@@ -1,0 +1,410 @@
+#include "SyncManager.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "platform/text.h"
+#include "support/CapturedLog.h"
+#include "support/ManualClock.h"
+
+using Network::ISyncSource;
+using Network::ISyncTarget;
+using Network::SyncManager;
+
+namespace {
+
+constexpr int64_t kStepTicks = 40'000;  // 192 samples at 48000 Hz in counter ticks: 4 ms
+
+// Keeps the positions of the ticks.
+class Target final : public ISyncTarget {
+ public:
+  void OnSync(ISyncSource*, int64_t pos, uint32_t freq) override {
+    if (throws) throw std::bad_alloc();
+    std::lock_guard lock(mutex_);
+    positions_.push_back(pos);
+    lastFreq_ = freq;
+    ticked_.notify_all();
+  }
+
+  size_t Count() const {
+    std::lock_guard lock(mutex_);
+    return positions_.size();
+  }
+  std::vector<int64_t> Positions() const {
+    std::lock_guard lock(mutex_);
+    return positions_;
+  }
+  uint32_t LastFreq() const {
+    std::lock_guard lock(mutex_);
+    return lastFreq_;
+  }
+
+  // Waits, ten seconds at most, until there have been `count` ticks.
+  bool WaitCount(size_t count) const {
+    std::unique_lock lock(mutex_);
+    return ticked_.wait_for(lock, std::chrono::seconds(10),
+                            [&] { return positions_.size() >= count; });
+  }
+
+  bool throws = false;
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable ticked_;
+  std::vector<int64_t> positions_;
+  uint32_t lastFreq_ = 0;
+};
+
+// A manager whose thread isn't started: the test calls the passes itself.
+class SyncManagerTest : public testing::Test {
+ protected:
+  SyncManagerTest() : sync_(L"unit.SyncManager") {
+    sync_.AddTarget(&target_);
+    sync_.SetSyncFreq(48000, 192);
+  }
+
+  // All ticks that are due now, given back to back. Their number.
+  int Passes() {
+    int ticks = 0;
+    while (sync_.Pass())
+      ++ticks;
+    return ticks;
+  }
+
+  // Moves the clock in millisecond steps and looks each time, as the thread does. The ticks.
+  int Run(int64_t ms) {
+    int ticks = 0;
+    for (int64_t i = 0; i < ms; ++i) {
+      clock_.AdvanceMs(1);
+      ticks += Passes();
+    }
+    return ticks;
+  }
+
+  // A source at `freq` reports for `ms` milliseconds, once in 50 ms, `speed` times as fast as the
+  // local clock; the ticks go on meanwhile.
+  int RunWithSource(int64_t ms, uint32_t freq, double speed) {
+    int ticks = 0;
+    for (int64_t at = 0; at < ms; at += 50) {
+      Report(freq);
+      ticks += Run(50);
+      sourceSeconds_ += 0.05 * speed;
+    }
+    return ticks;
+  }
+
+  void Report(uint32_t freq) {
+    sync_.OnSync(nullptr, static_cast<int64_t>(sourceSeconds_ * freq + 0.5), freq);
+  }
+
+  int LogCount(const std::wstring& change) {
+    return static_cast<int>(Log().Count(L"unit.SyncManager: " + change));
+  }
+
+  ManualClock clock_;
+  Target target_;
+  SyncManager sync_;
+  double sourceSeconds_ = 100;
+};
+
+TEST_F(SyncManagerTest, FirstPassTicksAtOnceThenOncePerStep) {
+  EXPECT_EQ(Passes(), 1);
+  clock_.AdvanceTicks(kStepTicks - 1);
+  EXPECT_EQ(Passes(), 0);
+  clock_.AdvanceTicks(1);
+  EXPECT_EQ(Passes(), 1);
+  clock_.AdvanceTicks(kStepTicks);
+  EXPECT_EQ(Passes(), 1);
+  EXPECT_EQ(target_.Positions(), (std::vector<int64_t>{0, 192, 384}));
+  EXPECT_EQ(target_.LastFreq(), 48000u);
+}
+
+TEST_F(SyncManagerTest, LongTermRateIsExactAfterYearsOfUptime) {
+  struct {
+    uint32_t freq;
+    int64_t seconds;
+  } const cases[] = {{48000, 400}, {44100, 400}};
+  for (const auto& c : cases) {
+    clock_.SetCounter(int64_t{3} * 365 * 86400 * platform::kCounterFrequency);
+    sync_.SetSyncFreq(c.freq, 192);
+    int64_t ticks = Passes();
+    // A thread that wakes every 1.07 ms.
+    for (int64_t at = 0; at < c.seconds * 10'000'000; at += 10'700, clock_.AdvanceTicks(10'700))
+      ticks += Passes();
+    EXPECT_NEAR(static_cast<double>(ticks), static_cast<double>(c.seconds * c.freq) / 192, 1.5)
+        << c.freq;
+  }
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+}
+
+TEST_F(SyncManagerTest, HeldUpThreadCatchesUpBackToBack) {
+  Passes();
+  clock_.AdvanceMs(79);
+  EXPECT_EQ(Passes(), 19);
+  clock_.AdvanceMs(1);
+  EXPECT_EQ(Passes(), 1) << "the phase has moved";
+
+  // The first missed tick is exactly 20 steps late.
+  clock_.AdvanceMs(84);
+  EXPECT_EQ(Passes(), 21);
+  EXPECT_EQ(target_.Positions().back(), 192 * 41);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+}
+
+TEST_F(SyncManagerTest, ThreadHeldUpTooLongStartsAnewFromThePresent) {
+  Passes();
+  clock_.AdvanceMs(90);
+  // One tick gives up the old phase, the next one begins the new.
+  EXPECT_EQ(Passes(), 2);
+  EXPECT_NE(Log().TryTake(L"unit.SyncManager: Sync FAIL. Internal sync timeout."), L"");
+  clock_.AdvanceTicks(kStepTicks - 1);
+  EXPECT_EQ(Passes(), 0);
+  clock_.AdvanceTicks(1);
+  EXPECT_EQ(Passes(), 1);
+  EXPECT_EQ(target_.Positions(), (std::vector<int64_t>{0, 192, 384, 576}));
+}
+
+TEST_F(SyncManagerTest, OnlyANewRateRestartsThePhase) {
+  Passes();
+  clock_.AdvanceMs(3);
+  sync_.SetSyncFreq(48000, 192);
+  EXPECT_EQ(Passes(), 0);
+  clock_.AdvanceMs(1);
+  EXPECT_EQ(Passes(), 1);
+
+  clock_.AdvanceMs(1);
+  sync_.SetSyncFreq(96000, 192);
+  EXPECT_EQ(sync_.GetSyncFreq(), 96000u);
+  EXPECT_EQ(Passes(), 1);
+  EXPECT_EQ(target_.LastFreq(), 96000u);
+  clock_.AdvanceMs(2);
+  EXPECT_EQ(Passes(), 1);
+  EXPECT_EQ(target_.Positions().back(), 576) << "the position goes on";
+}
+
+TEST_F(SyncManagerTest, SpeedScalesTheRateOfTheTicks) {
+  sync_.SetSpeed(2.0);
+  EXPECT_EQ(sync_.GetSpeed(), 2.0);
+  EXPECT_EQ(Passes(), 1);
+  EXPECT_EQ(Run(1000), 500);
+}
+
+TEST_F(SyncManagerTest, ChangingTheSpeedWhileRunningMovesTheWholeClock) {
+  Passes();
+  sync_.SetSpeed(2.0);
+  EXPECT_EQ(Passes(), 2);
+  EXPECT_NE(Log().TryTake(L"Internal sync timeout"), L"");
+
+  // Slower again: no tick until the clock has caught up with where it was.
+  sync_.SetSpeed(1.0);
+  EXPECT_EQ(Run(5000), 0);
+}
+
+TEST_F(SyncManagerTest, SpeedWithoutMeaningStopsTheTicksAndNothingElse) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (const double speed :
+       {infinity, -infinity, std::numeric_limits<double>::quiet_NaN(), 1e300, -1e300, 0.0, -1.0}) {
+    SyncManager sync(L"odd");
+    sync.AddTarget(&target_);
+    sync.SetSyncFreq(0x7FFFFFFF, 192);
+    sync.SetSpeed(speed);
+    EXPECT_TRUE(sync.Pass()) << speed;
+    for (int i = 0; i < 100; ++i) {
+      clock_.AdvanceMs(1);
+      sync.OnSync(nullptr, std::numeric_limits<int64_t>::max() - 100 + i, 1);
+      EXPECT_FALSE(sync.Pass()) << speed;
+    }
+  }
+}
+
+TEST_F(SyncManagerTest, ManagerWithoutAStepLetsItsThreadSleep) {
+  SyncManager idle(L"idle");
+  idle.AddTarget(&target_);
+  EXPECT_FALSE(idle.Pass());
+  EXPECT_EQ(target_.Count(), 1u);
+}
+
+TEST_F(SyncManagerTest, LocksToASourceAndFollowsItsRate) {
+  Passes();
+  RunWithSource(200, 48000, 1.01);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 0) << "four reports are too few";
+  RunWithSource(50, 48000, 1.01);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+
+  // 20 s of a source that is one per cent fast: 1.01 * 250 ticks a second, without a jump.
+  EXPECT_NEAR(RunWithSource(20'000, 48000, 1.01), 20 * 252.5, 2);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+}
+
+TEST_F(SyncManagerTest, SourceMayRunAtAnotherRate) {
+  Passes();
+  RunWithSource(1000, 96000, 0.98);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+  EXPECT_NEAR(RunWithSource(20'000, 96000, 0.98), 20 * 245.0, 2);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+}
+
+TEST_F(SyncManagerTest, ShortSpanOrFewReportsGiveNoLock) {
+  Passes();
+  for (int i = 0; i < 20; ++i) {  // 0.19 s at 48000 Hz
+    sync_.OnSync(nullptr, 480 * i, 48000);
+    Run(10);
+  }
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 0);
+  sync_.OnSync(nullptr, 9600, 48000);  // a fifth of a second
+  Run(1);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+}
+
+TEST_F(SyncManagerTest, LostPositionEndsTheLockWithoutAJump) {
+  Passes();
+  const int64_t before = RunWithSource(1000, 48000, 1.5);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+  EXPECT_GT(before, 300) << "the lock was never followed";
+
+  for (const auto& [pos, freq] : {std::pair<int64_t, uint32_t>{-1, 48000}, {4800, 0}}) {
+    const int fails = LogCount(L"Sync FAIL");
+    sync_.OnSync(nullptr, pos, freq);
+    EXPECT_EQ(LogCount(L"Sync FAIL"), fails) << "told only by the next pass";
+    EXPECT_LE(Passes(), 1);
+    EXPECT_EQ(LogCount(L"Sync FAIL"), fails + 1);
+    EXPECT_NEAR(Run(1000), 250, 1);
+    RunWithSource(500, 48000, 1.5);
+  }
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 3);
+  EXPECT_EQ(LogCount(L"Sync FAIL. Internal"), 0);
+}
+
+TEST_F(SyncManagerTest, ReportAfterSilenceStartsTheMeasurementAnew) {
+  Passes();
+  RunWithSource(500, 48000, 1.01);
+  ASSERT_EQ(LogCount(L"Sync LOCK"), 1);
+
+  // 50 ms have passed since the latest report: exactly two seconds are still good.
+  Run(1950);
+  sourceSeconds_ += 1.95;
+  Report(48000);
+  Run(1);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+
+  Run(2000);
+  sourceSeconds_ += 2.001;
+  Report(48000);
+  Run(1);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 1);
+
+  // That report was dropped; five more are needed.
+  RunWithSource(200, 48000, 1.01);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+  RunWithSource(50, 48000, 1.01);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 2);
+}
+
+TEST_F(SyncManagerTest, TargetsAreASet) {
+  Target second;
+  sync_.AddTarget(&target_);
+  sync_.AddTarget(&second);
+  Passes();
+  EXPECT_EQ(target_.Count(), 1u);
+  EXPECT_EQ(second.Count(), 1u);
+
+  EXPECT_TRUE(sync_.DelTarget(&second).IsOk());
+  const ErrInfo error = sync_.DelTarget(&second);
+  const std::wstring text = error.ToString();
+  EXPECT_EQ(text.substr(0, text.find(L" Line=")),
+            L" ErrStr=Sync target not found Method=Network::SyncManager::DelTarget "
+            L"File=src\\SyncManager");
+  Log().Allow(L"Sync target not found");
+  clock_.AdvanceMs(4);
+  Passes();
+  EXPECT_EQ(target_.Count(), 2u);
+  EXPECT_EQ(second.Count(), 1u);
+}
+
+TEST_F(SyncManagerTest, TargetThatThrowsCostsNobodyATick) {
+  Target bad;
+  bad.throws = true;
+  sync_.AddTarget(&bad);
+  Passes();
+  clock_.AdvanceMs(4);
+  Passes();
+  EXPECT_EQ(target_.Positions(), (std::vector<int64_t>{0, 192}));
+  EXPECT_EQ(LogCount(L"Sync target failed: "), 2);
+}
+
+TEST_F(SyncManagerTest, ThreadTicksWhileStartedAndThePositionGoesOn) {
+  EXPECT_FALSE(sync_.IsStarted());
+  EXPECT_TRUE(sync_.Stop().IsOk());
+  EXPECT_TRUE(Log().Lines().empty());
+
+  EXPECT_TRUE(sync_.Start().IsOk());
+  EXPECT_TRUE(sync_.Start().IsOk());
+  EXPECT_TRUE(sync_.IsStarted());
+  ASSERT_TRUE(target_.WaitCount(1));
+  clock_.AdvanceMs(4);
+  ASSERT_TRUE(target_.WaitCount(2));
+  EXPECT_TRUE(sync_.Stop().IsOk());
+  EXPECT_FALSE(sync_.IsStarted());
+  EXPECT_EQ(target_.Count(), 2u);
+
+  // Stop writes the series, in this order; the clock stood still but for one step.
+  std::vector<std::wstring> names;
+  for (const std::wstring& line : Log().Lines())
+    names.push_back(line.substr(0, line.find(L": N=")));
+  const std::wstring prefix = L"STATISTICS: unit.SyncManager.";
+  EXPECT_EQ(names, (std::vector<std::wstring>{prefix + L"OutSyncFreq", prefix + L"OutSyncDur",
+                                              prefix + L"OutWaitFreq", prefix + L"OutWaitDur"}));
+  EXPECT_EQ(Log().Lines()[0].find(L": N=1, E=4, J=0, S=0, Min=4, Max=4("), prefix.size() + 11);
+  EXPECT_EQ(Log().Lines()[1].find(L": N=2, E=0, Min=0, Max=0("), prefix.size() + 10);
+
+  clock_.AdvanceMs(1000);
+  EXPECT_TRUE(sync_.Start().IsOk());
+  ASSERT_TRUE(target_.WaitCount(3));
+  sync_.Stop();
+  EXPECT_EQ(target_.Positions(), (std::vector<int64_t>{0, 192, 384}));
+}
+
+// Start and Stop from three threads, with a controller that changes the rate and a source that
+// reports meanwhile: no thread is joined twice, none is left behind, nothing is torn.
+TEST_F(SyncManagerTest, AllSidesAtOnce) {
+  std::atomic<int> stoppers{2};
+  const auto stopRepeatedly = [this, &stoppers] {
+    for (int i = 0; i < 100; ++i) {
+      target_.WaitCount(target_.Count() + 1);
+      sync_.Stop();
+    }
+    --stoppers;
+  };
+  std::thread others[] = {
+      std::thread(stopRepeatedly),
+      std::thread(stopRepeatedly),
+      std::thread([this, &stoppers] {
+        for (int64_t pos = 0; stoppers != 0; pos += 1000)
+          sync_.OnSync(nullptr, pos, 48000);
+      }),
+      std::thread([this, &stoppers] {
+        while (stoppers != 0) {
+          sync_.SetSyncFreq(sync_.GetSyncFreq() == 48000 ? 44100 : 48000, 192);
+          clock_.AdvanceMs(1);
+        }
+      }),
+  };
+  while (stoppers != 0)
+    sync_.Start();
+  for (std::thread& other : others)
+    other.join();
+  sync_.Stop();
+  EXPECT_FALSE(sync_.IsStarted());
+  const std::vector<int64_t> positions = target_.Positions();
+  for (size_t i = 0; i < positions.size(); ++i)
+    ASSERT_EQ(positions[i], static_cast<int64_t>(i) * 192);
+}
+
+}  // namespace
