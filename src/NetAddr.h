@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/socketaddress.h"
+
 namespace Network {
 
 class NetAddr {
@@ -12,9 +14,11 @@ class NetAddr {
   // Undefined.
   NetAddr() = default;
 
+  explicit NetAddr(const platform::SocketAddress& raw) : raw_(raw) {}
+
   // The address isn't the undefined one. The port plays no part. So 255.255.255.255 can't be held:
   // no socket binds to it or sends to it.
-  bool IsDefined() const { return address_ != kUndefined; }
+  bool IsDefined() const;
 
   // Takes a.b.c.d or a.b.c.d:port, strictly: four decimal parts without leading zeros, nothing
   // behind. Without a port the port is 0. On a text that can't be taken the address becomes
@@ -32,15 +36,13 @@ class NetAddr {
 
   uint16_t Port() const;  // host order; 0 when none
 
+  // As the socket calls take it.
+  const platform::SocketAddress& Raw() const { return raw_; }
+
   bool operator==(const NetAddr&) const = default;
 
  private:
-  static constexpr uint32_t kUndefined = 0xFFFFFFFF;
-
-  uint16_t family_ = 2;            // the IPv4 family, host order
-  uint16_t port_ = 0;              // network byte order
-  uint32_t address_ = kUndefined;  // network byte order
-  uint8_t filler_[8] = {};
+  platform::SocketAddress raw_;
 };
 
 static_assert(sizeof(NetAddr) == 16);
