@@ -26,15 +26,11 @@ EnvironmentRef::~EnvironmentRef() {
 }
 
 IEnvironment* EnvironmentRef::Get() {
-  gate.Acquire();
-  IEnvironment* result = nullptr;
-  {
-    std::lock_guard lock(*gate.mutex.load());
-    if (!environment.load()) environment.store(Create().release());
-    result = environment.load();
-  }
-  gate.Release();  // the reference of this object still stands
-  return result;
+  // One reference more while the gate's mutex is in use, given back also when Create throws.
+  const EnvironmentRef held;
+  std::lock_guard lock(*gate.mutex.load());
+  if (!environment.load()) environment.store(Create().release());
+  return environment.load();
 }
 
 void ReleaseEnvironment() {
@@ -45,8 +41,8 @@ std::shared_ptr<IDebugLog> GetDebugLog() {
   return EnvironmentRef().Get()->GetLog();
 }
 
-void SetEnvironmentFactory(EnvironmentFactory create) {
-  factory.store(create);
+EnvironmentFactory SetEnvironmentFactory(EnvironmentFactory create) {
+  return factory.exchange(create);
 }
 
 EnvironmentCommon::EnvironmentCommon() : log_(CreateDebugLog()) {}

@@ -41,6 +41,7 @@ void ReleaseEnvironment();
 // The log, for a part that keeps it as a field.
 std::shared_ptr<IDebugLog> GetDebugLog();
 
-// What the first Get creates; null brings EnvironmentCommon back. For tests, before any use.
+// What the first Get creates; null brings EnvironmentCommon back. The result is the one before. For
+// tests: an environment that stands already stays until it is released.
 using EnvironmentFactory = std::unique_ptr<IEnvironment> (*)();
-void SetEnvironmentFactory(EnvironmentFactory factory);
+EnvironmentFactory SetEnvironmentFactory(EnvironmentFactory factory);

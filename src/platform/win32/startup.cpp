@@ -21,10 +21,11 @@ void OpenIfClosed(DWORD which, DWORD access) {
   if (null != INVALID_HANDLE_VALUE) SetStdHandle(which, null);
 }
 
-BOOL WINAPI OnControl(DWORD) {
+BOOL WINAPI OnControl(DWORD event) {
   SetEvent(stopSignal);
-  // For a closing console Windows ends the process when the handler returns, so it stays here until
-  // the main thread has ended the process; Windows itself bounds the wait.
+  // When the console closes or the user logs off, Windows ends the process as soon as the handler
+  // returns: it stays here, so that the main thread can end the run. Windows bounds the wait.
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) Sleep(INFINITE);
   return TRUE;
 }
 

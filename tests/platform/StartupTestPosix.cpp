@@ -1,0 +1,215 @@
+// The process around the program, each time in a child process that has its own descriptors and
+// signals. A child ends itself by an alarm if it hangs.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/startup.h"
+#include "platform/thread.h"
+
+namespace {
+
+constexpr int kReady = 'r';
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
+  ~Pipe() {
+    CloseRead();
+    CloseWrite();
+  }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  int Read() const { return ends[0]; }
+  int Write() const { return ends[1]; }
+  void CloseRead() { Close(ends[0]); }
+  void CloseWrite() { Close(ends[1]); }
+
+  int ends[2] = {-1, -1};
+
+ private:
+  static void Close(int& descriptor) {
+    if (descriptor != -1) close(descriptor);
+    descriptor = -1;
+  }
+};
+
+// Runs `body` in a child process; its result is the exit status.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& body) : id_(fork()) {
+    if (id_ != 0) return;
+    alarm(20);
+    _exit(body());
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  void Signal(int number) const { EXPECT_EQ(kill(id_, number), 0); }
+
+  // Exit status, or minus the signal that killed it.
+  int Wait() const {
+    int status = 0;
+    while (waitpid(id_, &status, 0) == -1 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  const pid_t id_;
+};
+
+bool IsNullDevice(int descriptor, int mode) {
+  struct stat here {};
+  struct stat null {};
+  return fstat(descriptor, &here) == 0 && stat("/dev/null", &null) == 0 && S_ISCHR(here.st_mode) &&
+         here.st_rdev == null.st_rdev && (fcntl(descriptor, F_GETFL) & O_ACCMODE) == mode;
+}
+
+// Started with closed standard descriptors, the first socket would get number 0 and the wait for a
+// character would read from it.
+TEST(Startup, ClosedDescriptorsAreOpenedOnTheNullDevice) {
+  for (int closed = 0; closed < 8; ++closed) {
+    const Child child([closed] {
+      for (int descriptor = 0; descriptor < 3; ++descriptor) {
+        if (closed & (1 << descriptor)) close(descriptor);
+      }
+      platform::Startup();
+      if (dup(0) < 3) return 10;
+      for (int descriptor = 0; descriptor < 3; ++descriptor) {
+        const int mode = descriptor == 0 ? O_RDONLY : O_WRONLY;
+        const bool wasClosed = (closed & (1 << descriptor)) != 0;
+        if (wasClosed && !IsNullDevice(descriptor, mode)) return 20 + descriptor;
+      }
+      if (closed & 1) platform::WaitForInput();  // the end of input is there at once
+      return 0;
+    });
+    EXPECT_EQ(child.Wait(), 0) << "closed: " << closed;
+  }
+}
+
+TEST(Startup, WritingToABrokenPipeDoesNotEndTheProcess) {
+  Pipe output;
+  output.CloseRead();
+  const Child child([&] {
+    dup2(output.Write(), STDOUT_FILENO);
+    platform::Startup();
+    platform::WriteConsole("nobody hears this");
+    return 7;
+  });
+  EXPECT_EQ(child.Wait(), 7);
+}
+
+// More than a pipe holds at once, into a pipe that doesn't block: nothing may be lost.
+TEST(Startup, ConsoleGetsAllBytes) {
+  std::string bytes;
+  for (int i = 0; i < 300'000; ++i)
+    bytes += static_cast<char>(i * 7);
+  Pipe output;
+  const Child child([&] {
+    fcntl(output.Write(), F_SETFL, O_NONBLOCK);
+    dup2(output.Write(), STDOUT_FILENO);
+    platform::Startup();
+    platform::WriteConsole(bytes);
+    return 0;
+  });
+  output.CloseWrite();
+  std::string got;
+  char buffer[4096];
+  for (ssize_t count = 0; (count = read(output.Read(), buffer, sizeof buffer)) > 0;)
+    got.append(buffer, static_cast<size_t>(count));
+  EXPECT_EQ(child.Wait(), 0);
+  EXPECT_EQ(got, bytes);
+}
+
+// A child that waits for input on a pipe and reports when it is about to.
+class WaitForInputTest : public testing::Test {
+ protected:
+  WaitForInputTest()
+      : child_([this] {
+          dup2(input_.Read(), STDIN_FILENO);
+          input_.CloseWrite();
+          platform::Startup();
+          const char ready = kReady;
+          if (write(ready_.Write(), &ready, 1) != 1) return 1;
+          platform::WaitForInput();
+          return 42;
+        }) {
+    ready_.CloseWrite();
+    char ready = 0;
+    EXPECT_EQ(read(ready_.Read(), &ready, 1), 1);
+  }
+
+  Pipe input_;
+  Pipe ready_;
+  Child child_;
+};
+
+TEST_F(WaitForInputTest, EndsOnACharacter) {
+  EXPECT_EQ(write(input_.Write(), "q", 1), 1);
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
+TEST_F(WaitForInputTest, EndsOnTheEndOfInput) {
+  input_.CloseWrite();
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
+TEST_F(WaitForInputTest, EndsOnSigterm) {
+  child_.Signal(SIGTERM);
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
+TEST_F(WaitForInputTest, EndsOnCtrlC) {
+  child_.Signal(SIGINT);
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
+// Another signal neither ends the wait nor the input: the character still does.
+TEST_F(WaitForInputTest, OutlastsOtherSignals) {
+  child_.Signal(SIGWINCH);
+  child_.Signal(SIGSTOP);
+  child_.Signal(SIGCONT);
+  EXPECT_EQ(write(input_.Write(), "q", 1), 1);
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
+TEST(Startup, SignalBeforeTheWaitEndsItAtOnce) {
+  Pipe input;
+  const Child child([&] {
+    dup2(input.Read(), STDIN_FILENO);
+    platform::Startup();
+    raise(SIGTERM);
+    platform::WaitForInput();
+    return 42;
+  });
+  EXPECT_EQ(child.Wait(), 42);
+}
+
+// Without the right to real-time priority the thread goes on as it is; with it, it gets one that
+// leaves the kernel's own threads ahead.
+TEST(Thread, TimeCriticalIsRoundRobinOrNothing) {
+  int policy = -1;
+  sched_param param{};
+  std::thread([&] {
+    platform::SetTimeCritical();
+    policy = sched_getscheduler(0);
+    sched_getparam(0, &param);
+  }).join();
+  if (policy == SCHED_RR) {
+    EXPECT_TRUE(param.sched_priority >= 1 && param.sched_priority <= 80) << param.sched_priority;
+  } else {
+    EXPECT_EQ(policy, sched_getscheduler(0));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+#include "runtime/DebugLog.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "platform/text.h"
+#include "platform/thread.h"
+#include "support/ManualClock.h"
+
+namespace {
+
+// Keeps the lines; the writer can be held back in front of them.
+class Listener final : public IDebugLogSniffer {
+ public:
+  void Sniff(const std::wstring& line) override {
+    std::unique_lock lock(mutex_);
+    ++waiting_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return !held_; });
+    lines_.push_back(line);
+    changed_.notify_all();
+  }
+
+  void Hold(bool held) {
+    std::lock_guard lock(mutex_);
+    held_ = held;
+    changed_.notify_all();
+  }
+  // The writer stands in front of its first line.
+  bool WaitArrived() {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10), [this] { return waiting_ > 0; });
+  }
+  std::vector<std::wstring> Lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool held_ = false;
+  int waiting_ = 0;
+  std::vector<std::wstring> lines_;
+};
+
+class DebugLogTest : public testing::Test {
+ protected:
+  DebugLogTest() { log_->SetSniffer(&listener_); }
+  ~DebugLogTest() override { log_->SetSniffer(nullptr); }
+
+  // What the listener has been shown of all that was written before, without the prefixes.
+  std::vector<std::wstring> Texts() {
+    log_->SetSniffer(nullptr);
+    std::vector<std::wstring> texts;
+    for (const std::wstring& line : listener_.Lines())
+      texts.push_back(line.substr(37));
+    return texts;
+  }
+
+  Listener listener_;
+  std::shared_ptr<IDebugLog> log_ = std::make_shared<CDebugLog>();
+};
+
+std::wstring Hex8(uint32_t value) {
+  std::wstring text(8, L'0');
+  for (size_t i = 8; i-- > 0; value /= 16)
+    text[i] = L"0123456789ABCDEF"[value % 16];
+  return text;
+}
+
+TEST_F(DebugLogTest, LineHasLocalTimeThreadNumberAndText) {
+  ManualClock clock;
+  clock.SetLocal({2031, 2, 3, 4, 5, 6, 7});
+  std::wstring expected;
+  std::thread([&] {
+    expected = L"2031/02/03 04:05:06.007 @ " + Hex8(platform::ThreadNumber()) + L" @ a text\r\n";
+    log_->Write(L"a text");
+  }).join();
+  log_->SetSniffer(nullptr);
+  EXPECT_EQ(listener_.Lines(), std::vector<std::wstring>{expected});
+}
+
+TEST_F(DebugLogTest, EveryFormOfWriteGivesTheSameLine) {
+  log_->Write(std::string("\xC3\xA4x"));
+  log_->Write("\xC3\xA4xyz", 3);
+  log_->Write("\xC3\xA4x");
+  log_->Write(std::wstring(L"\u00e4x"));
+  log_->Write(L"\u00e4xyz", 2);
+  log_->Write(L"\u00e4x");
+  EXPECT_EQ(Texts(), std::vector<std::wstring>(6, L"\u00e4x\r\n"));
+}
+
+TEST_F(DebugLogTest, TrailingNulsAreDroppedAndAnEmptyTextGivesNoLine) {
+  log_->Write(L"");
+  log_->Write(L"\0\0\0", 3);
+  log_->Write(std::string());
+  log_->Write(std::wstring(L"hello\0\0", 7));
+  log_->Write(std::wstring(L"in\0side", 7));
+  log_->Write("bytes\0", 6);
+  EXPECT_EQ(Texts(), (std::vector<std::wstring>{L"hello\r\n", std::wstring(L"in\0side\r\n", 9),
+                                                L"bytes\r\n"}));
+}
+
+TEST_F(DebugLogTest, MalformedNarrowTextIsTheCallersFault) {
+  EXPECT_THROW(log_->Write("\xFF"), std::range_error);
+  EXPECT_THROW(log_->WriteDebug(std::string("\xFF")), std::range_error);
+  EXPECT_TRUE(Texts().empty());
+}
+
+TEST_F(DebugLogTest, SecondChannelIsDiscarded) {
+  log_->WriteDebug("a");
+  log_->WriteDebug("a", 1);
+  log_->WriteDebug(std::string("a"));
+  log_->WriteDebug(L"a");
+  log_->WriteDebug(L"a", 1);
+  log_->WriteDebug(std::wstring(L"a"));
+  EXPECT_TRUE(Texts().empty());
+}
+
+// Text from the network may hold half a surrogate pair. The writer must come through it, with the
+// console's conversion too, and show what follows.
+TEST_F(DebugLogTest, TextThatIsNoUnicodeDoesNotEndTheWriter) {
+  LogToConsoleSniffer console;
+  log_->SetSniffer(&console);
+  testing::internal::CaptureStdout();
+  const wchar_t lone[] = {L'<', static_cast<wchar_t>(0xD800), L'>', 0};
+  log_->Write(lone);
+  log_->Write(L"next");
+  log_->SetSniffer(nullptr);
+  const std::string shown = testing::internal::GetCapturedStdout();
+  EXPECT_NE(shown.find(" @ <\xEF\xBF\xBD>\r\n\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find(" @ next\r\n\n"), std::string::npos) << shown;
+}
+
+class ThrowingListener final : public IDebugLogSniffer {
+ public:
+  void Sniff(const std::wstring&) override {
+    ++calls;
+    throw std::runtime_error("no console");
+  }
+  std::atomic<int> calls{0};
+};
+
+TEST_F(DebugLogTest, ListenerThatThrowsLosesOnlyItsLine) {
+  ThrowingListener bad;
+  log_->SetSniffer(&bad);
+  log_->Write(L"one");
+  log_->Write(L"two");
+  log_->SetSniffer(nullptr);
+  EXPECT_EQ(bad.calls, 2);
+  log_->SetSniffer(&listener_);
+  log_->Write(L"three");
+  EXPECT_EQ(Texts(), std::vector<std::wstring>{L"three\r\n"});
+}
+
+// The last lines of a run are written just before the listener goes: it must see them, and none
+// once it is gone.
+TEST_F(DebugLogTest, ListenerSeesAllThatWasWrittenBeforeItIsRemoved) {
+  listener_.Hold(true);
+  log_->Write(L"Stop  OK");
+  ASSERT_TRUE(listener_.WaitArrived());
+  for (int i = 0; i < 100; ++i)
+    log_->Write(L"more");
+  std::thread release([this] { listener_.Hold(false); });
+  log_->SetSniffer(nullptr);
+  release.join();
+  EXPECT_EQ(listener_.Lines().size(), 101u);
+
+  log_->Write(L"behind it");
+  log_.reset();  // ends when the queue is empty
+  log_ = std::make_shared<CDebugLog>();
+  EXPECT_EQ(listener_.Lines().size(), 101u);
+}
+
+TEST_F(DebugLogTest, DestructionShowsWhatIsQueuedFirst) {
+  listener_.Hold(true);
+  for (int i = 0; i < 50; ++i)
+    log_->Write(L"line");
+  ASSERT_TRUE(listener_.WaitArrived());
+  std::thread release([this] { listener_.Hold(false); });
+  log_.reset();
+  release.join();
+  EXPECT_EQ(listener_.Lines().size(), 50u);
+  log_ = std::make_shared<CDebugLog>();
+}
+
+TEST_F(DebugLogTest, LinesOfOneThreadKeepTheirOrder) {
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < 4; ++writer) {
+    writers.emplace_back([this, writer] {
+      for (int i = 0; i < 500; ++i)
+        log_->Write(std::to_wstring(writer) + L":" + std::to_wstring(i));
+    });
+  }
+  for (std::thread& writer : writers)
+    writer.join();
+  const std::vector<std::wstring> texts = Texts();
+  ASSERT_EQ(texts.size(), 2000u);
+  int next[4] = {};
+  for (const std::wstring& text : texts) {
+    const size_t writer = static_cast<size_t>(text[0] - L'0');
+    ASSERT_EQ(text, std::to_wstring(writer) + L":" + std::to_wstring(next[writer]++) + L"\r\n");
+  }
+}
+
+}  // namespace
