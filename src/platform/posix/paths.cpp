@@ -1,0 +1,44 @@
+#include "platform/paths.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/text.h"
+
+namespace platform {
+
+wchar_t PathSeparator() {
+  return L'/';
+}
+
+std::wstring ModuleFile() {
+  std::string path(256, '\0');
+  for (;;) {
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    if (length < 0) return {};
+    if (static_cast<size_t>(length) < path.size()) {
+      path.resize(static_cast<size_t>(length));
+      break;
+    }
+    path.resize(path.size() * 2);  // it was cut
+  }
+  // Linux adds this when the file was replaced while the program runs; the settings still stand
+  // beside the old name. A file may also really be called so.
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (path.ends_with(kDeleted) && access(path.c_str(), F_OK) != 0) {
+    path.resize(path.size() - kDeleted.size());
+  }
+  return Utf8ToWideLossy(path);
+}
+
+std::wstring TempDir() {
+  // A relative TMPDIR would move with the working directory.
+  const char* named = std::getenv("TMPDIR");
+  std::string dir = named && named[0] == '/' ? named : "/tmp";
+  if (dir.back() != '/') dir += '/';
+  return Utf8ToWideLossy(dir);
+}
+
+}  // namespace platform
