@@ -263,6 +263,29 @@ TEST_F(SyncManagerTest, ShortSpanOrFewReportsGiveNoLock) {
   EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
 }
 
+TEST_F(SyncManagerTest, FourReportsAreTooFewHoweverLongTheSpan) {
+  Passes();
+  for (int i = 0; i < 4; ++i, sourceSeconds_ += 1) {
+    Report(48000);
+    Run(1000);
+  }
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 0);
+  Report(48000);
+  Run(1);
+  EXPECT_EQ(LogCount(L"Sync LOCK"), 1);
+}
+
+// A source that began one tenth fast and then slowed down: the ticks end up with the source, not
+// with the rate of the first second.
+TEST_F(SyncManagerTest, RatioIsMeasuredAnewWithEveryReport) {
+  Passes();
+  const double begin = sourceSeconds_;
+  int ticks = RunWithSource(1000, 48000, 1.1);
+  ticks += RunWithSource(10'000, 48000, 1.0);
+  EXPECT_NEAR(ticks, (sourceSeconds_ - begin) * 250, 10);
+  EXPECT_EQ(LogCount(L"Sync FAIL"), 0);
+}
+
 TEST_F(SyncManagerTest, LostPositionEndsTheLockWithoutAJump) {
   Passes();
   const int64_t before = RunWithSource(1000, 48000, 1.5);

@@ -54,11 +54,11 @@ TEST_P(SyncPaceTest, TicksKeepTheRateOfTheCounter) {
     const int64_t end = platform::GetClock().Counter();
     if (Log().Count(L"Internal sync timeout") != 0) continue;
 
-    EXPECT_GT(pacer.earliest, -10 * kTicksPerMs);
+    EXPECT_GT(pacer.earliest, -85 * kTicksPerMs);
     EXPECT_LT(pacer.latest, 85 * kTicksPerMs);
     const double expected = static_cast<double>(end - start) * GetParam() /
                             (192.0 * static_cast<double>(platform::kCounterFrequency));
-    EXPECT_NEAR(static_cast<double>(pacer.count), expected, 25);
+    EXPECT_NEAR(static_cast<double>(pacer.count), expected, 40);
     platform::EndTimerPeriod();
     return;
   }
