@@ -72,6 +72,9 @@ class Value {
  private:
   friend class ParsingBuilder;
 
+  void DropChildren() noexcept;
+  void BecomeScalar(Type type);
+
   int32_t type_ = Undefined;
   int32_t constant_ = 0;
   std::wstring string_;
