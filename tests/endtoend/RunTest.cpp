@@ -1,0 +1,275 @@
+// One whole life of the program: start, settings, end.
+#include <algorithm>
+#include <filesystem>
+
+#include "endtoend/EndToEnd.h"
+
+namespace {
+
+constexpr char kDefaults[] = R"({"AddrStr":"","BasePort":8000,"BroadcastPort":15001})";
+constexpr char kDefaultUnit[] =
+    R"({"AddrStr":"","BasePort":8000,"BroadcastPort":15001,"units":[{"Mode":0,"SampleFreq":48000,)"
+    R"("Speed":1.00000,"UnitId":"emulator1","UnitType":"QZ610"}]})";
+
+class Run : public EndToEnd {};
+
+size_t IndexOf(const std::vector<Process::Line>& lines, const std::string& part) {
+  for (const Process::Line& line : lines) {
+    if (line.text.find(part) != std::string::npos) return line.number;
+  }
+  ADD_FAILURE() << "no line with " << part;
+  return 0;
+}
+
+TEST_F(Run, TheFirstWritesTheDefaultsAndTheSecondGetsTheDefaultUnit) {
+  EmulatorProcess emulator;
+  emulator.Start();
+  const std::string path = emulator.SettingsPath().string();
+  EXPECT_TRUE(emulator.Line(path).starts_with(" ErrType=1 ErrCode=2 ErrStr="));
+  emulator.Line(" Start OK");
+  EXPECT_EQ(emulator.ReadSettings(), kDefaults);
+  emulator.Stop();
+  const auto lines = emulator.Child().Lines();
+  EXPECT_LT(IndexOf(lines, path), IndexOf(lines, "QZ-640 Emulator: "));
+
+  for (int run = 0; run < 2; ++run) {
+    emulator.StartAndWait();
+    EXPECT_EQ(emulator.ReadSettings(), kDefaultUnit);
+    emulator.Stop();
+  }
+}
+
+TEST_F(Run, TellsItsStagesOnTheConsole) {
+  EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+  const std::string settings = emulator.ReadSettings();
+  emulator.StartAndWait();
+  emulator.Stop();
+  EXPECT_EQ(emulator.ReadSettings(), settings);
+
+  const auto lines = emulator.Child().Lines();
+  const size_t stages[] = {
+      IndexOf(lines, " @ QZ-640 Emulator: " + settings + " "),
+      IndexOf(lines, " @  Init OK"),
+      IndexOf(lines, " @  Start OK"),
+      IndexOf(lines, " @ Stop  OK"),
+  };
+  EXPECT_TRUE(std::is_sorted(std::begin(stages), std::end(stages)));
+  // A line ends as in the log file, and the console adds a line feed of its own.
+  EXPECT_NE(emulator.Child().Output().find(settings + " \r\n\r\n\n"), std::string::npos);
+  EXPECT_NE(emulator.Child().Output().find(" @ Stop  OK\r\n\n"), std::string::npos);
+}
+
+TEST_F(Run, LeavesNothingBesideItsSettings) {
+  EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+  emulator.StartAndWait();
+  emulator.Stop();
+  std::vector<std::string> names;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(emulator.SettingsPath().parent_path())) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  const std::string settings = emulator.SettingsPath().filename().string();
+  const std::string executable = emulator.SettingsPath().stem().string();
+  EXPECT_EQ(names, (std::vector<std::string>{executable, settings, "tmp"}));
+}
+
+struct Ending {
+  const char* name;
+  void (*end)(Process&);
+};
+
+void PrintTo(const Ending& ending, std::ostream* out) {
+  *out << ending.name;
+}
+
+class RunEnds : public testing::TestWithParam<Ending> {};
+
+TEST_P(RunEnds, InGoodOrder) {
+  EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+  emulator.StartAndWait();
+  GetParam().end(emulator.Child());
+  emulator.ExpectOrderlyEnd();
+  EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , RunEnds,
+    testing::Values(
+        Ending{"AtOneCharacter", [](Process& child) { child.Write("x"); }},
+        Ending{"AtTheEndOfInput", [](Process& child) { child.CloseInput(); }},
+        Ending{"OnInterrupt", [](Process& child) { child.Send(Process::Signal::Interrupt); }},
+        Ending{"OnTerminate", [](Process& child) { child.Send(Process::Signal::Terminate); }}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+// The failure of a stage stands in the log twice: behind the stage's words, and at the end of the
+// run as the bare failure.
+void ExpectFailedStage(EmulatorProcess& emulator, const std::string& stage,
+                       const std::string& failure) {
+  emulator.Start();
+  emulator.Allow(failure);
+  emulator.ExpectOrderlyEnd();
+  const auto lines = emulator.LinesWith(failure);
+  ASSERT_EQ(lines.size(), 2u) << emulator.Child().Output();
+  EXPECT_EQ(lines[0], stage + lines[1]);
+  EXPECT_TRUE(lines[1].starts_with(" Err")) << lines[1];
+  EXPECT_TRUE(emulator.LinesWith("Stop  OK").empty());
+}
+
+TEST_F(Run, EndsAfterAFailedInitWithoutAKey) {
+  EmulatorProcess unsupported({UnitSpec{.sampleFreq = 96000}});
+  ExpectFailedStage(unsupported, " Init FAILED. ERR=", "Sample freq 96000 is not supported");
+  EXPECT_TRUE(unsupported.LinesWith("Sample freq")[1].starts_with(
+      " ErrStr=Sample freq 96000 is not supported Method=Network::AudioCardEmu::InitAudio "
+      "File=src\\AudioCardEmu Line="));
+
+  // The second unit's failure takes the first one with it.
+  EmulatorProcess negative({{}, {.sampleFreq = -1}});
+  ExpectFailedStage(negative, " Init FAILED. ERR=", "Sample freq -1 is not supported");
+}
+
+TEST_F(Run, EndsAfterAFailedStartWithoutAKey) {
+  {
+    EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+    wire::Socket occupant(emulator.Control(kQz820), [](const wire::Datagram&) {});
+    ExpectFailedStage(emulator, " Start FAILED. ERR=", "bind socket failed");
+  }
+  {
+    EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+    wire::Socket occupant(emulator.Discovery(), [](const wire::Datagram&) {});
+    ExpectFailedStage(emulator, " Start FAILED. ERR=", "bind socket failed");
+  }
+  {
+    // An address that no interface has: RFC 5737 keeps it for documents.
+    EmulatorProcess emulator;
+    emulator.WriteSettings(SettingsText("192.0.2.1", 8000, 15001, {{.type = "QZ820"}}));
+    ExpectFailedStage(emulator, " Start FAILED. ERR=", "bind socket failed");
+  }
+}
+
+TEST_F(Run, GoesOnWithoutAnOutputWhosePortIsTaken) {
+  EmulatorProcess emulator({UnitSpec{}});
+  wire::Socket occupant(emulator.Control(2), [](const wire::Datagram&) {});
+  emulator.StartAndWait();
+  emulator.Line("bind socket failed");
+  EXPECT_EQ(emulator.LinesWith("bind socket failed").size(), 1u);
+  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+}
+
+TEST_F(Run, WithoutAnInputStartsAndStopsAtOnce) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.Start({.withoutInput = true});
+  emulator.ExpectOrderlyEnd();
+  EXPECT_EQ(emulator.LinesWith(" Start OK").size(), 1u);
+  EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
+
+  emulator.Start({.withoutInput = true, .withoutOutput = true});
+  emulator.ExpectOrderlyEnd();
+}
+
+// Descriptor 1 must not become a socket that the log is then written to.
+TEST_F(Run, WithoutAnOutputServesAsEver) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.Start({.withoutOutput = true});
+  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+  emulator.Stop();
+  EXPECT_EQ(Types(controller.Received()), std::vector<std::string>{"dev_info"});
+}
+
+TEST_F(Run, OutlivesTheReaderOfItsOutput) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.StartAndWait();
+  emulator.Child().StopReading();
+  for (int i = 0; i < 3; ++i)
+    controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+}
+
+TEST_F(Run, FillsInWhatTheFileLeavesOutAndDropsWhatNobodyKnows) {
+  EmulatorProcess emulator;
+  emulator.WriteSettings(
+      " {\"zzz\" : [1, {}], \"units\":[ {} ,\n{\"UnitType\":\"QZ820\", \"Speed\":2, "
+      "\"UnitId\":\"B\xC3\xBChne \xF0\x9D\x84\x9E\"} ] , \"BasePort\" : 9000 }\n");
+  emulator.StartAndWait();
+  EXPECT_EQ(emulator.ReadSettings(),
+            R"({"AddrStr":"","BasePort":9000,"BroadcastPort":15001,"units":[)"
+            R"({"Mode":0,"SampleFreq":48000,"Speed":1.00000,"UnitId":"emulator1",)"
+            R"("UnitType":"QZ610"},{"Mode":0,"SampleFreq":48000,"Speed":2.00000,)"
+            "\"UnitId\":\"B\xC3\xBChne \xF0\x9D\x84\x9E\",\"UnitType\":\"QZ820\"}]}");
+}
+
+struct BadFile {
+  const char* name;
+  std::string bytes;
+};
+
+void PrintTo(const BadFile& file, std::ostream* out) {
+  *out << file.name;
+}
+
+class RunWithBadSettings : public EndToEnd, public testing::WithParamInterface<BadFile> {};
+
+// Users lose their work if the defaults replace the file, and are in the dark if nothing is said.
+TEST_P(RunWithBadSettings, NamesTheFileKeepsItAndGoesOn) {
+  EmulatorProcess emulator;
+  emulator.WriteSettings(GetParam().bytes);
+  emulator.Start();
+  const std::string path = emulator.SettingsPath().string();
+  const std::string line = emulator.Line(path);
+  EXPECT_NE(line.find(" ErrStr="), std::string::npos) << line;
+  emulator.Line(" Start OK");
+  emulator.Stop();
+  EXPECT_EQ(emulator.LinesWith(path).size(), 1u);
+  EXPECT_EQ(emulator.LinesWith(" Method=").size(), 1u);
+  EXPECT_TRUE(emulator.LinesWith("QZ-640 Emulator: ")[0].ends_with(kDefaults + std::string(" ")));
+  EXPECT_EQ(emulator.ReadSettings(), GetParam().bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , RunWithBadSettings,
+    testing::Values(BadFile{"Empty", ""}, BadFile{"Truncated", R"({"AddrStr":"127.0)"},
+                    BadFile{"CommaBeforeTheEnd", R"({"BasePort":9000,})"},
+                    BadFile{"WordForAValue", R"({"BasePort":many})"},
+                    BadFile{"ByteOrderMark", "\xEF\xBB\xBF{}"}, BadFile{"ArrayAsRoot", "[1] "},
+                    BadFile{"StringAsRoot", "\"text\" "},
+                    BadFile{"StringForPort", R"({"BasePort":"9000"})"},
+                    BadFile{"FractionForPort", R"({"BasePort":9000.5})"},
+                    BadFile{"NumberForId", R"({"units":[{"UnitId":7}]})"},
+                    BadFile{"ObjectForUnits", R"({"units":{"a":1}})"},
+                    BadFile{"NumberForUnit", R"({"units":[7]})"},
+                    BadFile{"TextForSpeed", R"({"units":[{"Speed":"fast"}]})"},
+                    BadFile{"PortOutOfRange", R"({"BasePort":2147483648})"},
+                    BadFile{"FreqOutOfRange", R"({"units":[{"SampleFreq":-2147483649}]})"},
+                    BadFile{"MalformedUtf8", "{\"units\":[{\"UnitId\":\"\xC3(\"}]}"},
+                    BadFile{"TruncatedUtf8", "{\"units\":[{\"UnitId\":\"a\"}]}\xC3"},
+                    BadFile{"EncodedSurrogate", "{\"units\":[{\"UnitId\":\"\xED\xA0\x80\"}]}"},
+                    BadFile{"DeepNesting", std::string(200000, '[')},
+                    BadFile{"DeepNestingForUnits", "{\"units\":" + std::string(100000, '[') + "1" +
+                                                       std::string(100000, ']') + "}"}),
+    [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(Run, KeepsASettingsPathThatIsNoFile) {
+  EmulatorProcess emulator;
+  std::filesystem::create_directory(emulator.SettingsPath());
+  emulator.Start();
+  emulator.Line(emulator.SettingsPath().string());
+  emulator.Line(" Start OK");
+  emulator.Stop();
+  EXPECT_TRUE(std::filesystem::is_directory(emulator.SettingsPath()));
+}
+
+// A speed whose text couldn't be read at the next start must not be written.
+TEST_F(Run, NeverWritesAFileThatItCanNotRead) {
+  for (const char* speed : {"123456.5", "1e999", "1e300", "1e-300", "0e999"}) {
+    EmulatorProcess emulator;
+    emulator.WriteSettings(std::string(R"({"units":[{"Speed":)") + speed + "}]}");
+    emulator.Allow("Speed");
+    for (int run = 0; run < 2; ++run) {
+      emulator.StartAndWait();
+      emulator.Stop();
+      EXPECT_NE(emulator.LinesWith("QZ-640 Emulator: ")[0].find(R"("units":[{)"), std::string::npos)
+          << speed << " in run " << run << ": " << emulator.ReadSettings();
+    }
+  }
+}
+
+}  // namespace
