@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -21,6 +22,15 @@ void OpenIfClosed(int descriptor, int flags) {
   if (open("/dev/null", flags) == -1) return;
 }
 
+// Hundreds of units need more descriptors than the 1024 that a process usually starts with; the
+// system lets it ask for more.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
 
 void Startup() {
@@ -28,6 +38,7 @@ void Startup() {
   OpenIfClosed(STDOUT_FILENO, O_WRONLY);
   OpenIfClosed(STDERR_FILENO, O_WRONLY);
 
+  RaiseDescriptorLimit();
   signal(SIGPIPE, SIG_IGN);
 
   // Blocked here, before any thread exists, they are blocked in all threads and stay pending until
