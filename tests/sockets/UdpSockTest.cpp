@@ -1,0 +1,316 @@
+#include "UdpSock.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "SocketFixture.h"
+#include "platform/errors.h"
+
+using Network::IUdpSock;
+using Network::NetAddr;
+using Network::UdpSockInfo;
+
+namespace {
+
+constexpr uint32_t kPort = 8000;
+
+class UdpSock : public SocketFixture {
+ protected:
+  void SetUp() override { peer.Open(OwnAddr(0)); }
+
+  void Send(const std::string& text, uint32_t port = kPort) {
+    ASSERT_TRUE(peer.SendTo(BytesOf(text), OwnAddr(port)).Ok());
+  }
+
+  Peer peer;
+};
+
+}  // namespace
+
+TEST_F(UdpSock, DeliversABurstWholeAndInOrder) {
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder);
+  WhileTheWorkerIsHeld([&] {
+    for (int i = 0; i < 100; ++i)
+      Send(std::to_string(i));
+  });
+  ASSERT_TRUE(recorder.WaitDatagrams(100));
+  platform::SocketAddress local;
+  ASSERT_TRUE(peer.socket.LocalAddress(&local).Ok());
+  for (size_t i = 0; i < 100; ++i) {
+    EXPECT_EQ(recorder.datagrams[i], BytesOf(std::to_string(i)));
+    EXPECT_EQ(recorder.senders[i], NetAddr(local));
+  }
+  sock->Close();
+}
+
+// A flood on one socket must not starve its neighbours: each turn takes one datagram.
+TEST_F(UdpSock, TakesTurnsWithItsNeighbours) {
+  UdpRecorder recorder;
+  std::string order;
+  recorder.onDatagram = [&](IUdpSock*) {
+    const Bytes& latest = recorder.datagrams.back();
+    order += static_cast<char>(latest[0]);
+  };
+  auto first = OpenUdp(kPort, &recorder);
+  auto second = OpenUdp(kPort + 2, &recorder);
+  WhileTheWorkerIsHeld([&] {
+    for (int i = 0; i < 3; ++i)
+      Send("a");
+    for (int i = 0; i < 3; ++i)
+      Send("b", kPort + 2);
+  });
+  ASSERT_TRUE(recorder.WaitDatagrams(6));
+  first->Close();
+  second->Close();
+  EXPECT_EQ(order, "ababab");
+}
+
+// Neither an empty nor an oversized datagram is delivered, and neither may hide what comes behind
+// it: the turn reports no work, yet the worker must come back at once and not in 100 seconds.
+TEST_F(UdpSock, GoesOnBehindEmptyAndOversizedDatagrams) {
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder, 10);
+  WhileTheWorkerIsHeld([&] {
+    Send("");
+    Send("");
+    Send("12345678901");
+    Send("1234567890");
+    Send("");
+    Send("end");
+  });
+  ASSERT_TRUE(recorder.WaitDatagrams(2));
+  sock->Close();
+  EXPECT_EQ(recorder.datagrams, (std::vector<Bytes>{BytesOf("1234567890"), BytesOf("end")}));
+  ASSERT_EQ(recorder.errors.size(), 1u);
+  EXPECT_TRUE(recorder.errors[0].Says(L"recv failed"));
+  EXPECT_TRUE(recorder.errors[0].Says(L"Method=Network::UdpSock::TryReceive"));
+  EXPECT_EQ(recorder.errors[0].code, platform::kMsgSize);
+}
+
+TEST_F(UdpSock, FailsOnATakenPortAndStaysClosed) {
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder);
+  auto second = manager->CreateUdpSock();
+  UdpSockInfo info;
+  info.BindAddr = OwnAddr(kPort);
+  const Failure failure = FailureOf(second->Open(info));
+  EXPECT_TRUE(failure.Says(L"bind socket failed"));
+  EXPECT_TRUE(failure.Says(L"Method=Network::UdpSock::Open"));
+  EXPECT_TRUE(failure.Says(L"src\\UdpSock"));
+  EXPECT_EQ(failure.code, platform::kAddrInUse);
+  second->Close();
+  second->Close();
+  const Bytes bytes = BytesOf("x");
+  EXPECT_TRUE(FailureOf(second->Send(bytes.data(), bytes.size(), OwnAddr(kPort)))
+                  .Says(L"Can not send UDP datagram"));
+
+  // The first one hears its traffic all the same, and its port is free behind it.
+  Send("mine");
+  EXPECT_TRUE(recorder.WaitDatagrams(1));
+  sock->Close();
+  EXPECT_EQ(FailureOf(second->Open(info)).text, L"");
+}
+
+TEST_F(UdpSock, SendsWithoutBeingBound) {
+  UdpRecorder recorder;
+  auto target = OpenUdp(kPort, &recorder);
+  UdpRecorder neverUsed;
+  auto sock = std::make_shared<Network::UdpSock>(manager.get());
+  UdpSockInfo info;
+  info.Receiver = &neverUsed;
+  ASSERT_EQ(FailureOf(sock->Open(info)).text, L"");
+  const auto send = [&](const std::string& text, const NetAddr& to) {
+    const Bytes bytes = BytesOf(text);
+    return FailureOf(sock->Send(bytes.data(), bytes.size(), to));
+  };
+
+  const Failure undefined = send("nowhere", NetAddr());
+  EXPECT_TRUE(undefined.Says(L"Send address undefined"));
+  EXPECT_EQ(undefined.code, 0u);
+
+  EXPECT_EQ(send("given", OwnAddr(kPort)).text, L"");
+  ASSERT_TRUE(recorder.WaitDatagrams(1));
+  EXPECT_TRUE(send("still nowhere", NetAddr()).Says(L"Send address undefined"));
+  EXPECT_TRUE(sock->SetSendAddr(OwnAddr(kPort)).IsOk());
+  EXPECT_EQ(send("default", NetAddr()).text, L"");
+  ASSERT_TRUE(recorder.WaitDatagrams(2));
+  EXPECT_EQ(recorder.datagrams[1], BytesOf("default"));
+
+  // What comes back isn't heard.
+  EXPECT_TRUE(peer.SendTo(BytesOf("answer"), recorder.senders[0]).Ok());
+  EXPECT_FALSE(sock->TryReceive());
+  EXPECT_TRUE(neverUsed.datagrams.empty());
+
+  sock->Close();
+  const Failure closed = send("closed", OwnAddr(kPort));
+  EXPECT_TRUE(closed.Says(L"Can not send UDP datagram"));
+  EXPECT_EQ(closed.code, platform::kInvalidHandle);
+  target->Close();
+}
+
+// Controllers find units by broadcast, and a unit is bound to the address of one interface.
+TEST_F(UdpSock, HearsTheBroadcastsOfItsInterface) {
+  NetAddr broadcast;
+  ASSERT_TRUE(broadcast.SetFromTextAndPort(L"127.255.255.255", kPort));
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder);
+  UdpSockInfo info;
+  info.BindAddr = OwnAddr(0);
+  auto sender = manager->CreateUdpSock();
+  ASSERT_EQ(FailureOf(sender->Open(info)).text, L"");
+  const Bytes bytes = BytesOf("dev_find " + std::to_string(platform::ThreadNumber()));
+
+  EXPECT_TRUE(FailureOf(sender->Send(bytes.data(), bytes.size(), broadcast))
+                  .Says(L"Can not send UDP datagram"))
+      << "without permission";
+  sender->Close();
+  info.Broadcast = true;
+  ASSERT_EQ(FailureOf(sender->Open(info)).text, L"");
+  EXPECT_EQ(FailureOf(sender->Send(bytes.data(), bytes.size(), broadcast)).text, L"");
+  ASSERT_TRUE(recorder.WaitDatagrams(1));
+  Send("unicast");
+
+  // Other programs on this machine may use the same broadcast address: only the own ones count.
+  const auto own = [&](const Bytes& datagram) {
+    return datagram == bytes || datagram == BytesOf("unicast");
+  };
+  size_t seen = 0;
+  for (size_t count = 1; seen < 2; ++count) {
+    ASSERT_TRUE(recorder.WaitDatagrams(count));
+    if (own(recorder.datagrams[count - 1])) ++seen;
+  }
+  sock->Close();
+  EXPECT_EQ(std::count_if(recorder.datagrams.begin(), recorder.datagrams.end(), own), 2)
+      << "each once";
+}
+
+TEST_F(UdpSock, MayBeUsedFromItsCallback) {
+  UdpRecorder recorder;
+  Watcher watcher;
+  int done = 0;
+  recorder.onDatagram = [&](IUdpSock* self) {
+    const Bytes answer = BytesOf("answer");
+    EXPECT_TRUE(self->Send(answer.data(), answer.size(), recorder.senders.back()).IsOk());
+    if (recorder.datagrams.size() == 1) {
+      UdpSockInfo info;
+      info.BindAddr = OwnAddr(kPort + 1);
+      info.Receiver = &recorder;
+      EXPECT_TRUE(self->Open(info).IsOk());
+    } else {
+      self->Destroy();
+    }
+    watcher.Note([&] { ++done; });
+  };
+  std::weak_ptr<IUdpSock> sock = OpenUdp(kPort, &recorder);
+  Send("open at another port");
+  ASSERT_TRUE(watcher.WaitFor([&] { return done == 1; }));
+  Send("destroy", kPort + 1);
+  ASSERT_TRUE(watcher.WaitFor([&] { return done == 2; }));
+  ExpectTheWorkerRests();  // and so has made rounds since
+  EXPECT_FALSE(sock.lock()) << "nobody holds it any more";
+}
+
+// What is lost otherwise: the receiver dies behind Close while the worker is still in its callback.
+// Each round ends a socket with its receiver in the middle of a flood.
+TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
+  struct Receiver final : Network::IUdpReceiver {
+    void OnDatagramReceived(IUdpSock*, std::shared_ptr<Network::Packet>, const NetAddr&) override {
+      EXPECT_FALSE(closed) << "a delivery began behind Close";
+      ++deliveries;
+      std::this_thread::yield();
+      EXPECT_FALSE(closed) << "Close didn't wait";
+    }
+    void OnError(IUdpSock*, ErrInfo) override {}
+
+    std::atomic<bool> closed{false};
+    std::atomic<int> deliveries{0};
+  };
+
+  std::atomic<bool> stop{false};
+  std::thread flood([&] {
+    while (!stop)
+      peer.SendTo(BytesOf("flood"), OwnAddr(kPort));
+  });
+  auto sock = manager->CreateUdpSock();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  int rounds = 0;
+  for (; rounds < 3000 && std::chrono::steady_clock::now() < deadline; ++rounds) {
+    auto receiver = std::make_unique<Receiver>();
+    UdpSockInfo info;
+    info.BindAddr = OwnAddr(kPort);
+    info.Receiver = receiver.get();
+    ASSERT_EQ(FailureOf(sock->Open(info)).text, L"");
+    while (receiver->deliveries == 0 && rounds % 4 != 0)
+      std::this_thread::yield();
+    sock->Close();
+    receiver->closed = true;
+  }
+  stop = true;
+  flood.join();
+  EXPECT_GT(rounds, 100);
+}
+
+TEST_F(UdpSock, OutlivesItsManager) {
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder);
+  auto closed = manager->CreateUdpSock();
+  manager.reset();
+  Send("nobody serves it");
+  const Bytes bytes = BytesOf("x");
+  EXPECT_EQ(FailureOf(sock->Send(bytes.data(), bytes.size(), OwnAddr(kPort))).text, L"");
+  sock->Close();
+  UdpSockInfo info;
+  info.BindAddr = OwnAddr(kPort);
+  EXPECT_EQ(FailureOf(closed->Open(info)).text, L"") << "the port is free";
+  EXPECT_TRUE(recorder.datagrams.empty());
+}
+
+TEST_F(UdpSock, LetsGoOfItsPortWhenItIsOpenedAgain) {
+  UdpRecorder recorder;
+  auto sock = OpenUdp(kPort, &recorder);
+  UdpSockInfo info;
+  info.BindAddr = OwnAddr(kPort + 1);
+  info.Receiver = &recorder;
+  ASSERT_EQ(FailureOf(sock->Open(info)).text, L"");
+  UdpRecorder other;
+  auto second = OpenUdp(kPort, &other);
+  Send("second");
+  Send("first", kPort + 1);
+  EXPECT_TRUE(other.WaitDatagrams(1));
+  EXPECT_TRUE(recorder.WaitDatagrams(1));
+  sock->Close();
+  second->Close();
+}
+
+TEST_F(UdpSock, WorkerSurvivesAReceiverThatThrows) {
+  UdpRecorder thrower;
+  thrower.onDatagram = [](IUdpSock*) { throw std::runtime_error("from a receiver"); };
+  auto bad = OpenUdp(kPort, &thrower);
+  UdpRecorder recorder;
+  auto good = OpenUdp(kPort + 2, &recorder);
+  Send("throw");
+  ASSERT_TRUE(thrower.WaitDatagrams(1));
+  Send("on", kPort + 2);
+  EXPECT_TRUE(recorder.WaitDatagrams(1));
+  Send("throw again");
+  EXPECT_TRUE(thrower.WaitDatagrams(2));
+  ExpectTheWorkerRests();
+  bad->Close();
+  good->Close();
+}
+
+TEST_F(UdpSock, DropsWhatComesWithoutAReceiver) {
+  auto sock = OpenUdp(kPort, nullptr, 10);
+  Send("dropped");
+  Send("dropped, and too large");
+  EXPECT_NE(Log().Take(L"recv failed"), L"") << "nobody took the failure, so the log has it";
+  ExpectTheWorkerRests();
+  sock->Destroy();
+}
+
+TEST(NetManager, EndsAtOnceWithoutAnySocket) {
+  for (int i = 0; i < 20; ++i)
+    Network::INetManager::Create();
+}
