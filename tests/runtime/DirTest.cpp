@@ -1,0 +1,78 @@
+#include "runtime/Dir.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/errors.h"
+#include "runtime/Paths.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using fs::Dir;
+
+class DirTest : public testing::Test {
+ protected:
+  // The names that a listing has, in its order.
+  std::vector<std::wstring> Names(const std::wstring& pattern, uint32_t flags) {
+    const Dir listing(dir_.Wide(), pattern, flags);
+    EXPECT_EQ(listing.error, static_cast<int32_t>(platform::kNoMoreFiles));
+    std::vector<std::wstring> names;
+    for (const auto& [path, description] : *listing.files) {
+      EXPECT_TRUE(path.starts_with(dir_.Wide() + GetPathSeparator()));
+      names.push_back(path.substr(dir_.Wide().size() + 1));
+    }
+    return names;
+  }
+
+  TempDir dir_;
+};
+
+using Expected = std::vector<std::wstring>;
+
+}  // namespace
+
+TEST_F(DirTest, FlagsChooseTheKindAndThePatternHasToMatchTheWholeName) {
+  dir_.Write("a.log", "123");
+  dir_.Write("B.LOG", "");
+  dir_.Write("a.log.old", "");
+  dir_.Write("noext", "");
+  std::filesystem::create_directory(dir_.File("d.log"));
+
+  EXPECT_EQ(Names(L".*\\.log", Dir::kFiles), (Expected{L"a.log", L"B.LOG"}));
+  EXPECT_EQ(Names(L".*\\.log", Dir::kDirectories), (Expected{L"d.log"}));
+  EXPECT_EQ(Names(L".*", Dir::kDots), (Expected{L".", L".."}));
+  EXPECT_EQ(Names(L".*", Dir::kFiles | Dir::kDirectories | Dir::kDots),
+            (Expected{L".", L"..", L"a.log", L"a.log.old", L"B.LOG", L"d.log", L"noext"}));
+  EXPECT_EQ(Names(L".*", 0), Expected{});
+
+  const Dir listing(dir_.Wide(), L"a\\.log", Dir::kFiles);
+  EXPECT_EQ(listing.files->begin()->second.size, 3u);
+}
+
+TEST_F(DirTest, TheKeyIsTheNormalisedPath) {
+  dir_.Write("a", "");
+  const std::wstring separator(1, GetPathSeparator());
+  const Dir plain(dir_.Wide(), L".*", Dir::kFiles);
+  const Dir spelled(dir_.Wide() + separator + L"x" + separator + L".." + separator, L".*",
+                    Dir::kFiles);
+  ASSERT_EQ(plain.files->size(), 1u);
+  ASSERT_EQ(spelled.files->size(), 1u);
+  EXPECT_EQ(plain.files->begin()->first, dir_.Wide("a"));
+  EXPECT_EQ(spelled.files->begin()->first, dir_.Wide("a"));
+}
+
+TEST_F(DirTest, AMissingDirectoryGivesAnEmptyListAndItsError) {
+  const Dir listing(dir_.Wide("missing"), L".*", Dir::kFiles);
+  EXPECT_TRUE(listing.files->empty());
+  EXPECT_EQ(listing.error, static_cast<int32_t>(platform::kPathNotFound));
+  EXPECT_THROW(Dir(dir_.Wide(), L"*", Dir::kFiles), std::regex_error);
+}
+
+TEST_F(DirTest, OrderFoldsOnlyTheLettersThatNoLanguageDisputes) {
+  const Dir::wstring_lessy less;
+  EXPECT_TRUE(less(L"a.log", L"B.log"));
+  EXPECT_FALSE(less(L"B.log", L"a.log"));
+  EXPECT_FALSE(less(L"A", L"a") || less(L"a", L"A"));
+  EXPECT_TRUE(less(L"a", L"a.") && less(L"", L"a"));
+  EXPECT_TRUE(less(L"\u00C4", L"\u00E4")) << "these two stay different";
+}

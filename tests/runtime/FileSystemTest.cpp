@@ -1,0 +1,299 @@
+#include "runtime/FileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include "platform/errors.h"
+#include "platform/text.h"
+#include "support/TempDir.h"
+
+namespace {
+
+class FileSystemTest : public testing::Test {
+ protected:
+  std::unique_ptr<fs::IFile> Open(const std::string& name, uint32_t mode) {
+    return std::unique_ptr<fs::IFile>(fs_.Open(dir_.Wide(name).c_str(), mode, 0));
+  }
+
+  std::string ReadAll(fs::IFile& file) {
+    char buffer[64];
+    uint32_t done = 0;
+    EXPECT_TRUE(file.Read(buffer, sizeof(buffer), &done));
+    return {buffer, done};
+  }
+
+  void WriteText(fs::IFile& file, const std::string& text) {
+    uint32_t done = 0;
+    EXPECT_TRUE(file.Write(text.data(), static_cast<uint32_t>(text.size()), &done));
+    EXPECT_EQ(done, text.size());
+  }
+
+  TempDir dir_;
+  fs::implFS fs_;
+};
+
+}  // namespace
+
+TEST_F(FileSystemTest, AccessModesDecideWhatHappensToTheFile) {
+  // Without access nothing is tried, and the error of the operation before stays.
+  EXPECT_FALSE(Open("missing", fs::kRead));
+  EXPECT_FALSE(Open("missing", 0));
+  EXPECT_EQ(fs_.GetLastError(), platform::kFileNotFound);
+  EXPECT_FALSE(Open("missing", fs::kWrite | fs::kMustExist));
+  EXPECT_EQ(fs_.GetLastError(), platform::kFileNotFound);
+  EXPECT_FALSE(dir_.Has("missing"));
+
+  dir_.Write("a", "0123456789");
+  EXPECT_EQ(ReadAll(*Open("a", fs::kRead | fs::kTruncate | fs::kMustBeNew)), "0123456789")
+      << "reading alone empties nothing, whatever the other bits say";
+  EXPECT_FALSE(Open("a", fs::kWrite | fs::kMustBeNew));
+  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
+
+  WriteText(*Open("a", fs::kWrite), "xy");
+  EXPECT_EQ(dir_.Read("a"), "xy23456789");
+  WriteText(*Open("a", fs::kWrite | fs::kMustExist | fs::kTruncate), "z");
+  EXPECT_EQ(dir_.Read("a"), "z");
+  Open("new", fs::kWrite | fs::kMustBeNew);
+  EXPECT_TRUE(dir_.Has("new"));
+}
+
+TEST_F(FileSystemTest, ANewFileTellsWhetherItWasThereBefore) {
+  EXPECT_EQ(Open("a", fs::kWrite | fs::kTruncate)->GetLastError(), 0u);
+  EXPECT_EQ(Open("a", fs::kWrite | fs::kTruncate)->GetLastError(), platform::kAlreadyExists);
+  EXPECT_EQ(Open("b", fs::kWrite)->GetLastError(), 0u);
+  EXPECT_EQ(Open("b", fs::kWrite)->GetLastError(), platform::kAlreadyExists);
+  EXPECT_EQ(Open("b", fs::kWrite | fs::kMustExist)->GetLastError(), 0u);
+}
+
+TEST_F(FileSystemTest, ASecondWriterIsRefusedBeforeItHarmsTheFile) {
+  const auto writer = Open("log", fs::kWrite | fs::kTruncate);
+  WriteText(*writer, "first");
+  EXPECT_FALSE(Open("log", fs::kWrite | fs::kTruncate));
+  EXPECT_EQ(fs_.GetLastError(), platform::kBusy);
+  EXPECT_EQ(ReadAll(*Open("log", fs::kRead | fs::kShareWrite)), "first");
+
+  EXPECT_FALSE(fs_.Remove(dir_.Wide("log").c_str()))
+      << "its bytes would go where nobody finds them";
+  EXPECT_EQ(fs_.GetLastError(), platform::kBusy);
+  writer->Close();
+  EXPECT_TRUE(fs_.Remove(dir_.Wide("log").c_str()));
+  EXPECT_FALSE(dir_.Has("log"));
+}
+
+TEST_F(FileSystemTest, WritersThatShareWritingMeet) {
+  const auto one = Open("a", fs::kWrite | fs::kShareWrite);
+  const auto two = Open("a", fs::kWrite | fs::kShareWrite);
+  ASSERT_TRUE(one && two);
+  EXPECT_FALSE(Open("a", fs::kWrite));
+}
+
+TEST_F(FileSystemTest, PositionsSizesAndTheEnd) {
+  const auto file = Open("a", fs::kRead | fs::kWrite);
+  WriteText(*file, "0123456789");
+  uint64_t position = 0;
+  EXPECT_TRUE(file->Seek(-3, 2, &position));
+  EXPECT_EQ(position, 7u);
+  EXPECT_EQ(ReadAll(*file), "789");
+  EXPECT_TRUE(file->Seek(2, 0));
+  EXPECT_TRUE(file->Seek(2, 1));
+  EXPECT_TRUE(file->Tell(&position));
+  EXPECT_EQ(position, 4u);
+
+  char buffer[2];
+  uint32_t done = 0;
+  EXPECT_TRUE(file->ReadAt(8, buffer, 2, &done, true));
+  EXPECT_EQ(std::string(buffer, done), "89");
+  EXPECT_TRUE(file->Tell(&position));
+  EXPECT_EQ(position, 4u) << "the position was to be kept";
+  EXPECT_TRUE(file->WriteAt(0, "ab", 2, &done, false));
+  EXPECT_TRUE(file->Tell(&position));
+  EXPECT_EQ(position, 2u) << "the position is behind the bytes";
+
+  EXPECT_TRUE(file->SetEnd());
+  uint64_t size = 0;
+  EXPECT_TRUE(file->GetSize(&size));
+  EXPECT_EQ(size, 2u);
+  EXPECT_TRUE(file->Flush());
+  EXPECT_EQ(dir_.Read("a"), "ab");
+}
+
+TEST_F(FileSystemTest, FailuresKeepTheErrorAndGiveAllOnes) {
+  const auto file = Open("a", fs::kWrite);
+  uint64_t value = 0;
+  EXPECT_FALSE(file->Seek(-1, 0, &value));
+  EXPECT_EQ(value, ~uint64_t{0});
+  EXPECT_EQ(file->GetLastError(), platform::kInvalidArgument);
+
+  char byte = 0;
+  uint32_t done = 77;
+  EXPECT_FALSE(file->Read(&byte, 1, &done)) << "it is open for writing alone";
+  EXPECT_EQ(done, 0u);
+
+  file->Close();
+  EXPECT_EQ(file->GetLastError(), 0u);
+  EXPECT_FALSE(file->GetSize(&value));
+  EXPECT_EQ(value, ~uint64_t{0});
+  EXPECT_EQ(file->GetLastError(), platform::kInvalidHandle);
+  EXPECT_EQ(file->GetModifyTime().seconds, 0u);
+  fs::FileTime time{1, 2};
+  EXPECT_FALSE(file->GetTimes(&time, &time, &time));
+  EXPECT_EQ(time.seconds, 1u) << "out values stay";
+}
+
+TEST_F(FileSystemTest, LocksExcludeAlsoWithinTheProcess) {
+  constexpr uint32_t kBoth = fs::kRead | fs::kWrite | fs::kShareWrite;
+  const auto one = Open("a", kBoth);
+  const auto two = Open("a", kBoth);
+  EXPECT_TRUE(one->TryLock(false));
+  EXPECT_TRUE(two->TryLock(false)) << "shared locks go together";
+  EXPECT_FALSE(two->TryLock(true));
+  EXPECT_EQ(two->GetLastError(), platform::kLocked);
+  EXPECT_TRUE(two->Unlock());
+
+  // Closing another handle of the file must not drop the lock of this one.
+  EXPECT_TRUE(one->Lock(true));
+  Open("a", kBoth)->Close();
+  EXPECT_FALSE(two->TryLock(false));
+  one->Close();
+  EXPECT_TRUE(two->TryLock(true));
+}
+
+TEST_F(FileSystemTest, MoveReplacesOnlyWhenTold) {
+  dir_.Write("a", "new");
+  dir_.Write("b", "old");
+  const auto move = [&](const char* from, const char* to, uint32_t flags) {
+    return fs_.Move(dir_.Wide(from).c_str(), dir_.Wide(to).c_str(), flags);
+  };
+  EXPECT_FALSE(move("a", "b", fs::kMoveCopy));
+  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
+  EXPECT_EQ(dir_.Read("b"), "old");
+  EXPECT_TRUE(move("a", "b", fs::kMoveReplace | fs::kMoveFlush));
+  EXPECT_EQ(dir_.Read("b"), "new");
+  EXPECT_FALSE(dir_.Has("a"));
+  EXPECT_TRUE(move("b", "c", 0));
+  EXPECT_FALSE(move("missing", "d", fs::kMoveReplace));
+  EXPECT_EQ(fs_.GetLastError(), platform::kFileNotFound);
+}
+
+TEST_F(FileSystemTest, DirectoriesAreMadeOneLevelAtATimeAndAreNoFiles) {
+  EXPECT_TRUE(fs_.MakeDir(dir_.Wide("d").c_str()));
+  EXPECT_FALSE(fs_.MakeDir(dir_.Wide("d").c_str()));
+  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
+  EXPECT_FALSE(fs_.MakeDir(dir_.Wide("x/y").c_str()));
+  EXPECT_EQ(fs_.GetLastError(), platform::kPathNotFound);
+
+  EXPECT_FALSE(Open("d", fs::kRead));
+  EXPECT_EQ(fs_.GetLastError(), platform::kNotAFile);
+  EXPECT_FALSE(Open("d", fs::kWrite));
+  EXPECT_FALSE(fs_.Remove(dir_.Wide("d").c_str()));
+}
+
+TEST_F(FileSystemTest, ReadOnlyIsTheAttributeThatEverySystemHas) {
+  dir_.Write("a", "");
+  const std::wstring path = dir_.Wide("a");
+  EXPECT_EQ(fs_.GetAttributes(path.c_str()) & platform::kAttributeReadOnly, 0u);
+  EXPECT_TRUE(fs_.SetAttributes(path.c_str(), platform::kAttributeReadOnly));
+  EXPECT_EQ(fs_.GetAttributes(path.c_str()), platform::kAttributeReadOnly);
+  EXPECT_TRUE(fs_.SetAttributes(path.c_str(), platform::kAttributeNormal));
+  EXPECT_EQ(fs_.GetAttributes(path.c_str()) & platform::kAttributeReadOnly, 0u);
+  EXPECT_EQ(fs_.GetAttributes(dir_.Wide().c_str()), platform::kAttributeDirectory);
+  EXPECT_EQ(fs_.GetAttributes(dir_.Wide("missing").c_str()), fs::kNoAttributes);
+
+  std::unique_ptr<fs::IFile> file(fs_.Open(dir_.Wide("b").c_str(), fs::kWrite, fs::kReadOnly));
+  WriteText(*file, "the file that is made is still written");
+  EXPECT_EQ(fs_.GetAttributes(dir_.Wide("b").c_str()), platform::kAttributeReadOnly);
+}
+
+TEST_F(FileSystemTest, NarrowPathsAreUtf8) {
+  const std::string name = "\xC3\xA9\xF0\x9D\x84\x9E";
+  const std::string path = dir_.File(name).string();
+  {
+    std::unique_ptr<fs::IFile> file(fs_.Open(path.c_str(), fs::kWrite, 0));
+    ASSERT_TRUE(file);
+    WriteText(*file, "12345");
+  }
+  EXPECT_THROW(fs_.Remove("\xFF"), std::range_error);
+  const wchar_t lone[] = {0xD800, 0};
+  EXPECT_FALSE(fs_.Remove(lone)) << "a wide path fails without an exception";
+  EXPECT_EQ(fs_.GetLastError(), platform::kNoTranslation);
+
+  fs::FindRecord record;
+  std::unique_ptr<fs::IFileFinder> finder(fs_.FindFirst(dir_.Path().string().c_str(), &record));
+  ASSERT_TRUE(finder);
+  EXPECT_STREQ(record.name, ".");
+  EXPECT_EQ(record.attributes & fs::kDirectory, fs::kDirectory);
+  ASSERT_TRUE(finder->FindNext(&record));
+  EXPECT_STREQ(record.name, "..");
+  ASSERT_TRUE(finder->FindNext(&record));
+  EXPECT_EQ(record.name, name);
+  EXPECT_EQ(record.size, 5u);
+  EXPECT_EQ(record.attributes & (fs::kDirectory | fs::kReadOnly | fs::kDevice), 0u);
+  EXPECT_GT(record.modified.seconds, 1'600'000'000u);
+  EXPECT_FALSE(finder->FindNext(&record));
+  EXPECT_EQ(finder->GetLastError(), platform::kNoMoreFiles);
+}
+
+TEST_F(FileSystemTest, TheTableOfHandlesDoesNotGrowWithoutNeed) {
+  const std::wstring path = dir_.Wide("a");
+  dir_.Write("a", "");
+  std::unique_ptr<fs::IFile> open[3];
+  for (auto& file : open)
+    file = Open("a", fs::kRead);
+  EXPECT_EQ(fs_.Table().Size(), 3u);
+  for (int i = 0; i < 20; ++i) {
+    open[i % 3].reset();
+    EXPECT_EQ(fs_.Table().Used(), 2u);
+    open[i % 3] = Open("a", fs::kRead);
+  }
+  // A listing and a closed file that still lives count as well; a failed open doesn't.
+  EXPECT_FALSE(Open("missing", fs::kRead));
+  EXPECT_EQ(fs_.Table().Size(), 3u);
+  open[1]->Close();
+  fs::FindRecordW record;
+  std::unique_ptr<fs::IFileFinder> finder(fs_.FindFirst(dir_.Wide().c_str(), &record));
+  EXPECT_EQ(fs_.Table().Used(), 4u);
+}
+
+TEST(HandleTableTest, FreePlacesAreTakenFromTheHintOnInACircle) {
+  fs::HandleTable table;
+  const auto enter = [&] { return std::make_unique<fs::OsFileHandle>(platform::kNoFile, &table); };
+  std::unique_ptr<fs::OsFileHandle> handles[6];
+  for (auto& handle : handles)
+    handle = enter();
+  ASSERT_EQ(handles[5]->slot, 5u);
+
+  handles[1].reset();
+  handles[2].reset();  // 1 ahead of the free place 1, which stays the hint
+  handles[0].reset();  // 5 ahead, going round: the hint moves there
+  handles[0] = enter();
+  handles[1] = enter();
+  handles[2] = enter();
+  EXPECT_EQ(handles[0]->slot, 0u);
+  EXPECT_EQ(handles[1]->slot, 1u);
+  EXPECT_EQ(handles[2]->slot, 2u);
+  EXPECT_EQ(enter()->slot, 6u) << "a full table grows at its end";
+  EXPECT_EQ(table.Used(), 6u);
+}
+
+TEST(HandleTableTest, TakesWhatIsLeftInItToItsEnd) {
+  static int deleted;
+  struct Handle : fs::OsFileHandle {
+    using fs::OsFileHandle::OsFileHandle;
+    ~Handle() override { ++deleted; }
+  };
+  deleted = 0;
+  {
+    fs::HandleTable table;
+    new Handle(platform::kNoFile, &table);
+    new Handle(platform::kNoFile, &table);
+  }
+  EXPECT_EQ(deleted, 2);
+}
+
+TEST(FsRefTest, AllReferencesReachTheOneFileSystem) {
+  fs::IFS* first = fs::FsRef().Get();
+  const fs::FsRef again;
+  EXPECT_EQ(again.Get(), first);
+}
