@@ -14,7 +14,18 @@ namespace fs {
 ErrInfo WriteWholeFile(const wchar_t* path, const char* data, size_t size);
 ErrInfo WriteWholeFile(const wchar_t* path, const char* text);     // up to the first 0 byte
 ErrInfo WriteWholeFile(const wchar_t* path, const wchar_t* text);  // up to the first 0 character
+
+// Read regular files below 4 GiB; anything else fails. The result is empty after most failures,
+// but may hold part of the file after "read error".
 ErrInfo ReadWholeFile(const wchar_t* path, std::string& bytes);
 ErrInfo ReadWholeFile(const wchar_t* path, std::wstring& text);
+
+// Write the file so that a crash or a full disk at any moment leaves either the old file or the new
+// one, never half of one: the new file is written beside the old one as path + ".new" and then
+// takes its place, with the old one's owner and permissions. A link at the path stays, its target
+// is replaced. Where no file can be made beside the old one, or can't take its place, the old one
+// is overwritten as by WriteWholeFile. Fail with the same texts.
+ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size);
+ErrInfo ReplaceWholeFile(const wchar_t* path, const wchar_t* text);  // up to the first 0 character
 
 }  // namespace fs
