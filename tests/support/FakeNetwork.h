@@ -30,9 +30,12 @@ class FakeUdpSock final : public Network::IUdpSock {
   }
 
   void Close() override {
+    {
+      std::lock_guard lock(mutex_);
+      open_ = false;
+    }
+    // No delivery begins any more; the one in progress ends.
     std::lock_guard delivery(deliveryMutex_);
-    std::lock_guard lock(mutex_);
-    open_ = false;
   }
 
   void Destroy() override {

@@ -1,0 +1,189 @@
+#include "RtpAudioManager.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "support/CapturedLog.h"
+#include "support/FakeNetwork.h"
+#include "support/ManualClock.h"
+#include "support/WireAudio.h"
+
+using Network::IRtpAudioManager;
+
+namespace {
+
+constexpr uint32_t kCount = 192;
+
+// Buffers of one stereo pair for each channel, full of what nobody writes.
+struct Buffers {
+  explicit Buffers(size_t channels) : floats(channels * 2, std::vector<float>(kCount, 7.0f)) {
+    for (auto& buffer : floats)
+      pointers.push_back(buffer.data());
+  }
+  std::vector<std::vector<float>> floats;
+  std::vector<float*> pointers;
+};
+
+bool AllAre(const std::vector<float>& buffer, float value) {
+  return buffer == std::vector<float>(buffer.size(), value);
+}
+
+class RtpAudioManagerTest : public testing::Test {
+ protected:
+  void Init(size_t recvChans, size_t sendChans, uint32_t payloadType = 100) {
+    Network::RtpManagerInfo info;
+    info.SampleFreq = 48000;
+    info.PacketSmplSize = kCount;
+    info.RecvBufPos = 0;  // what comes in comes out at the next tick
+    info.RecvAddrs.assign(recvChans, Addr(L"127.0.0.1:8002"));
+    info.SendChans.assign(sendChans, {Addr(L"10.0.0.1:9000"), payloadType});
+    ASSERT_TRUE(manager_->Init(info).IsOk());
+  }
+
+  void Deliver(size_t channel, uint16_t seq, const wire::Bytes& payload, uint8_t typeByte = 0xC8) {
+    net_.Sock(channel)->Deliver(wire::MakeAudioDatagram(seq, seq, typeByte, payload), {});
+  }
+
+  ManualClock clock_;
+  FakeNetManager net_;
+  std::unique_ptr<IRtpAudioManager> manager_{IRtpAudioManager::Create(L"Unit", &net_)};
+};
+
+}  // namespace
+
+TEST_F(RtpAudioManagerTest, WhatComesInGoesOutUnchanged) {
+  Init(2, 2);
+  const wire::Bytes pattern = wire::PatternPayload(123);
+  const wire::Bytes ramp = wire::RampPayload(-0.7f, false);
+  Deliver(0, 5, pattern);
+  Deliver(1, 5, ramp);
+  Buffers buffers(2);
+  ASSERT_TRUE(manager_->RecvAudio(buffers.pointers, kCount).IsOk());
+  EXPECT_FLOAT_EQ(buffers.floats[1][0], 1.0f);
+  EXPECT_TRUE(AllAre(buffers.floats[3], 0.0f));
+  ASSERT_TRUE(manager_->SendAudio(buffers.pointers, kCount).IsOk());
+  EXPECT_EQ(net_.Sock(2)->Sent().at(0).bytes, wire::MakeAudioDatagram(0, 0, 0xC8, pattern));
+  EXPECT_EQ(net_.Sock(3)->Sent().at(0).bytes, wire::MakeAudioDatagram(0, 0, 0xC8, ramp));
+}
+
+TEST_F(RtpAudioManagerTest, LostPacketsAreSilenceInTheirPairAlone) {
+  Init(2, 0);
+  Deliver(1, 5, wire::PatternPayload());
+  Buffers buffers(2);
+  buffers.floats[0].push_back(9.0f);
+  buffers.pointers[0] = buffers.floats[0].data();
+  ASSERT_TRUE(manager_->RecvAudio(buffers.pointers, kCount).IsOk());
+  EXPECT_EQ(buffers.floats[0].back(), 9.0f);
+  buffers.floats[0].pop_back();
+  EXPECT_TRUE(AllAre(buffers.floats[0], 0.0f));
+  EXPECT_TRUE(AllAre(buffers.floats[1], 0.0f));
+  EXPECT_FLOAT_EQ(buffers.floats[2].back(), 1.0f);
+}
+
+TEST_F(RtpAudioManagerTest, AWrongNumberOfBuffersStillSpendsTheTick) {
+  Init(1, 1);
+  Deliver(0, 5, wire::PatternPayload());
+  Buffers none(0);
+  manager_->RecvAudio(none.pointers, kCount);
+  EXPECT_NE(Log().TryTake(L"Number of RTP channels mismatch number of ASIO channels "
+                          L"Method=Network::RtpAudioManager::RecvAudio File=src\\RtpManager"),
+            L"");
+  Buffers one(1);
+  ASSERT_TRUE(manager_->RecvAudio(one.pointers, kCount).IsOk());
+  EXPECT_TRUE(AllAre(one.floats[0], 0.0f)) << "the packet went with the failed tick";
+
+  manager_->SendAudio(none.pointers, kCount);
+  EXPECT_NE(Log().TryTake(L"Number of RTP channels mismatch number of ASIO channels"), L"");
+  EXPECT_TRUE(net_.Sock(1)->Sent().empty());
+}
+
+TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
+  Init(3, 0);
+  for (size_t channel : {0, 2})
+    Deliver(channel, 5, wire::PatternPayload());
+  Deliver(1, 5, wire::Bytes(96 * 6));
+  Buffers buffers(3);
+  manager_->RecvAudio(buffers.pointers, kCount);
+  EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch number ASIO buffer smpl size"), L"");
+  EXPECT_FALSE(AllAre(buffers.floats[0], 7.0f));
+  for (size_t i = 2; i < 6; ++i)
+    EXPECT_TRUE(AllAre(buffers.floats[i], 7.0f));
+
+  // A packet of no audio has no samples: of the wrong size unless none are wanted.
+  Deliver(0, 6, wire::PatternPayload(), 99 << 1);
+  manager_->RecvAudio(buffers.pointers, kCount);
+  EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch"), L"");
+  Deliver(0, 7, wire::PatternPayload(), 99 << 1);
+  manager_->RecvAudio(buffers.pointers, 0);
+  EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
+}
+
+TEST_F(RtpAudioManagerTest, WithoutChannelsTheTicksStillCount) {
+  Init(0, 0);
+  EXPECT_TRUE(manager_->RecvAudio({}, kCount).IsOk());
+  for (int i = 0; i < 3; ++i) {
+    clock_.AdvanceMs(4);
+    EXPECT_TRUE(manager_->SendAudio({}, kCount).IsOk());
+  }
+  manager_->Stop();
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.Send: N=2, E=4"), L"");
+  Init(0, 1);
+  Buffers buffers(1);
+  ASSERT_TRUE(manager_->SendAudio(buffers.pointers, kCount).IsOk());
+  const wire::Bytes header(net_.Sock(0)->Sent().at(0).bytes);
+  EXPECT_EQ(header[3], 3);
+  EXPECT_EQ(header[6] << 8 | header[7], 3 * 192);
+}
+
+TEST_F(RtpAudioManagerTest, ATickWithAPacketThatCanNotBeMadeSendsNothing) {
+  Network::RtpManagerInfo info;
+  info.SampleFreq = info.PacketSmplSize = 1;
+  info.SendChans = {{Addr(L"10.0.0.1:9000"), 100}, {Addr(L"10.0.0.1:9002"), 0}};
+  ASSERT_TRUE(manager_->Init(info).IsOk());
+  Buffers buffers(2);
+  manager_->SendAudio(buffers.pointers, kCount);
+  EXPECT_NE(Log().TryTake(L"Payload type is not audio"), L"");
+  EXPECT_TRUE(net_.Sock(0)->Sent().empty());
+}
+
+TEST_F(RtpAudioManagerTest, PassesThePositionsOfTheStreamOnAsItsOwn) {
+  class Target final : public Network::ISyncTarget {
+   public:
+    void OnSync(Network::ISyncSource* from, int64_t pos, uint32_t freq) override {
+      source = from;
+      positions.push_back(pos);
+      EXPECT_EQ(freq, 48000u);
+    }
+    Network::ISyncSource* source = nullptr;
+    std::vector<int64_t> positions;
+  } target;
+  manager_->AddTarget(&target);
+  Init(1, 0);
+  Deliver(0, 5, {});
+  EXPECT_EQ(target.positions, (std::vector<int64_t>{-1, 5}));
+  EXPECT_EQ(target.source, manager_.get());
+  EXPECT_TRUE(manager_->DelTarget(&target).IsOk());
+  manager_->DelTarget(&target);
+  EXPECT_NE(Log().TryTake(L"Sync target not found Method=Network::RtpAudioManager::DelTarget"),
+            L"");
+}
+
+TEST_F(RtpAudioManagerTest, ASlowTickIsLogged) {
+  Init(1, 0);
+  class SlowClock final : public platform::Clock {
+   public:
+    int64_t Counter() override { return counter += 30'000; }
+    int64_t WallSeconds() override { return 0; }
+    platform::LocalTime Local() override { return {}; }
+    void Sleep(uint32_t) override {}
+    int64_t counter = 0;
+  } slow;
+  platform::ReplaceClock(&slow);
+  Buffers buffers(1);
+  EXPECT_TRUE(manager_->RecvAudio(buffers.pointers, kCount).IsOk());
+  platform::ReplaceClock(&clock_);
+  EXPECT_NE(Log().TryTake(L" ms : RtpAudioManager::RecvAudio"), L"");
+  EXPECT_NE(Log().TryTake(L"LOCK: RtpManager::RecvChansLock"), L"");
+}

@@ -1,0 +1,334 @@
+#include "RtpManager.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "support/CapturedLog.h"
+#include "support/FakeNetwork.h"
+#include "support/ManualClock.h"
+#include "support/WireAudio.h"
+
+using Network::RtpManagerInfo;
+using Network::RtpPacket;
+
+namespace {
+
+// Keeps the positions that a stream reports.
+class Target final : public Network::ISyncTarget {
+ public:
+  void OnSync(Network::ISyncSource* from, int64_t pos, uint32_t freq) override {
+    source = from;
+    positions.push_back(pos);
+    frequency = freq;
+  }
+  std::vector<int64_t> Take() { return std::exchange(positions, {}); }
+
+  Network::ISyncSource* source = nullptr;
+  uint32_t frequency = 0;
+  std::vector<int64_t> positions;
+};
+
+class RtpManagerTest : public testing::Test {
+ protected:
+  void Init(size_t recvChans, size_t sendChans) {
+    RtpManagerInfo info;
+    info.SampleFreq = 48000;
+    info.PacketSmplSize = 192;
+    info.RecvAddrs.assign(recvChans, Addr(L"127.0.0.1:8002"));
+    info.SendChans.assign(sendChans, {Network::NetAddr(), 100});
+    firstSock_ = net_.SockCount();
+    ASSERT_TRUE(manager_.Init(info).IsOk());
+  }
+
+  FakeUdpSock& Sock(size_t index) { return *net_.Sock(firstSock_ + index); }
+
+  void Packet(uint16_t seq, uint32_t ts = 0, size_t channel = 0, uint8_t typeByte = 0xC8) {
+    Sock(channel).Deliver(wire::MakeAudioDatagram(seq, ts, typeByte, {}), Addr(L"10.0.0.9:5"));
+  }
+
+  // The sequence numbers that the rings give up, -1 where nothing came.
+  std::vector<int> Tick() {
+    std::vector<RtpPacket> packets(7);
+    EXPECT_TRUE(manager_.RecvPackets(packets).IsOk());
+    std::vector<int> numbers;
+    for (const RtpPacket& packet : packets)
+      numbers.push_back(packet.IsEmpty() ? -1 : packet.GetHeader().SeqNumber);
+    return numbers;
+  }
+
+  std::vector<int> Ticks(int count) {
+    std::vector<int> numbers;
+    for (int i = 0; i < count; ++i)
+      numbers.push_back(Tick().at(0));
+    return numbers;
+  }
+
+  void Send(size_t packets) {
+    std::vector<RtpPacket> list(packets);
+    for (RtpPacket& packet : list)
+      ASSERT_TRUE(packet.Create(100, 1).IsOk());
+    ASSERT_TRUE(manager_.SendPackets(list).IsOk());
+  }
+
+  std::vector<std::wstring> TakeLines() {
+    std::vector<std::wstring> lines = Log().Lines();
+    Log().Clear();
+    return lines;
+  }
+
+  using Lines = std::vector<std::wstring>;
+
+  ManualClock clock_;
+  FakeNetManager net_;
+  Network::RtpManager manager_{L"Unit.RtpManager", &net_};
+  size_t firstSock_ = 0;
+};
+
+}  // namespace
+
+TEST_F(RtpManagerTest, FirstPacketAnchorsTheStreamAndComesOutAtTheSixthTick) {
+  Init(1, 0);
+  Packet(1000);
+  EXPECT_EQ(TakeLines(),
+            Lines{L"Unit.RtpManager: Stream OK. SeqNumPos=995, SeqNum=1000, PosInBuf=5"});
+  EXPECT_EQ(Ticks(7), (std::vector<int>{-1, -1, -1, -1, -1, 1000, -1}));
+  EXPECT_EQ(TakeLines(),
+            (Lines{L"Unit.RtpManager.Recv.0: Stream OK", L"Unit.RtpManager.Recv.0: Stream ERROR"}));
+}
+
+TEST_F(RtpManagerTest, PositionIsNegativeEarlyInAStream) {
+  Init(1, 0);
+  Packet(2);
+  EXPECT_NE(Log().TryTake(L"SeqNumPos=-3, SeqNum=2, PosInBuf=5"), L"");
+  Packet(0);
+  Packet(65534);  // two below 0: -2, still in the ring
+  EXPECT_EQ(Ticks(6), (std::vector<int>{-1, 65534, -1, 0, -1, 2}));
+  EXPECT_EQ(Log().Count(L"Stream ERROR."), 0u);
+}
+
+TEST_F(RtpManagerTest, NumbersRunOnThroughTheWrapAndFallBackAfterAnError) {
+  Init(1, 0);
+  for (uint32_t seq = 65530; seq < 65536 + 10; ++seq) {
+    Packet(static_cast<uint16_t>(seq), seq * 192);
+    Tick();
+  }
+  EXPECT_EQ(Log().Count(L"Stream ERROR."), 0u);
+  Packet(40);
+  EXPECT_NE(Log().TryTake(L"Unit.RtpManager: Stream ERROR. SeqNumPos=65541, SeqNum=65576, "
+                          L"seq_num=65576, old_seq_num=65545, PosInBuf=35"),
+            L"");
+  EXPECT_NE(Log().TryTake(L"Stream OK. SeqNumPos=35, SeqNum=40, PosInBuf=5"), L"");
+}
+
+TEST_F(RtpManagerTest, LastSlotIsInTheRingAndTheOneBehindIsAnError) {
+  Init(1, 0);
+  Packet(105);  // slot 0 stands for 100
+  Log().Clear();
+  Packet(108);
+  EXPECT_EQ(TakeLines(), Lines{});
+  Packet(109);
+  EXPECT_EQ(TakeLines(), (Lines{L"Unit.RtpManager: Stream ERROR. SeqNumPos=100, SeqNum=109, "
+                                L"seq_num=109, old_seq_num=108, PosInBuf=9",
+                                L"Unit.RtpManager: Stream OK. SeqNumPos=104, SeqNum=109, "
+                                L"PosInBuf=5"}));
+  // The ring isn't cleared: 109 replaced 105 in slot 5, and 108 still comes out from slot 8.
+  EXPECT_EQ(Ticks(9), (std::vector<int>{-1, -1, -1, -1, -1, 109, -1, -1, 108}));
+}
+
+TEST_F(RtpManagerTest, LatePacketsOfALivingStreamAreDroppedSilently) {
+  Init(1, 0);
+  Packet(105);
+  Log().Clear();
+  Packet(100);
+  Packet(97);
+  EXPECT_EQ(Ticks(6), (std::vector<int>{100, -1, -1, -1, -1, 105}));
+  EXPECT_EQ(Log().Count(L"Stream ERROR."), 0u);
+}
+
+TEST_F(RtpManagerTest, AStreamThatRanDryIsAnchoredAnew) {
+  Init(1, 0);
+  Packet(105);
+  Ticks(6);  // slot 0 stands for 106 now
+  Packet(105);
+  EXPECT_NE(Log().TryTake(L"Stream ERROR. SeqNumPos=106, SeqNum=105, seq_num=105, "
+                          L"old_seq_num=105, PosInBuf=-1"),
+            L"");
+  EXPECT_EQ(Ticks(6).back(), 105);
+  Packet(106);  // the next one is in time although the ticks have just passed its forerunner
+  EXPECT_EQ(Log().Count(L"Stream ERROR."), 1u);
+}
+
+TEST_F(RtpManagerTest, ChannelsShareOnePositionAndCountOnce) {
+  Init(2, 0);
+  for (uint16_t seq = 10; seq < 14; ++seq) {
+    clock_.AdvanceMs(4);
+    Packet(seq, seq, 0);
+    clock_.AdvanceMs(1);
+    Packet(seq, seq, 1, 0);  // whatever its payload type says
+    Tick();
+  }
+  Tick();
+  EXPECT_EQ(Tick(), (std::vector<int>{10, 10}));
+  EXPECT_EQ(Tick(), (std::vector<int>{11, 11}));
+  manager_.Stop();
+  // Four new numbers are three spacings, but the anchoring packet isn't counted.
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Recv: N=2, E=5, J=0"), L"");
+}
+
+TEST_F(RtpManagerTest, PositionIsLoggedOnceAMinute) {
+  Init(1, 0);
+  uint16_t seq = 10;
+  const auto next = [&] {
+    Packet(++seq);
+    Tick();
+  };
+  for (int i = 0; i < 3; ++i)
+    next();
+  clock_.AdvanceMs(60'000);
+  Log().Clear();
+  next();
+  next();
+  EXPECT_EQ(Log().Count(L"STATISTICS: Unit.RtpManager: "), 1u);
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager: SeqNumPos=9, SeqNum=14, PosInBuf=5"), L"");
+}
+
+TEST_F(RtpManagerTest, TargetsHearTheTimestampsAndMinusOneAtEachAnchoring) {
+  Target target;
+  manager_.AddTarget(&target);
+  Init(1, 0);
+  Packet(10, 0xFFFFFF00);
+  EXPECT_EQ(target.Take(), (std::vector<int64_t>{-1, 0xFFFFFF00}));
+  EXPECT_EQ(target.source, &manager_);
+  EXPECT_EQ(target.frequency, 48000u);
+  Packet(11, 0x00000010);  // over the end of 32 bits
+  EXPECT_EQ(target.Take(), std::vector<int64_t>{0x100000010});
+  Packet(11, 0x00000010);  // the same again
+  Packet(12, 0xFFFFFFFF);  // a timestamp that goes back
+  EXPECT_EQ(target.Take(), std::vector<int64_t>{});
+  Packet(100, 0xFFFFFFFF);  // a new stream whose timestamp is behind: told without its position
+  EXPECT_EQ(target.Take(), std::vector<int64_t>{-1});
+  Packet(101, 0);
+  EXPECT_EQ(target.Take(), std::vector<int64_t>{0x100000000});
+
+  EXPECT_TRUE(manager_.DelTarget(&target).IsOk());
+  Packet(102, 500);
+  EXPECT_EQ(target.Take(), std::vector<int64_t>{});
+  manager_.DelTarget(&target);
+  EXPECT_NE(Log().TryTake(L"ErrStr=Sync target not found"), L"");
+}
+
+TEST_F(RtpManagerTest, ShortDatagramsAndErrorsLeaveTheStreamAlone) {
+  Init(1, 0);
+  for (size_t size = 0; size < 12; ++size)
+    Sock(0).Deliver(wire::Bytes(size, 0xC8), Addr(L"10.0.0.9:5"));
+  EXPECT_EQ(TakeLines(), Lines{});
+  Packet(3);  // a header alone is a packet
+  EXPECT_NE(Log().TryTake(L"Stream OK."), L"");
+
+  Network::IUdpReceiver& receiver = *Sock(0).Info().Receiver;
+  receiver.OnError(nullptr, ErrInfo("Test", "tests\\Rtp", 1).SetText(L"recv failed"));
+  EXPECT_NE(Log().TryTake(L"recv failed"), L"");
+}
+
+TEST_F(RtpManagerTest, InitAgainReplacesTheChannelsAndKeepsThePosition) {
+  Init(2, 1);
+  Packet(1000);
+  Init(1, 2);
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_TRUE(net_.Sock(i)->destroyed);
+    EXPECT_FALSE(Sock(i).destroyed);
+  }
+  EXPECT_EQ(manager_.GetRecvChanCount(), 1u);
+  EXPECT_EQ(manager_.GetSendChanCount(), 2u);
+  EXPECT_EQ(Sock(0).Info().BindAddr, Addr(L"127.0.0.1:8002"));
+  EXPECT_FALSE(Sock(1).Info().BindAddr.IsDefined());
+  Log().Clear();
+  Packet(1001);
+  EXPECT_EQ(TakeLines(), Lines{});
+  EXPECT_EQ(Ticks(7), (std::vector<int>{-1, -1, -1, -1, -1, -1, 1001}));
+
+  manager_.Init(RtpManagerInfo());
+  EXPECT_NE(Log().TryTake(L"ErrStr=SampleFreq con not be 0"), L"");
+  EXPECT_EQ(manager_.GetSendChanCount(), 2u);
+}
+
+TEST_F(RtpManagerTest, ChannelsThatCanNotOpenStaySilent) {
+  net_.failOpen = true;
+  Init(1, 1);
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  EXPECT_EQ(Tick(), std::vector<int>{-1});
+  EXPECT_TRUE(manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000")).IsOk());
+  Send(1);
+  EXPECT_NE(Log().TryTake(L"send failed"), L"");
+}
+
+TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) {
+  Init(0, 2);
+  Send(2);  // no address yet
+  manager_.Start();
+  EXPECT_TRUE(manager_.IsStarted());
+  manager_.SetSendChanAddr(1, Addr(L"10.0.0.1:9002"));
+  Send(2);
+  EXPECT_TRUE(Sock(0).Sent().empty());
+  ASSERT_EQ(Sock(1).Sent().size(), 1u);
+  EXPECT_EQ(Sock(1).Sent()[0].to, Addr(L"10.0.0.1:9002"));
+  EXPECT_EQ(Sock(1).Sent()[0].bytes,
+            wire::MakeAudioDatagram(1, 192, wire::kType48000, wire::Bytes(6)));
+
+  // Neither a new start nor new channels reset them; they are cut to their bits on the wire.
+  manager_.Stop();
+  EXPECT_FALSE(manager_.IsStarted());
+  Init(0, 1);
+  for (int i = 2; i < 65536; ++i)
+    Send(0);
+  manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000"));
+  Send(1);
+  EXPECT_EQ(Sock(0).Sent()[0].bytes,
+            wire::MakeAudioDatagram(0, 65536 * 192, wire::kType48000, wire::Bytes(6)));
+
+  manager_.SetSendChanAddr(0, {});
+  Send(1);
+  EXPECT_EQ(Sock(0).Sent().size(), 1u);
+  manager_.SetSendChanAddr(1, {});
+  EXPECT_NE(Log().TryTake(L"ErrStr=Incorrect channel index"), L"");
+}
+
+TEST_F(RtpManagerTest, EmptyPacketsAreReportedAndNotSent) {
+  Init(0, 1);
+  manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000"));
+  std::vector<RtpPacket> packets(1);
+  EXPECT_TRUE(manager_.SendPackets(packets).IsOk());
+  EXPECT_NE(Log().TryTake(L"ErrStr=Empty packet"), L"");
+  EXPECT_NE(Log().TryTake(L"ErrStr=Can not send empty packet"), L"");
+
+  Network::RtpSendChan channel(L"Send", &net_, {});
+  RtpPacket packet;
+  ASSERT_TRUE(packet.Create(100, 1).IsOk());
+  channel.Send(packet);
+  EXPECT_NE(Log().TryTake(L"ErrStr=Send address undefined"), L"");
+}
+
+TEST_F(RtpManagerTest, AFilterMayReplaceAPacket) {
+  class Twice final : public Network::IRtpSendFilter {
+   public:
+    bool Filter(const RtpPacket& packet, std::vector<RtpPacket>& out) override {
+      EXPECT_TRUE(out.empty());
+      if (!replace) return true;
+      out = {packet, packet};
+      return false;
+    }
+    bool replace = false;
+  } filter;
+  Init(0, 1);
+  manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000"));
+  manager_.SetSendFilter(&filter);
+  Send(1);
+  filter.replace = true;
+  Send(1);
+  const auto sent = Sock(0).Sent();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[1].bytes, sent[2].bytes);
+  EXPECT_EQ(sent[1].bytes[3], 1);
+}

@@ -1,0 +1,128 @@
+// The overlaps of the audio side: channels that are replaced, and managers that die, while packets
+// come in. Most of what these tests are for only the sanitizers see.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "RtpAudioManager.h"
+#include "support/CapturedLog.h"
+#include "support/FakeNetwork.h"
+#include "support/WireAudio.h"
+
+namespace {
+
+Network::RtpManagerInfo MakeInfo(uint32_t bufSize) {
+  Network::RtpManagerInfo info;
+  info.SampleFreq = 48000;
+  info.PacketSmplSize = 192;
+  info.RecvBufSize = bufSize;
+  info.RecvBufPos = bufSize / 2;
+  info.RecvAddrs.assign(2, Addr(L"127.0.0.1:8002"));
+  info.SendChans.assign(1, {Addr(L"10.0.0.1:9000"), 100});
+  return info;
+}
+
+class Target final : public Network::ISyncTarget {
+ public:
+  void OnSync(Network::ISyncSource*, int64_t, uint32_t) override { ++calls; }
+  std::atomic<int> calls{0};
+};
+
+// A worker that delivers to the sockets of a manager, the last ones made, until it dies.
+class Traffic {
+ public:
+  explicit Traffic(FakeNetManager& net) : net_(net), thread_([this] { Run(); }) {}
+  ~Traffic() {
+    stop_ = true;
+    thread_.join();
+  }
+
+  // Waits for so many deliveries from now on.
+  void Wait(int count) const {
+    const int until = deliveries_ + count;
+    while (deliveries_ < until)
+      std::this_thread::yield();
+  }
+
+ private:
+  void Run() {
+    uint16_t seq = 0;
+    while (!stop_) {
+      const size_t socks = net_.SockCount();
+      for (size_t i = socks < 6 ? 0 : socks - 6; i < socks; ++i)
+        if (net_.Sock(i)->Deliver(wire::MakeAudioDatagram(seq, seq * 192U, 0xC8, {}), {}))
+          ++deliveries_;
+      ++seq;
+      std::this_thread::yield();  // a thread that waits for a lock gets it
+    }
+  }
+
+  FakeNetManager& net_;
+  std::atomic<bool> stop_{false};
+  std::atomic<int> deliveries_{0};
+  std::thread thread_;
+};
+
+}  // namespace
+
+// Init ends the old channels while they deliver: none may be gone under its delivery, none may get
+// a packet in a slot that its ring doesn't have, and Init must not wait for a lock that the
+// delivery it waits for wants.
+TEST(RtpStress, ChannelsAreReplacedWhilePacketsComeIn) {
+  FakeNetManager net;
+  Network::RtpAudioManager manager(L"Unit", &net);
+  Target target;
+  manager.AddTarget(&target);
+  ASSERT_TRUE(manager.Init(MakeInfo(9)).IsOk());
+  Traffic traffic(net);
+  std::vector<std::vector<float>> floats(4, std::vector<float>(192));
+  std::vector<float*> buffers;
+  for (auto& buffer : floats)
+    buffers.push_back(buffer.data());
+  Log().Allow(L"Packet smpl size mismatch");  // the packets of the traffic carry no samples
+  for (uint32_t round = 0; round < 5000; ++round) {
+    ASSERT_TRUE(manager.Init(MakeInfo(round % 2 == 0 ? 30 : 2)).IsOk());
+    traffic.Wait(1);
+    manager.RecvAudio(buffers, 192);
+    manager.Stop();
+  }
+  EXPECT_GT(target.calls, 0);
+}
+
+// A send address changes on one thread while another sends.
+TEST(RtpStress, AddressesChangeWhileTicksSend) {
+  FakeNetManager net;
+  Network::RtpAudioManager manager(L"Unit", &net);
+  ASSERT_TRUE(manager.Init(MakeInfo(9)).IsOk());
+  Log().Allow(L"Send address undefined");  // taken away between the look and the sending
+  std::atomic<bool> stop{false};
+  std::thread control([&] {
+    for (bool on = false; !stop; on = !on)
+      manager.SetSendChanAddr(0, on ? Addr(L"10.0.0.1:9000") : Network::NetAddr());
+  });
+  std::vector<float> buffer(192);
+  for (int i = 0; i < 3000; ++i)
+    EXPECT_TRUE(manager.SendAudio({buffer.data(), buffer.data()}, 192).IsOk());
+  stop = true;
+  control.join();
+  for (const SentDatagram& datagram : net.Sock(2)->Sent())
+    ASSERT_EQ(datagram.to, Addr(L"10.0.0.1:9000"));
+}
+
+// A manager dies under traffic: the delivery in progress still finds all of it, its target too.
+TEST(RtpStress, ManagersDieWhilePacketsComeIn) {
+  FakeNetManager net;
+  Traffic traffic(net);
+  for (int round = 0; round < 5000; ++round) {
+    auto target = std::make_unique<Target>();
+    auto manager = std::make_unique<Network::RtpAudioManager>(L"Unit", &net);
+    manager->AddTarget(target.get());
+    ASSERT_TRUE(manager->Init(MakeInfo(9)).IsOk());
+    traffic.Wait(1);
+    manager.reset();
+    target.reset();
+  }
+}
