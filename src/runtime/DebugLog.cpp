@@ -4,60 +4,30 @@
 #include <cwchar>
 #include <system_error>
 
-#include "platform/clock.h"
 #include "platform/startup.h"
 #include "platform/text.h"
-#include "platform/thread.h"
 
 namespace {
 
 // How long SetSniffer(nullptr) waits for a slow listener.
 constexpr std::chrono::seconds kDrainLimit{2};
 
-void AppendNumber(std::wstring& out, int value, int width) {
-  wchar_t digits[8];
-  for (int i = width; i-- > 0; value /= 10)
-    digits[i] = static_cast<wchar_t>(L'0' + value % 10);
-  out.append(digits, static_cast<size_t>(width));
-}
-
-void AppendHex8(std::wstring& out, uint32_t value) {
-  for (int shift = 28; shift >= 0; shift -= 4)
-    out += L"0123456789ABCDEF"[(value >> shift) & 0xF];
-}
-
 }  // namespace
 
-std::wstring FormatLogLine(const wchar_t* text, size_t length) {
-  const platform::LocalTime now = platform::GetClock().Local();
-  std::wstring line;
-  line.reserve(1000);
-  AppendNumber(line, now.year, 4);
-  line += L'/';
-  AppendNumber(line, now.month, 2);
-  line += L'/';
-  AppendNumber(line, now.day, 2);
-  line += L' ';
-  AppendNumber(line, now.hour, 2);
-  line += L':';
-  AppendNumber(line, now.minute, 2);
-  line += L':';
-  AppendNumber(line, now.second, 2);
-  line += L'.';
-  AppendNumber(line, now.millisecond, 3);
-  line += L" @ ";
-  AppendHex8(line, platform::ThreadNumber());
-  line += L" @ ";
-  line.append(text, length);
-  line += L"\r\n";
-  return line;
-}
-
-std::shared_ptr<IDebugLog> CreateDebugLog() {
-  return std::make_shared<CDebugLog>();
+std::shared_ptr<IDebugLog> CreateDebugLog(const LogParams& params) {
+  return std::make_shared<CDebugLog>(params);
 }
 
 CDebugLog::CDebugLog() {
+  StartWriter();
+}
+
+CDebugLog::CDebugLog(const LogParams& params) {
+  files_.emplace(params);
+  StartWriter();
+}
+
+void CDebugLog::StartWriter() {
   try {
     thread_ = std::thread([this] { RunWriter(); });
   } catch (const std::system_error&) {
@@ -67,6 +37,7 @@ CDebugLog::CDebugLog() {
 }
 
 CDebugLog::~CDebugLog() {
+  if (files_) files_->StopCleanUp();
   {
     std::lock_guard lock(queueLock_);
     stopRequested_ = true;
@@ -133,32 +104,52 @@ void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {
 }
 
 void CDebugLog::RunWriter() {
+  try {
+    if (files_) files_->Open();
+  } catch (...) {
+    // Out of memory: lines are shown and not stored.
+  }
   std::unique_lock lock(queueLock_);
   for (;;) {
-    while (!queue_.empty()) {
-      const std::wstring line = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      try {
-        Handle(line);
-      } catch (...) {
-        // One line that can't be shown or stored mustn't end the log.
-      }
-      lock.lock();
-      ++handled_;
-      handledSignal_.notify_all();
-    }
+    DrainQueue(lock);
     if (stopRequested_) break;
     queueSignal_.wait_for(lock, std::chrono::seconds(1),
                           [this] { return !queue_.empty() || stopRequested_; });
   }
+  lock.unlock();
+  try {
+    if (files_) files_->Close();
+  } catch (...) {
+    // The same: the file stays without its last line.
+  }
+  lock.lock();
   running_ = false;
   handledSignal_.notify_all();
 }
 
+void CDebugLog::DrainQueue(std::unique_lock<std::mutex>& lock) {
+  while (!queue_.empty()) {
+    const std::wstring line = std::move(queue_.front());
+    queue_.pop_front();
+    lock.unlock();
+    Handle(line);
+    lock.lock();
+    ++handled_;
+    handledSignal_.notify_all();
+  }
+}
+
+// One line that can't be shown or stored mustn't end the log, and what can't be shown is stored.
 void CDebugLog::Handle(const std::wstring& line) {
-  std::lock_guard lock(snifferLock_);
-  if (sniffer_) sniffer_->Sniff(line);
+  try {
+    std::lock_guard lock(snifferLock_);
+    if (sniffer_) sniffer_->Sniff(line);
+  } catch (...) {
+  }
+  try {
+    if (files_) files_->Store(line);
+  } catch (...) {
+  }
 }
 
 void LogToConsoleSniffer::Sniff(const std::wstring& line) {

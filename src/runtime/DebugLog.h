@@ -1,5 +1,5 @@
-// The program's log: formats a line on the caller's thread, queues it, and shows it to the sniffer
-// on a writer thread of its own.
+// The program's log: formats a line on the caller's thread, queues it, and on a writer thread of
+// its own shows it to the sniffer and stores it in the log files.
 //
 // Locks, all leaves: queueLock_ (queue, counts, flags), snifferLock_ (the sniffer and its calls).
 #pragma once
@@ -9,21 +9,21 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "runtime/IDebugLog.h"
+#include "runtime/LogFiles.h"
+#include "runtime/LogLine.h"
 
-// Starts a log with its writer thread. The last holder of the pointer ends it: the queue is then
-// emptied first.
-std::shared_ptr<IDebugLog> CreateDebugLog();
-
-// `text` behind the local time and the calling thread's number, with its line end:
-// YYYY/MM/DD HH:MM:SS.mmm @ TTTTTTTT @ text
-std::wstring FormatLogLine(const wchar_t* text, size_t length);
+// Starts a log with its writer thread, which opens the first file. The last holder of the pointer
+// ends it: the queue is then emptied and the file closed first.
+std::shared_ptr<IDebugLog> CreateDebugLog(const LogParams& params);
 
 class CDebugLog final : public IDebugLog {
  public:
-  CDebugLog();
+  CDebugLog();  // without files
+  explicit CDebugLog(const LogParams& params);
   ~CDebugLog() override;
   CDebugLog(const CDebugLog&) = delete;
   CDebugLog& operator=(const CDebugLog&) = delete;
@@ -45,7 +45,9 @@ class CDebugLog final : public IDebugLog {
   void SetSniffer(IDebugLogSniffer* sniffer) override;
 
  private:
+  void StartWriter();
   void RunWriter();
+  void DrainQueue(std::unique_lock<std::mutex>& lock);
   void Handle(const std::wstring& line);
 
   std::mutex snifferLock_;
@@ -59,6 +61,8 @@ class CDebugLog final : public IDebugLog {
   uint64_t handled_ = 0;  // lines ever shown and stored
   bool running_ = true;   // the writer hasn't ended
   bool stopRequested_ = false;
+
+  std::optional<LogFiles> files_;  // of the writer thread
 
   std::thread thread_;  // last: it uses all of the above
 };

@@ -3,6 +3,8 @@
 #include <atomic>
 
 #include "runtime/DebugLog.h"
+#include "runtime/IFS.h"
+#include "runtime/Paths.h"
 #include "runtime/SingletonGate.h"
 
 namespace {
@@ -45,4 +47,16 @@ EnvironmentFactory SetEnvironmentFactory(EnvironmentFactory create) {
   return factory.exchange(create);
 }
 
-EnvironmentCommon::EnvironmentCommon() : log_(CreateDebugLog()) {}
+EnvironmentCommon::EnvironmentCommon() {
+  LogParams params;
+  params.name = GetModulePath(false, true);
+  params.dir = GetTempDir();
+  AddTrailingSeparator(params.dir) += params.name + L".logs";
+  // It usually exists. Where it can't be made there are no files, which is the log's affair.
+  fs::FsRef().Get()->MakeDir(params.dir.c_str());
+  AddTrailingSeparator(params.dir);
+  params.maxFileSize = 1'048'576;
+  params.maxTotalSize = 20 * params.maxFileSize;
+  params.maxAgeDays = 20;
+  log_ = CreateDebugLog(params);
+}

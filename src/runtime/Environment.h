@@ -13,7 +13,9 @@ class IEnvironment {
   virtual std::shared_ptr<IDebugLog> GetLog() = 0;
 };
 
-// The environment of the program: makes the debug log when it is made.
+// The environment of the program: makes the debug log when it is made. Its files stand in the
+// directory "<name>.logs" of the system's temporary directory, by the name of the executable's
+// file, in pieces of 1 MiB, 20 MiB together, for 20 days.
 class EnvironmentCommon : public IEnvironment {
  public:
   EnvironmentCommon();

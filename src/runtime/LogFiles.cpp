@@ -1,0 +1,209 @@
+#include "runtime/LogFiles.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "platform/clock.h"
+#include "platform/text.h"
+#include "runtime/Dir.h"
+#include "runtime/LogLine.h"
+#include "runtime/Paths.h"
+
+namespace {
+
+constexpr wchar_t kBeginBanner[] =
+    L"------------------------<<< BEGIN LOG >>>------------------------";
+constexpr wchar_t kEndBanner[] =
+    L"-------------------------<<< END LOG >>>-------------------------";
+
+// Keeps the disk free for others while files go.
+constexpr uint32_t kDeletePauseMs = 100;
+
+LogParams Normalized(LogParams params) {
+  NormalizePath(params.dir);
+  RemoveTrailingSeparator(params.dir);
+  return params;
+}
+
+}  // namespace
+
+LogFiles::LogFiles(const LogParams& params) : params_(Normalized(params)) {}
+
+LogFiles::~LogFiles() {
+  StopCleanUp();
+  if (cleanUp_.joinable()) cleanUp_.join();
+}
+
+std::wstring LogFiles::NewPath() const {
+  std::wstring path = params_.dir;
+  if (!path.empty()) AddTrailingSeparator(path);
+  path += params_.name;
+  if (params_.maxFileSize != 0) {
+    const platform::LocalTime now = platform::GetClock().Local();
+    path += L'~';
+    AppendDigits(path, now.year, 4);
+    AppendDigits(path, now.month, 2);
+    AppendDigits(path, now.day, 2);
+    path += L'-';
+    AppendDigits(path, now.hour, 2);
+    AppendDigits(path, now.minute, 2);
+    AppendDigits(path, now.second, 2);
+  }
+  return path + L".log";
+}
+
+void LogFiles::Open() {
+  const bool rotates = params_.maxFileSize != 0;
+  path_ = NewPath();
+  written_ = 0;
+  // The log of a service is no reading for others, and in a directory that others write they could
+  // have put a link under this name, to a file of ours that we would empty.
+  if (!params_.dir.empty() && platform::PathCheckOwnDir(params_.dir.c_str()) != 0) return;
+  if (!rotates) platform::PathSetCompression(path_.c_str(), false);
+
+  const platform::OpenOptions options{.write = true,
+                                      .disposition = rotates ? platform::Disposition::CreateAlways
+                                                             : platform::Disposition::OpenAlways,
+                                      .ownerOnly = true};
+  if (platform::FileOpen(path_.c_str(), options, &file_, nullptr) != 0) return;
+  platform::FileSeek(file_, 0, platform::SeekFrom::End, &written_);
+  WriteBanner(kBeginBanner);
+}
+
+void LogFiles::Close() {
+  if (file_ == platform::kNoFile) return;
+  WriteBanner(kEndBanner);
+  platform::FileFlush(file_);
+  platform::FileClose(file_);
+  file_ = platform::kNoFile;
+  platform::PathSetCompression(path_.c_str(), true);
+  path_.clear();
+}
+
+void LogFiles::WriteBytes(const std::wstring& line) {
+  const std::string bytes = platform::WideToUtf8Lossy(line);
+  const uint32_t size = static_cast<uint32_t>(bytes.size());
+  uint32_t done = 0;
+  if (platform::FileWrite(file_, bytes.data(), size, &done) != 0 && done != 0) {
+    // A full disk costs whole lines: what is stored later must not go on in the middle of one.
+    platform::FileSeek(file_, -int64_t{done}, platform::SeekFrom::Current, nullptr);
+    platform::FileSetEnd(file_);
+    done = 0;
+  }
+  written_ += done;
+}
+
+void LogFiles::WriteBanner(const wchar_t* text) {
+  WriteBytes(FormatLogLine(text, std::wstring_view(text).size()));
+}
+
+void LogFiles::Store(const std::wstring& line) {
+  if (file_ == platform::kNoFile) return;
+  WriteBytes(line);
+  if (params_.maxFileSize != 0 && written_ > params_.maxFileSize) Rotate();
+}
+
+void LogFiles::Rotate() {
+  Close();
+  Open();
+  if (!cleaning_) StartCleanUp();
+}
+
+void LogFiles::StartCleanUp() {
+  if (cleanUp_.joinable()) cleanUp_.join();  // it has ended, or is about to
+  cleaning_ = true;
+  try {
+    cleanUp_ = std::thread([this] {
+      try {
+        DeleteOldLogs(params_, destroying_);
+      } catch (...) {
+        // A name that is no regular expression, or no memory: the files stay.
+      }
+      cleaning_ = false;
+    });
+  } catch (...) {
+    cleaning_ = false;  // no thread to be had; the next rotation tries again
+  }
+}
+
+namespace {
+
+// The rotated files of a log, oldest first: their names differ in nothing but the time.
+class RotatedFiles {
+ public:
+  RotatedFiles(const LogParams& params, const std::atomic<bool>& stop) : stop_(stop) {
+    const std::wstring pattern = L"^" + params.name + L"~[0-9]{8}-[0-9]{6}\\.log$";
+    const std::wstring dir = params.dir.empty() ? L"." : params.dir;
+    files_ = *fs::Dir(dir, pattern, fs::Dir::kFiles).files;
+    // No log made these.
+    std::erase_if(files_,
+                  [](const auto& file) { return (file.second.attributes & fs::kLink) != 0; });
+    for (const auto& [path, description] : files_)
+      totalSize_ += description.size;
+  }
+
+  uint64_t TotalSize() const { return totalSize_; }
+
+  // Null when there is none, or when it is time to stop.
+  const std::wstring* Oldest() const {
+    return stop_ || files_.empty() ? nullptr : &files_.begin()->first;
+  }
+
+  // A file that can't be deleted, the current one above all, counts as gone here: it would stand
+  // in the way of all that follow.
+  void DeleteOldest() {
+    const fs::FsRef fileSystem;
+    const auto oldest = files_.begin();
+    fileSystem.Get()->Remove(oldest->first.c_str());
+    totalSize_ -= oldest->second.size;
+    files_.erase(oldest);
+    platform::GetClock().Sleep(kDeletePauseMs);
+  }
+
+ private:
+  const std::atomic<bool>& stop_;
+  fs::Dir::Files files_;
+  uint64_t totalSize_ = 0;
+};
+
+// The day in the name of a rotated file; false if there is none.
+bool DayOfPath(const std::wstring& path, int64_t& day) {
+  constexpr size_t kTail = std::wstring_view(L"YYYYMMDD-HHMMSS.log").size();
+  if (path.size() < kTail) return false;
+  const std::wstring_view date = std::wstring_view(path).substr(path.size() - kTail, 8);
+  int digits[8];
+  for (size_t i = 0; i < 8; ++i) {
+    if (date[i] < L'0' || date[i] > L'9') return false;
+    digits[i] = static_cast<int>(date[i] - L'0');
+  }
+  const int year = digits[0] * 1000 + digits[1] * 100 + digits[2] * 10 + digits[3];
+  day = DayNumber(year, digits[4] * 10 + digits[5], digits[6] * 10 + digits[7]);
+  return true;
+}
+
+}  // namespace
+
+void DeleteOldLogs(const LogParams& params, const std::atomic<bool>& stop) {
+  RotatedFiles files(params, stop);
+  if (params.maxTotalSize != 0) {
+    while (files.Oldest() && files.TotalSize() > params.maxTotalSize)
+      files.DeleteOldest();
+  }
+  if (params.maxAgeDays != 0) {
+    const platform::LocalTime now = platform::GetClock().Local();
+    const int64_t limit = DayNumber(now.year, now.month, now.day) - int64_t{params.maxAgeDays};
+    while (const std::wstring* oldest = files.Oldest()) {
+      int64_t day = 0;
+      if (!DayOfPath(*oldest, day) || day >= limit) break;
+      files.DeleteOldest();
+    }
+  }
+}
+
+int64_t DayNumber(int year, int month, int day) {
+  constexpr int kDaysBefore[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+  const int y = year - 1972;
+  const bool beforeLeapDay = y % 4 == 0 && month <= 2;
+  return int64_t{y / 4} * 1461 + (y % 4) * 365 + kDaysBefore[std::clamp(month, 1, 12) - 1] + day -
+         1 + (beforeLeapDay ? 0 : 1);
+}

@@ -1,0 +1,70 @@
+// The files of the log: a directory of "<name>~YYYYMMDD-HHMMSS.log", of which the newest is being
+// written. When it reaches its size it is closed, the next one is opened, and old ones are deleted.
+//
+// Lives on the log's writer thread; deleting runs on a thread of its own, at most one at a time.
+// No lock: the two share nothing but flags, and a file that is being written can't be deleted.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include "platform/file.h"
+
+struct LogParams {
+  std::wstring dir;                    // made by the caller; empty is the working directory
+  std::wstring name;                   // first part of every file name
+  uint64_t maxFileSize = 1'048'576;    // bytes; above it the file is closed. 0: one file for all
+  uint64_t maxTotalSize = 31'457'280;  // bytes of all rotated files together; 0: no limit
+  uint32_t maxAgeDays = 30;            // age beyond which rotated files go; 0: no limit
+};
+
+// With a maxFileSize of 0 the one file is "<name>.log", every run appends to it, and nothing is
+// ever deleted.
+//
+// Nothing here fails towards the caller. Where no file can be opened, lines are dropped: there is
+// no directory, it isn't this user's alone, or another log writes the file of the same name.
+class LogFiles {
+ public:
+  explicit LogFiles(const LogParams& params);
+  ~LogFiles();  // any thread, once the writer has ended
+  LogFiles(const LogFiles&) = delete;
+  LogFiles& operator=(const LogFiles&) = delete;
+
+  // Of the writer thread. Open and Close write a banner line as the first and the last of a file.
+  void Open();
+  void Store(const std::wstring& line);  // with its line end; may go on to the next file
+  void Close();
+
+  // Has the deletion stop at the next file. Any thread.
+  void StopCleanUp() { destroying_ = true; }
+
+  // Whether files are being deleted. Any thread.
+  bool IsCleaningUp() const { return cleaning_; }
+
+ private:
+  std::wstring NewPath() const;
+  void WriteBytes(const std::wstring& line);
+  void WriteBanner(const wchar_t* text);
+  void Rotate();
+  void StartCleanUp();
+
+  const LogParams params_;  // dir is normalised and has no trailing separator
+
+  std::wstring path_;  // of the current file
+  platform::FileHandle file_ = platform::kNoFile;
+  uint64_t written_ = 0;  // bytes in the current file, banners and earlier runs included
+
+  std::atomic<bool> cleaning_{false};
+  std::atomic<bool> destroying_{false};
+  std::thread cleanUp_;
+};
+
+// Deletes rotated files, oldest first: until they are within maxTotalSize, then those older than
+// maxAgeDays. Waits 100 ms behind each deletion. Stops before the next file once `stop` is set.
+// Throws std::regex_error if `name` is no regular expression, of which it becomes a part.
+void DeleteOldLogs(const LogParams& params, const std::atomic<bool>& stop);
+
+// Days since 1972-01-01, with a leap year every fourth year; months and days from 1.
+int64_t DayNumber(int year, int month, int day);
