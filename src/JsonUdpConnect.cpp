@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "runtime/Clocks.h"
-#include "runtime/Environment.h"
 #include "runtime/Format.h"
 
 namespace Network {
@@ -25,11 +24,9 @@ IJsonUdpConnect* IJsonUdpConnect::Create(const std::wstring& name, INetManager* 
 }
 
 bool OutgoingMsg::IsLastOfMessage() const {
-  if (const auto* segment = dynamic_cast<const JsonMsgAtt*>(wire.get());
-      segment && wire != leader) {
-    return segment->seg_number == segment->seg_count - 1;
-  }
-  return wire == leader && (wire->att == 0 || !wire->attachment.empty());
+  if (wire == leader && (leader->att == 0 || !leader->attachment.empty())) return true;
+  const auto* segment = dynamic_cast<const JsonMsgAtt*>(wire.get());
+  return segment && segment->seg_number == segment->seg_count - 1;
 }
 
 std::wstring JsonUdpStatistics::ToString() const {
@@ -40,7 +37,7 @@ std::wstring JsonUdpStatistics::ToString() const {
 }
 
 JsonUdpConnect::JsonUdpConnect(const std::wstring& name, INetManager* netManager)
-    : name_(name), log_(GetDebugLog()), manager_(IJsonUdpManager::Create(name, netManager)) {}
+    : manager_(IJsonUdpManager::Create(name, netManager)) {}
 
 JsonUdpConnect::~JsonUdpConnect() {
   JsonUdpConnect::Stop();
@@ -56,11 +53,7 @@ ErrInfo JsonUdpConnect::Init(const JsonUdpInfo& info) {
 
 ErrInfo JsonUdpConnect::Start() {
   if (started_) Stop();
-  {
-    std::lock_guard lock(stateMutex_);
-    statistics_ = {};
-  }
-  ErrInfo err = manager_->Start();
+  ErrInfo err = Open();
   if (!err.IsOk()) {
     Stop();
     return err;
@@ -77,6 +70,16 @@ ErrInfo JsonUdpConnect::Start() {
   return ERR_HERE("Network::JsonUdpConnect::Start");
 }
 
+ErrInfo JsonUdpConnect::Open() {
+  {
+    std::lock_guard lock(stateMutex_);
+    statistics_ = {};
+  }
+  // What was on its way before a Stop is transmitted another five times.
+  attempts_ = 0;
+  return manager_->Start();
+}
+
 void JsonUdpConnect::Stop() {
   // The socket first: nothing comes in any more and no call of the worker is left.
   manager_->Stop();
@@ -85,11 +88,6 @@ void JsonUdpConnect::Stop() {
   wakeEvent_.Set();
   thread_.join();
   started_ = false;
-
-  const JsonUdpStatistics counted = Statistics();
-  if (counted.MsgSent || counted.MsgReceived || counted.RepeatMsgSent || counted.DupAckReceived) {
-    log_->Write(Format(L"STATISTICS: %s: %s", name_, counted.ToString()));
-  }
 }
 
 ErrInfo JsonUdpConnect::SetDefaultSendAddr(const NetAddr& addr) {
@@ -104,21 +102,18 @@ ErrInfo JsonUdpConnect::SendDirect(const std::shared_ptr<JsonMsg>& msg, const Ne
 ErrInfo JsonUdpConnect::Send(const std::shared_ptr<JsonMsg>& msg, const NetAddr& to) {
   ErrInfo err = ERR_HERE("Network::JsonUdpConnect::Send");
   if (!msg) return err.SetText(L"No message to send");
-  {
-    std::lock_guard lock(sendMutex_);
-    if (sendQueue_.Size() >= kMaxWaiting) {
-      return err.SetText(
-          Format(L"Send queue is full: %d datagrams wait for acknowledgement", sendQueue_.Size()));
-    }
-    msg->att = msg->attachment.size();
-    if (msg->att <= segmentSize_) {
-      sendQueue_.Push({msg, msg, to});
-    } else {
-      const std::vector<OutgoingMsg> datagrams = CutIntoSegments(msg, to);
-      // The head announces the full length and carries no bytes.
-      msg->attachment.clear();
-      sendQueue_.PushAll(datagrams);
-    }
+  const size_t waiting = sendQueue_.Size();
+  if (waiting >= kMaxWaiting) {
+    return err.SetText(Format(L"Send queue full: %d datagrams wait, message dropped", waiting));
+  }
+  msg->att = msg->attachment.size();
+  if (msg->att <= segmentSize_) {
+    sendQueue_.Push({msg, msg, to});
+  } else {
+    const std::vector<OutgoingMsg> datagrams = CutIntoSegments(msg, to);
+    // The head announces the full length and carries no bytes.
+    msg->attachment.clear();
+    sendQueue_.PushAll(datagrams);
   }
   wakeEvent_.Set();
   return err;
@@ -150,29 +145,30 @@ JsonUdpStatistics JsonUdpConnect::Statistics() {
 }
 
 void JsonUdpConnect::Run() {
-  attempts_ = 0;
   while (!stopFlag_) {
-    bool waiting = false;
-    {
-      std::lock_guard lock(stateMutex_);
-      waiting = pending_.IsValid();
-    }
-    wakeEvent_.Wait(waiting ? kBusyWaitMs : kIdleWaitMs);
+    wakeEvent_.Wait(IsWaitingForAck() ? kBusyWaitMs : kIdleWaitMs);
     if (stopFlag_) return;
     Pass();
   }
 }
 
+bool JsonUdpConnect::IsWaitingForAck() {
+  std::lock_guard lock(stateMutex_);
+  return pending_.IsValid();
+}
+
 void JsonUdpConnect::Pass() {
   try {
-    const InternalMsg transmit = NextTransmission();
-    if (transmit.IsValid()) Transmit(transmit);
-    DeliverSent();
-    DeliverReceived();
-  } catch (const std::exception& error) {
-    SetError(error.what());
+    try {
+      const InternalMsg transmit = NextTransmission();
+      if (transmit.IsValid()) Transmit(transmit);
+      DeliverSent();
+      DeliverReceived();
+    } catch (const std::exception& error) {
+      SetError(error.what());
+    }
   } catch (...) {
-    SetError("unknown exception");
+    // The receiver failed again while it was told, or threw what has no text. The thread goes on.
   }
 }
 
@@ -202,6 +198,7 @@ InternalMsg JsonUdpConnect::NextTransmission() {
     }
   }
   DiscardSegmentsOf(*failed);
+  wakeEvent_.Set();  // the rest of this pass is skipped, and what it had to do mustn't wait
   throw std::runtime_error("Protocol error. No ack received");
 }
 
@@ -226,7 +223,7 @@ void JsonUdpConnect::Transmit(const InternalMsg& transmit) {
 void JsonUdpConnect::DeliverSent() {
   const std::shared_ptr<JsonMsg> sent = sentQueue_.TryPop();
   if (!sent) return;
-  wakeEvent_.Set();  // there may be more
+  wakeEvent_.Set();  // before the call, which may throw: more may wait behind this one
   if (info_.Receiver) info_.Receiver->OnMsgSent(this, sent);
 }
 

@@ -15,7 +15,6 @@
 #include "JsonMsgs.h"
 #include "platform/event.h"
 #include "runtime/ConcurrentQueue.h"
-#include "runtime/IDebugLog.h"
 
 namespace Network {
 
@@ -54,6 +53,7 @@ struct JsonUdpStatistics {
 class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
  public:
   // Datagrams that may wait. A peer that asks and never acknowledges would fill memory otherwise.
+  // A message is taken whole or not at all, so a long one may go beyond.
   static constexpr size_t kMaxWaiting = 65536;
 
   JsonUdpConnect(const std::wstring& name, INetManager* netManager);
@@ -66,8 +66,7 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   // Resets the counters. What waited or was on its way before a Stop carries on.
   ErrInfo Start() override;
 
-  // Not from a callback on the connection's own thread. Writes the counters to the log if anything
-  // was counted.
+  // Not from a callback on the connection's own thread, which it joins.
   void Stop() override;
   bool IsStarted() override { return started_; }
   ErrInfo SetDefaultSendAddr(const NetAddr& addr) override;
@@ -79,14 +78,18 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
                      const NetAddr& from) override;
   void OnError(IJsonUdpManager* manager, ErrInfo err) override;
 
+  // Since Start. Nothing writes them to the log unasked.
   JsonUdpStatistics Statistics();
 
-  // One pass of the connection's thread without its wait: sends at most one datagram, delivers at
-  // most one message of each kind. For tests that run no thread.
+  // The two halves of Start and its thread, for tests that run no thread: opens the socket; makes
+  // one pass of the thread, which sends at most one datagram and delivers at most one message of
+  // each kind.
+  ErrInfo Open();
   void Pass();
 
  private:
   void Run();
+  bool IsWaitingForAck();
   InternalMsg NextTransmission();
   void DiscardSegmentsOf(const JsonMsg& failed);
   void Transmit(const InternalMsg& transmit);
@@ -100,13 +103,10 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   std::vector<OutgoingMsg> CutIntoSegments(const std::shared_ptr<JsonMsg>& msg,
                                            const NetAddr& to) const;
 
-  const std::wstring name_;
-  const std::shared_ptr<IDebugLog> log_;
   std::thread thread_;
   JsonUdpInfo info_;  // fixed while started
   const std::shared_ptr<IJsonUdpManager> manager_;
 
-  std::mutex sendMutex_;  // makes the limit test and the push of Send one step
   ConcurrentQueue<OutgoingMsg> sendQueue_;
   ConcurrentQueue<InternalMsg> receivedQueue_;
   ConcurrentQueue<std::shared_ptr<JsonMsg>> sentQueue_;

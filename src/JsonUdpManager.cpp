@@ -117,6 +117,7 @@ void JsonUdpManager::OnError(IUdpSock*, ErrInfo err) {
 }
 
 void JsonUdpManager::LogMsg(const wchar_t* direction, const NetAddr& peer, const JsonMsg& msg) {
+  if (!log_) return;
   log_->Write(Format(L"%s: MSG: %s (%s) %s : %s", name_, direction, peer.ToText(), msg.msg,
                      msg.ToString()));
 }

@@ -1,0 +1,219 @@
+#include "JsonUdpManager.h"
+
+#include <gtest/gtest.h>
+
+#include "support/CapturedLog.h"
+#include "support/ControlDoubles.h"
+#include "support/FakeNetwork.h"
+
+using namespace Network;
+
+namespace {
+
+class DatagramManager : public testing::Test {
+ protected:
+  DatagramManager() {
+    info.Receiver = &user;
+    info.BindAddr = Addr(L"127.0.0.1:8000");
+    info.Broadcast = true;
+    info.MaxPacketSize = 500;
+  }
+
+  void Start() {
+    EXPECT_TRUE(manager.Init(info).IsOk());
+    EXPECT_TRUE(manager.Start().IsOk());
+  }
+
+  void ExpectSendFails(const NetAddr& to, const wchar_t* text) {
+    EXPECT_FALSE(manager.SendDirect(msg, to).IsOk());
+    EXPECT_NE(Log().TryTake(text), L"") << "wrong or no failure";
+    EXPECT_EQ(Log().UntakenFailures().size(), 0U) << "a failure was reported twice";
+    EXPECT_EQ(user.Sent().size(), 0U);
+    EXPECT_EQ(Log().Count(L"MSG:"), 0U);
+  }
+
+  const NetAddr peer = Addr(L"10.1.2.3:4567");
+  const std::shared_ptr<JsonMsg> msg = std::make_shared<JsonMsgGetState>();
+  FakeNetManager net;
+  RecordingReceiver user;
+  JsonUdpInfo info;
+  JsonUdpManager manager{L"unit", &net};
+};
+
+TEST_F(DatagramManager, SendsOneDatagramThenTellsThenLogs) {
+  size_t linesBefore = 99;
+  user.onSent = [&](const auto&) { linesBefore = Log().Count(L"MSG:"); };
+  Start();
+  EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
+
+  const auto sent = net.LastSock()->Sent();
+  ASSERT_EQ(sent.size(), 1U);
+  EXPECT_EQ(sent[0].bytes, ToDatagram(*msg));
+  EXPECT_EQ(sent[0].to, peer);
+  EXPECT_EQ(linesBefore, 0U);
+  EXPECT_EQ(user.Source(), &manager);
+  EXPECT_EQ(Log().Lines(), std::vector<std::wstring>{
+                               L"unit: MSG: -> (10.1.2.3:4567) get_state : {\"msg\":\"get_state\","
+                               L"\"msg_id\":" +
+                               std::to_wstring(msg->msg_id) + L"}"});
+}
+
+TEST_F(DatagramManager, ReceivesLogsThenDelivers) {
+  size_t linesBefore = 0;
+  user.onReceived = [&](const auto&, const NetAddr&) { linesBefore = Log().Count(L"MSG:"); };
+  Start();
+  JsonMsgAck ack(41);
+  ack.msg_id = 42;
+  EXPECT_TRUE(net.LastSock()->Deliver(ToDatagram(ack), peer));
+
+  ASSERT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(user.Received()[0].from, peer);
+  EXPECT_EQ(linesBefore, 1U);
+  EXPECT_EQ(
+      Log().Lines()[0],
+      L"unit: MSG: <- (10.1.2.3:4567) ack : {\"ack_msg_id\":41,\"msg\":\"ack\",\"msg_id\":42}");
+}
+
+TEST_F(DatagramManager, EmptyNameGetsTheClassName) {
+  JsonUdpManager nameless(L"", &net);
+  EXPECT_TRUE(nameless.Init(info).IsOk());
+  EXPECT_TRUE(nameless.Start().IsOk());
+  EXPECT_TRUE(nameless.SendDirect(msg, peer).IsOk());
+  EXPECT_EQ(Log().Count(L"JsonUdpManager: MSG: -> "), 1U);
+}
+
+TEST_F(DatagramManager, FailsWithoutSocketAndWithoutAddress) {
+  ExpectSendFails(peer, L"Bad socket Method=Network::JsonUdpManager::SendDirect");
+  // Both are missing: the later test has the word.
+  ExpectSendFails(NetAddr(), L"Bad send address Method=Network::JsonUdpManager::SendDirect");
+  Start();
+  ExpectSendFails(NetAddr(), L"Bad send address");
+  manager.Stop();
+  manager.Stop();
+  ExpectSendFails(peer, L"Bad socket");
+}
+
+TEST_F(DatagramManager, RefusesWhatDoesNotFitBeforeItLooksForSocketOrAddress) {
+  msg->attachment.resize(500);
+  info.SendAddr = peer;
+  EXPECT_TRUE(manager.Init(info).IsOk());
+  ExpectSendFails(NetAddr(), L"Can not deserialize msg. Packet too small");
+}
+
+TEST_F(DatagramManager, ReportsTheSocketsFailure) {
+  Start();
+  net.LastSock()->failSend = true;
+  ExpectSendFails(peer, L"send failed");
+}
+
+TEST_F(DatagramManager, GivenAddressBeatsTheDefault) {
+  info.SendAddr = Addr(L"10.0.0.1:1");
+  Start();
+  EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
+  EXPECT_TRUE(manager.SendDirect(msg, NetAddr()).IsOk());
+  EXPECT_TRUE(manager.SetDefaultSendAddr(Addr(L"10.0.0.2:2")).IsOk());
+  EXPECT_TRUE(manager.SendDirect(msg, NetAddr()).IsOk());
+  const auto sent = net.LastSock()->Sent();
+  ASSERT_EQ(sent.size(), 3U);
+  EXPECT_EQ(sent[0].to, peer);
+  EXPECT_EQ(sent[1].to, Addr(L"10.0.0.1:1"));
+  EXPECT_EQ(sent[2].to, Addr(L"10.0.0.2:2"));
+}
+
+TEST_F(DatagramManager, FilterVetoesInSilence) {
+  struct Veto final : IJsonUdpSendFilter {
+    bool MaySend(IJsonUdpManager*, const std::shared_ptr<JsonMsg>& m) override {
+      return m->msg != L"get_state";
+    }
+  } veto;
+  info.SendFilter = &veto;
+  Start();
+  EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
+  EXPECT_EQ(net.LastSock()->Sent().size(), 0U);
+  EXPECT_EQ(user.Sent().size(), 0U);
+  EXPECT_EQ(Log().Lines().size(), 0U);
+  EXPECT_TRUE(manager.SendDirect(std::make_shared<JsonMsgDevFind>(), peer).IsOk());
+  EXPECT_EQ(net.LastSock()->Sent().size(), 1U);
+}
+
+TEST_F(DatagramManager, UndecodableDatagramIsOneFailureAndNoLine) {
+  Start();
+  EXPECT_TRUE(net.LastSock()->Deliver({'x', 0}, peer));
+  EXPECT_NE(
+      Log().TryTake(L"Bad message received Method=Network::JsonUdpManager::OnDatagramReceived"),
+      L"");
+  EXPECT_EQ(Log().Lines().size(), 1U);
+  EXPECT_EQ(user.Errors().size(), 1U);
+  EXPECT_EQ(net.LastSock()->Sent().size(), 0U);
+}
+
+TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
+  Start();
+  EXPECT_TRUE(manager.Start().IsOk());
+  ASSERT_EQ(net.SockCount(), 2U);
+  EXPECT_FALSE(net.Sock(0)->IsOpen());
+  const UdpSockInfo opened = net.Sock(1)->Info();
+  EXPECT_EQ(opened.BindAddr, info.BindAddr);
+  EXPECT_EQ(opened.MaxPacketSize, 500U);
+  EXPECT_TRUE(opened.Broadcast);
+  EXPECT_FALSE(opened.SendAddr.IsDefined());
+
+  EXPECT_TRUE(manager.Init(info).IsOk()) << "Init stops";
+  EXPECT_FALSE(manager.IsStarted());
+  EXPECT_FALSE(net.Sock(1)->IsOpen());
+
+  net.failOpen = true;
+  EXPECT_FALSE(manager.Start().IsOk());
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  EXPECT_FALSE(manager.IsStarted());
+}
+
+TEST_F(DatagramManager, ClosesItsSocketWhenItDies) {
+  auto dying = std::make_unique<JsonUdpManager>(L"dying", &net);
+  EXPECT_TRUE(dying->Init(info).IsOk());
+  EXPECT_TRUE(dying->Start().IsOk());
+  EXPECT_TRUE(net.LastSock()->IsOpen());
+  dying.reset();
+  EXPECT_FALSE(net.LastSock()->IsOpen()) << "it would deliver to a dead receiver";
+}
+
+// A datagram can be there the moment a socket opens, and its receiver answers at once.
+TEST(DatagramManagerStart, AnswersADatagramThatArrivesWhileTheSocketOpens) {
+  struct EagerSock final : IUdpSock {
+    ErrInfo Open(const UdpSockInfo& info) override {
+      const DatagramBytes bytes = ToDatagram(JsonMsgGetState());
+      auto packet = std::make_shared<Packet>(bytes.size());
+      packet->Resize(bytes.size());
+      std::copy(bytes.begin(), bytes.end(), packet->Data());
+      info.Receiver->OnDatagramReceived(this, packet, Addr(L"10.1.2.3:4567"));
+      return ErrInfo("Open", "", 0);
+    }
+    void Close() override {}
+    void Destroy() override {}
+    ErrInfo SetSendAddr(const NetAddr&) override { return ErrInfo("SetSendAddr", "", 0); }
+    ErrInfo Send(const uint8_t*, uint64_t, const NetAddr&) override {
+      ++sends;
+      return ErrInfo("Send", "", 0);
+    }
+    int sends = 0;
+  };
+  struct EagerNet final : INetManager {
+    std::shared_ptr<IUdpSock> CreateUdpSock() override { return sock; }
+    std::shared_ptr<ITcpSock> CreateTcpSock() override { return nullptr; }
+    std::shared_ptr<ITcpListenSock> CreateTcpListenSock() override { return nullptr; }
+    std::shared_ptr<EagerSock> sock = std::make_shared<EagerSock>();
+  } net;
+
+  RecordingReceiver user;
+  JsonUdpManager manager(L"unit", &net);
+  user.onReceived = [&](const auto& request, const NetAddr& from) {
+    EXPECT_TRUE(manager.SendDirect(std::make_shared<JsonMsgAck>(request->msg_id), from).IsOk());
+  };
+  JsonUdpInfo info;
+  info.Receiver = &user;
+  EXPECT_TRUE(manager.Init(info).IsOk());
+  EXPECT_TRUE(manager.Start().IsOk());
+  EXPECT_EQ(net.sock->sends, 1);
+}
+
+}  // namespace
