@@ -1,0 +1,203 @@
+#include "control/ConnectionFixture.h"
+
+using namespace Network;
+
+namespace {
+
+using Receiving = Connection;
+
+TEST_F(Receiving, AcknowledgesAtOnceAndDeliversOnItsOwnThread) {
+  Request(12);
+  const auto acks = Out();
+  ASSERT_EQ(acks.size(), 1U);
+  const auto ack = std::dynamic_pointer_cast<JsonMsgAck>(acks[0]);
+  ASSERT_TRUE(ack);
+  EXPECT_EQ(ack->ack_msg_id, 12U);
+  EXPECT_EQ(user.Received().size(), 0U);
+  Settle();
+  ASSERT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(user.Received()[0].from, peer);
+  EXPECT_EQ(user.Source(), &connect);
+}
+
+TEST_F(Receiving, AcknowledgesWhileADatagramIsOnItsWay) {
+  Send(std::make_shared<JsonMsgGetState>());
+  connect.Pass();
+  Out();
+  Request(12);
+  EXPECT_EQ(Out().size(), 1U);
+}
+
+TEST_F(Receiving, AcknowledgesRepeatsAndDeliversOnce) {
+  for (int i = 0; i < 3; ++i)
+    Request(12);
+  Settle();
+  EXPECT_EQ(Out().size(), 3U);
+  EXPECT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(connect.Statistics().DupMsgReceived, 2U);
+  EXPECT_EQ(connect.Statistics().RepeatAckSent, 2U);
+}
+
+TEST_F(Receiving, RemembersOnlyTheLatestNumber) {
+  Request(12);
+  Request(13);
+  Request(12);
+  Settle();
+  ASSERT_EQ(user.Received().size(), 3U);
+  EXPECT_EQ(user.Received()[2].msg->msg_id, 12U);
+}
+
+TEST_F(Receiving, DeliversWhatItCannotAcknowledge) {
+  Sock().failSend = true;
+  Request(12);
+  EXPECT_NE(Log().TryTake(L"send failed"), L"");
+  Settle();
+  EXPECT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(user.Errors().size(), 1U);
+}
+
+TEST_F(Receiving, DoesNotAnswerWhatItCannotRead) {
+  EXPECT_TRUE(Sock().Deliver({'{', '}', 0}, peer));
+  EXPECT_NE(Log().TryTake(L"Bad message received"), L"");
+  EXPECT_EQ(user.Source(), &connect);
+  Settle();
+  EXPECT_EQ(Out().size(), 0U);
+}
+
+TEST_F(Receiving, AssembledMessageComesFromTheSenderOfItsHead) {
+  JsonMsgGetInputs head;
+  head.att = 3;
+  Deliver(head);
+  JsonMsgAtt segment;
+  segment.seg_count = 1;
+  segment.attachment = {1, 2, 3};
+  segment.att = 3;
+  DeliverFrom(Addr(L"10.9.9.9:9"), segment);
+  Settle();
+  ASSERT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(user.Received()[0].from, peer);
+  EXPECT_EQ(user.Received()[0].msg->msg_id, head.msg_id);
+}
+
+// One datagram of the assembly cases below.
+struct In {
+  enum Kind { Plain, Head, Segment, Again } kind;
+  size_t size = 0;       // bytes with it
+  size_t announced = 0;  // head: size of the attachment; segment: its "att", 0 means size
+  uint32_t number = 0;   // segment
+  uint32_t count = 0;
+};
+
+struct AssemblyCase {
+  const char* name;
+  std::vector<In> in;
+  std::vector<size_t> delivered;  // attachment sizes of the messages delivered, in order
+};
+
+void PrintTo(const AssemblyCase& c, std::ostream* out) {
+  *out << c.name;
+}
+
+class Assembling : public Connection, public testing::WithParamInterface<AssemblyCase> {};
+
+TEST_P(Assembling, FollowsTheTable) {
+  const DatagramBytes bytes = PatternBytes(5000);
+  size_t offset = 0;  // in the attachment that is being sent
+  DatagramBytes latest;
+  const auto attach = [&](JsonMsg& msg, const In& in) {
+    const auto begin = bytes.begin() + static_cast<ptrdiff_t>(offset);
+    msg.attachment.assign(begin, begin + static_cast<ptrdiff_t>(in.size));
+    msg.att = in.announced ? in.announced : in.size;
+    offset += in.size;
+    latest = ToDatagram(msg);
+  };
+  for (const In& in : GetParam().in) {
+    if (in.kind == In::Segment) {
+      JsonMsgAtt segment;
+      segment.leader_id = 4711;  // nobody compares it
+      segment.seg_number = in.number;
+      segment.seg_count = in.count;
+      attach(segment, in);
+    } else if (in.kind != In::Again) {
+      JsonMsgGetInputs msg;
+      offset = 0;
+      attach(msg, in);
+    }
+    EXPECT_TRUE(Sock().Deliver(latest, peer));
+  }
+  Settle();
+  EXPECT_EQ(Out().size(), GetParam().in.size()) << "each is acknowledged, whatever becomes of it";
+  std::vector<size_t> delivered;
+  for (const ReceivedMsg& received : user.Received()) {
+    const DatagramBytes& got = received.msg->attachment;
+    EXPECT_EQ(received.msg->att, got.size()) << "an incomplete message came up";
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), bytes.begin()));
+    EXPECT_FALSE(std::dynamic_pointer_cast<JsonMsgAtt>(received.msg));
+    EXPECT_EQ(received.from, peer);
+    delivered.push_back(got.size());
+  }
+  EXPECT_EQ(delivered, GetParam().delivered);
+  EXPECT_EQ(user.Errors().size(), 0U);
+}
+
+const AssemblyCase kAssemblyCases[] = {
+    {"Whole", {{In::Plain, 5}}, {5}},
+    {"Assembled",
+     {{In::Head, 0, 2000}, {In::Segment, 1300, 0, 0, 2}, {In::Segment, 700, 0, 1, 2}},
+     {2000}},
+    {"HeadWithSomeBytes", {{In::Head, 2, 5}, {In::Segment, 3, 0, 0, 1}}, {5}},
+    {"SegmentWithoutHead", {{In::Segment, 3, 0, 0, 1}, {In::Plain, 1}}, {1}},
+    {"SegmentThatLacksBytes",
+     {{In::Segment, 3, 9, 0, 1}, {In::Plain, 1}, {In::Segment, 3, 9, 0, 1}, {In::Plain, 2}},
+     {1, 2}},
+    {"RepeatsAreFiltered",
+     {{In::Head, 0, 20},
+      {In::Again},
+      {In::Segment, 10, 0, 0, 2},
+      {In::Again},
+      {In::Segment, 10, 0, 1, 2},
+      {In::Again}},
+     {20}},
+    {"GapEndsIt",
+     {{In::Head, 0, 30},
+      {In::Segment, 10, 0, 0, 3},
+      {In::Segment, 10, 0, 2, 3},
+      {In::Segment, 10, 0, 1, 3},
+      {In::Segment, 10, 0, 2, 3},
+      {In::Plain, 1}},
+     {1}},
+    {"OtherMessageEndsItAndIsLost",
+     {{In::Head, 0, 20},
+      {In::Segment, 10, 0, 0, 2},
+      {In::Plain, 1},
+      {In::Segment, 10, 0, 1, 2},
+      {In::Plain, 2}},
+     {2}},
+    {"OtherHeadEndsItAndIsLost",
+     {{In::Head, 0, 20}, {In::Head, 0, 10}, {In::Segment, 10, 0, 0, 1}, {In::Plain, 1}},
+     {1}},
+    {"SegmentWithWrongLengthEndsIt",
+     {{In::Head, 0, 20}, {In::Segment, 10, 12, 0, 2}, {In::Segment, 10, 0, 1, 2}},
+     {}},
+    {"SegmentTooLongEndsIt",
+     {{In::Head, 0, 20}, {In::Segment, 15, 0, 0, 2}, {In::Segment, 6, 0, 1, 2}},
+     {}},
+    {"LastSegmentTooShort",
+     {{In::Head, 0, 20}, {In::Segment, 10, 0, 0, 2}, {In::Segment, 9, 0, 1, 2}, {In::Plain, 1}},
+     {1}},
+    {"CountTooSmallEndsItEarly",
+     {{In::Head, 0, 20}, {In::Segment, 10, 0, 0, 1}, {In::Plain, 1}},
+     {1}},
+    {"CountOfZero", {{In::Head, 0, 20}, {In::Segment, 20, 0, 0, 0}}, {20}},
+    {"SegmentsWithoutBytesFit",
+     {{In::Head, 0, 10},
+      {In::Segment, 0, 0, 0, 3},
+      {In::Segment, 10, 0, 1, 3},
+      {In::Segment, 0, 0, 2, 3}},
+     {10}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, Assembling, testing::ValuesIn(kAssemblyCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "JsonUdpConnect.h"
+#include "support/CapturedLog.h"
+#include "support/ControlDoubles.h"
+#include "support/FakeNetwork.h"
+
+using namespace Network;
+
+namespace {
+
+// The thread itself, on the real clock.
+class ConnectionThread : public testing::Test {
+ protected:
+  ConnectionThread() {
+    info.Receiver = &user;
+    EXPECT_TRUE(connect.Init(info).IsOk());
+  }
+
+  const NetAddr peer = Addr(L"10.1.2.3:4567");
+  FakeNetManager net;
+  RecordingReceiver user;
+  JsonUdpInfo info;
+  JsonUdpConnect connect{L"unit", &net};
+};
+
+TEST_F(ConnectionThread, GivesUpInAboutAQuarterOfASecond) {
+  EXPECT_TRUE(connect.Start().IsOk());
+  EXPECT_TRUE(connect.IsStarted());
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), peer).IsOk());
+  EXPECT_NE(Log().Take(L"No ack received"), L"");
+  const auto took = std::chrono::steady_clock::now() - begin;
+  EXPECT_EQ(net.LastSock()->Sent().size(), 5U);
+  EXPECT_GE(took, std::chrono::milliseconds(250));
+  EXPECT_LT(took, std::chrono::seconds(2)) << "far slower than a loaded machine explains";
+}
+
+TEST_F(ConnectionThread, DeliversManyWithoutWaitingBetweenThem) {
+  EXPECT_TRUE(connect.Start().IsOk());
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 200; ++i)
+    net.LastSock()->Deliver(ToDatagram(JsonMsgGetState()), peer);
+  EXPECT_TRUE(user.WaitUntil([](const auto& u) { return u.Received().size() == 200; }));
+  // A lost wake-up costs 100 ms, each pass without its own one too.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+TEST_F(ConnectionThread, StopsAtOnceAndStartsAgain) {
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_TRUE(connect.Start().IsOk());
+    EXPECT_TRUE(connect.Start().IsOk()) << "of a started one: from anew";
+    connect.Stop();
+    connect.Stop();
+    EXPECT_FALSE(connect.IsStarted());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2))
+      << "Stop waits for the idle thread's next look, 100 ms each";
+}
+
+TEST_F(ConnectionThread, FailedStartLeavesItStopped) {
+  net.failOpen = true;
+  EXPECT_FALSE(connect.Start().IsOk());
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  EXPECT_FALSE(connect.IsStarted());
+  net.failOpen = false;
+  EXPECT_TRUE(connect.Start().IsOk());
+}
+
+}  // namespace
