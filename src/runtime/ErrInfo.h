@@ -42,6 +42,9 @@ class ErrInfo {
   // The operating-system error number; 0 for a success and for a text failure.
   uint32_t Code() const { return data_ ? data_->code : 0; }
 
+  // The bare text of the failure, for a caller that adds to it; empty for a success.
+  std::wstring Text() const { return data_ ? data_->text : std::wstring(); }
+
   // The text form, with a leading blank and no line end; empty for a success.
   std::wstring ToString() const;
 

@@ -1,0 +1,65 @@
+// The configuration of the program: one JSON file beside the executable, taken in at the start and
+// written back with its defaults filled in. Value classes without lock: each user works on a copy
+// of its own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "json/Value.h"
+#include "runtime/ErrInfo.h"
+
+namespace Network {
+
+// The models. Compared exactly; any other text is a unit without inputs and outputs.
+inline const std::wstring kUnitTypeQZ610 = L"QZ610";  // one input, one output
+inline const std::wstring kUnitTypeQZ820 = L"QZ820";  // four inputs, each with an FM tuner
+
+// One emulated unit.
+struct UnitSettings {
+  std::wstring UnitType = kUnitTypeQZ610;
+  std::wstring UnitId = L"emulator1";
+  int32_t BasePort = 8000;  // the unit's first UDP port; handed out by EmuSettings, not in the file
+  uint32_t SampleFreq = 48000;  // Hz
+  int32_t Mode = 0;             // test signal, 0 to 4
+  double Speed = 1.0;           // multiplier of the unit's clock; 1.0 is real time
+
+  // Adds the unit's keys to `out`.
+  ErrInfo Serialize(JSON::Value& out) const;
+
+  // Takes the keys that `in` has; the other fields keep their values. On a failure, whose text
+  // names the key, some fields may have changed.
+  ErrInfo Deserialize(const JSON::Value& in);
+
+  int32_t GetInputCount() const;   // stereo streams to the network
+  int32_t GetOutputCount() const;  // stereo streams from the network
+};
+
+// The program.
+struct EmuSettings {
+  std::wstring AddrStr;           // a.b.c.d, what all receiving sockets bind to; else they're deaf
+  int32_t BasePort = 8000;        // first UDP port of the first unit
+  int32_t BroadcastPort = 15001;  // UDP port of discovery
+  std::vector<UnitSettings> units;
+
+  ErrInfo Serialize(JSON::Value& out) const;
+
+  // Like UnitSettings::Deserialize. `units` is replaced: afterwards there is at least one, and each
+  // has its BasePort.
+  ErrInfo Deserialize(const JSON::Value& in);
+
+  // One line of compact JSON; empty if there is no such text.
+  std::wstring ToString() const;
+
+  // All fields keep their values on a failure. Neither throws.
+  ErrInfo FromString(const std::wstring& text);
+  ErrInfo FromFile(std::wstring path);
+
+  // Replaces the file in one step, so that a crash leaves the old one or the new one. Leaves it
+  // alone when it holds this text already, and fails without touching it when FromFile couldn't
+  // take the text in again.
+  ErrInfo ToFile(std::wstring path) const;
+};
+
+}  // namespace Network

@@ -1,0 +1,190 @@
+#include "EmuSettings.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <ostream>
+
+#include "emulator/SettingsFile.h"
+#include "support/CapturedLog.h"
+
+namespace Network {
+namespace {
+
+const char kDefaultUnitFile[] =
+    R"({"AddrStr":"","BasePort":8000,"BroadcastPort":15001,"units":[{"Mode":0,)"
+    R"("SampleFreq":48000,"Speed":1.00000,"UnitId":"emulator1","UnitType":"QZ610"}]})";
+
+// What FromString and FromFile failed with, without the duty to report it.
+std::wstring FailureOf(const ErrInfo& err) {
+  const ErrInfo copy = err;
+  const std::wstring text = copy.ToString();
+  Log().Allow(text);
+  return text;
+}
+
+TEST(EmuSettings, DefaultsAreWrittenOutInFull) {
+  for (const wchar_t* text : {L"{}", L"{\"units\":[]}", L"{\"units\":[{}]}"}) {
+    EmuSettings settings;
+    ASSERT_TRUE(settings.FromString(text).IsOk());
+    EXPECT_EQ(settings.ToString(), Utf8ToWide(kDefaultUnitFile));
+    EXPECT_EQ(settings.units.at(0).BasePort, 8000);
+  }
+  // Without units there is no such key: an empty array has no text form.
+  EXPECT_EQ(EmuSettings().ToString(),
+            L"{\"AddrStr\":\"\",\"BasePort\":8000,\"BroadcastPort\":15001}");
+}
+
+TEST(EmuSettings, TakesEveryKeyAndForgetsOthers) {
+  EmuSettings settings;
+  ASSERT_TRUE(settings
+                  .FromString(L"{\"extra\":[1],\"BroadcastPort\":7,\"AddrStr\":\"10.0.0.1\","
+                              L"\"units\":[{\"UnitType\":\"QZ820\",\"UnitId\":\"a\",\"Mode\":-3,"
+                              L"\"SampleFreq\":-1,\"Speed\":2,\"BasePort\":1}]}")
+                  .IsOk());
+  EXPECT_EQ(settings.AddrStr, L"10.0.0.1");
+  EXPECT_EQ(settings.units.at(0).SampleFreq, 4294967295u);
+  EXPECT_EQ(settings.units.at(0).BasePort, 8000);  // computed, whatever the file says
+  EXPECT_EQ(settings.units.at(0).Speed, 2.0);
+  EXPECT_EQ(settings.ToString(),
+            L"{\"AddrStr\":\"10.0.0.1\",\"BasePort\":8000,\"BroadcastPort\":7,\"units\":["
+            L"{\"Mode\":-3,\"SampleFreq\":-1,\"Speed\":2.00000,\"UnitId\":\"a\","
+            L"\"UnitType\":\"QZ820\"}]}");
+}
+
+TEST(EmuSettings, SpeedTextIsStableFromTheFirstRewriteOn) {
+  EmuSettings settings;
+  ASSERT_TRUE(settings.FromString(L"{\"units\":[{\"Speed\":1.234567}]}").IsOk());
+  const std::wstring first = settings.ToString();
+  EXPECT_NE(first.find(L"\"Speed\":1.23457,"), std::wstring::npos);
+  ASSERT_TRUE(settings.FromString(first).IsOk());
+  EXPECT_EQ(settings.ToString(), first);
+}
+
+TEST(EmuSettings, HandsOutPortsByModel) {
+  EmuSettings settings;
+  ASSERT_TRUE(settings
+                  .FromString(L"{\"BasePort\":9000,\"units\":[{},{\"UnitType\":\"QZ820\"},{},"
+                              L"{\"UnitType\":\"qz610\"},{}]}")
+                  .IsOk());
+  const std::vector<int32_t> ports = {9000, 9006, 9016, 9022, 9024};
+  for (size_t i = 0; i < ports.size(); ++i)
+    EXPECT_EQ(settings.units.at(i).BasePort, ports[i]);
+  EXPECT_EQ(settings.units[1].GetInputCount(), 4);
+  EXPECT_EQ(settings.units[1].GetOutputCount(), 0);
+  EXPECT_EQ(settings.units[3].GetInputCount(), 0);
+  EXPECT_EQ(settings.units[3].GetOutputCount(), 0);
+}
+
+TEST(EmuSettings, PortsBeyondTheRangeWrapInsteadOfOverflowing) {
+  EmuSettings settings;
+  ASSERT_TRUE(settings.FromString(L"{\"BasePort\":2147483647,\"units\":[{},{}]}").IsOk());
+  EXPECT_EQ(settings.units.at(1).BasePort, std::numeric_limits<int32_t>::min() + 5);
+}
+
+// A file with a mistake must cost the user nothing but a clear line: not the process, not the file,
+// not half of the settings.
+struct BadText {
+  const char* name;
+  std::string bytes;
+  const wchar_t* words;  // what the failure has to tell
+
+  friend void PrintTo(const BadText& text, std::ostream* out) { *out << text.name; }
+};
+
+class BadSettings : public testing::TestWithParam<BadText> {};
+
+TEST_P(BadSettings, AreRefusedWholeByNameOfFileAndMistake) {
+  SettingsFile file;
+  file.Write(GetParam().bytes);
+  EmuSettings settings;
+  settings.AddrStr = L"10.0.0.1";
+  settings.BasePort = 4000;
+  settings.units.resize(3);
+  const std::wstring before = settings.ToString();
+
+  const std::wstring failure = FailureOf(settings.FromFile(file.Path()));
+
+  EXPECT_NE(failure.find(GetParam().words), std::wstring::npos) << WideToUtf8(failure);
+  EXPECT_NE(failure.find(L"\"" + file.Path() + L"\""), std::wstring::npos);
+  EXPECT_EQ(settings.ToString(), before);
+  EXPECT_EQ(file.Read(), GetParam().bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, BadSettings,
+    testing::Values(BadText{"Empty", "", L"Parse error"},
+                    BadText{"CutShort", "{\"units\":[{}", L"Parse error"},
+                    BadText{"Syntax", "{\"BasePort\":1,}", L"key string expected"},
+                    BadText{"ByteOrderMark", "\xEF\xBB\xBF{}", L"Parse error"},
+                    BadText{"NotUtf8", "{\"AddrStr\":\"\xFF\"}", L"bad conversion"},
+                    BadText{"ArrayAsRoot", "[]", L"non-object"},
+                    BadText{"TextAsPort", "{\"AddrStr\":\"1.1.1.1\",\"BasePort\":\"8000\"}",
+                            L"BasePort: "},
+                    BadText{"FractionAsPort", "{\"BroadcastPort\":1.0}", L"BroadcastPort: "},
+                    BadText{"NumberAsId", "{\"units\":[{},{\"UnitId\":7}]}", L"units[1]: UnitId: "},
+                    BadText{"TextAsUnit", "{\"units\":[\"QZ610\"]}", L"units[0]: "},
+                    BadText{"ObjectAsUnits", "{\"units\":{}}", L"units: "},
+                    BadText{"TooLargeFreq", "{\"units\":[{\"SampleFreq\":2147483648}]}",
+                            L"SampleFreq: overflow"},
+                    BadText{"ConstantAsSpeed", "{\"units\":[{\"Speed\":true}]}", L"Speed: "},
+                    BadText{"Deep", std::string(200000, '['), L"Parse error"}),
+    [](const auto& param) { return param.param.name; });
+
+TEST(EmuSettings, FailuresOfTheFileItselfAreThoseOfTheFileLayer) {
+  SettingsFile file;
+  EmuSettings settings;
+  EXPECT_NE(FailureOf(settings.FromFile(file.Path())).find(L"open error: file"),
+            std::wstring::npos);
+  std::filesystem::create_directory(file.NativePath());
+  EXPECT_NE(FailureOf(settings.FromFile(file.Path())).find(file.Path()), std::wstring::npos);
+  EXPECT_NE(FailureOf(settings.ToFile(file.Path())).find(file.Path()), std::wstring::npos);
+}
+
+TEST(EmuSettings, EmptyTextIsAParseError) {
+  EmuSettings settings;
+  EXPECT_EQ(FailureOf(settings.FromString(L""))
+                .find(L" ErrStr=Parse error Method=Network::EmuSettings::FromString "
+                      L"File=src\\AudioCardEmu Line="),
+            0u);
+}
+
+TEST(EmuSettings, FileIsWrittenOnlyWhenItChanges) {
+  SettingsFile file;
+  EmuSettings settings;
+  ASSERT_TRUE(settings.FromString(L"{}").IsOk());
+  ASSERT_TRUE(settings.ToFile(file.Path()).IsOk());
+  EXPECT_EQ(file.Read(), kDefaultUnitFile);
+
+  const auto longAgo = std::filesystem::last_write_time(file.NativePath()) - std::chrono::hours(1);
+  std::filesystem::last_write_time(file.NativePath(), longAgo);
+  ASSERT_TRUE(settings.ToFile(file.Path()).IsOk());
+  EXPECT_EQ(std::filesystem::last_write_time(file.NativePath()), longAgo);
+
+  file.Write(std::string(5000, ' ') + kDefaultUnitFile);
+  ASSERT_TRUE(settings.ToFile(file.Path()).IsOk());
+  EXPECT_EQ(file.Read(), kDefaultUnitFile);
+  EXPECT_EQ(file.Strays(), 0u);
+}
+
+// Some values can be read and have no text that the next start could read. Writing it would lose
+// the user's file for good.
+TEST(EmuSettings, WhatCouldNotBeReadBackIsNotWritten) {
+  for (const char* unit : {R"({"Speed":1e999})", R"({"Speed":-1e999})", R"({"Speed":123456})",
+                           R"({"UnitId":"\uD800"})"}) {
+    SettingsFile file;
+    const std::string text = std::string("{\"units\":[") + unit + "]}";
+    file.Write(text);
+    EmuSettings settings;
+    ASSERT_TRUE(settings.FromFile(file.Path()).IsOk()) << unit;
+    const std::wstring failure = FailureOf(settings.ToFile(file.Path()));
+    EXPECT_NE(failure.find(file.Path()), std::wstring::npos) << unit;
+    EXPECT_NE(failure.find(L"kept as it is"), std::wstring::npos) << unit;
+    EXPECT_EQ(file.Read(), text);
+    EXPECT_EQ(Log().Lines(), std::vector<std::wstring>{failure});
+    Log().Clear();
+  }
+}
+
+}  // namespace
+}  // namespace Network
