@@ -3,6 +3,10 @@
 
 #include <string_view>
 
+// The program behind the system's own entry function (main.cpp in the system's folder); it gives the
+// exit status. Defined by each executable that uses that entry.
+int ProgramMain();
+
 namespace platform {
 
 // Prepares the process. Called once, first thing in the entry, before any thread exists: opens the

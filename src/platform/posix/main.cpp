@@ -1,0 +1,5 @@
+#include "platform/startup.h"
+
+int main() {
+  return ProgramMain();
+}

@@ -1,0 +1,76 @@
+// The program: prepares the process, carries one life of the emulator, and always ends with exit
+// status 0. All that it has to say goes through the log, which it connects to the console.
+#include <exception>
+#include <string>
+
+#include "Emulator.h"
+#include "platform/startup.h"
+#include "runtime/DebugLog.h"
+#include "runtime/Environment.h"
+#include "runtime/Format.h"
+
+namespace {
+
+constexpr char kSourceFile[] = "src\\qz640emu";
+
+// From construction to shutdown. Declared in this order because they end in the reverse one: a
+// failure that is left over logs itself, then the log is let go, then the emulator ends.
+int Run() {
+  Network::Emulator emulator;
+  const std::shared_ptr<IDebugLog> log = GetDebugLog();
+  ErrInfo err = ERR_HERE("Run");
+
+  log->Write(Format(L"QZ-640 Emulator: %s \r\n", emulator.GetSettings().ToString()));
+
+  err = emulator.Init();
+  if (!err.IsOk()) {
+    log->Write(Format(L" Init FAILED. ERR=%s", err.ToString()));
+    return 0;
+  }
+  log->Write(L" Init OK");
+
+  err = emulator.Start();
+  if (!err.IsOk()) {
+    log->Write(Format(L" Start FAILED. ERR=%s", err.ToString()));
+    return 0;
+  }
+  log->Write(L" Start OK");
+
+  platform::WaitForInput();
+
+  err = emulator.Stop();
+  if (!err.IsOk()) {
+    log->Write(Format(L" Stop FAILED. ERR=%s", err.ToString()));
+  } else {
+    log->Write(L"Stop  OK");
+  }
+  return 0;
+}
+
+void ConnectLogTo(IDebugLogSniffer* sniffer) {
+  EnvironmentRef environment;
+  environment.Get()->GetLog()->SetSniffer(sniffer);
+}
+
+}  // namespace
+
+int ProgramMain() {
+  platform::Startup();
+  LogToConsoleSniffer console;
+  ConnectLogTo(&console);
+  platform::BeginTimerPeriod();
+
+  // Nothing may pass: the log's writer still uses `console`.
+  try {
+    Run();
+  } catch (const std::exception& e) {
+    ERR_HERE("Run").SetText(e.what());
+  } catch (...) {
+    ERR_HERE("Run").SetText(L"unknown exception");
+  }
+
+  platform::EndTimerPeriod();
+  ConnectLogTo(nullptr);
+  ReleaseEnvironment();
+  return 0;
+}
