@@ -194,10 +194,11 @@ Value& Value::ItemForWrite(const std::wstring& key) {
   if (type_ != Object) throw Exception("access object{} item for non-object object");
   const auto found = keys_.find(key);
   if (found != keys_.end()) return MemberAt(members_, found->second);
+  std::wstring copy = key;  // `key` may be text of a member, which moves now
   const size_t count = members_.size();
   if (count >= members_.capacity()) members_.reserve(RoomFor(count));
   members_.resize(count + 1);
-  keys_.emplace(key, count);
+  keys_.emplace(std::move(copy), count);
   return members_.back();
 }
 

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <thread>
 
 #include "JsonMsgs.h"
 #include "support/CapturedLog.h"
@@ -26,6 +28,13 @@ std::unique_ptr<JsonMsg> Decode(const std::string& bytes) {
 // With the 0x00 that ends the text.
 std::unique_ptr<JsonMsg> DecodeText(const std::string& text) {
   return Decode(text + '\0');
+}
+
+// Why `msg` doesn't go into `packet`.
+std::wstring FailureOf(const JsonMsg& msg, Packet& packet) {
+  const ErrInfo err = msg.ToPacket(packet);
+  Log().Allow(err.ToString());  // reported when `err` dies
+  return err.ToString();
 }
 
 }  // namespace
@@ -61,6 +70,9 @@ TEST(JsonMsg, BadDatagramsAreNoMessages) {
       std::string("{\"msg\":\"get_state\"}") + '\0',
       std::string("{\"msg\":\"\",\"msg_id\":1}") + '\0',
       std::string("{\"msg\":\"no_such\",\"msg_id\":1}") + '\0',
+      std::string("{\"msg\":\"Get_state\",\"msg_id\":1}") + '\0',
+      std::string("{\"msg\":\"ack\\u0000\",\"msg_id\":1,\"ack_msg_id\":1}") + '\0',
+      std::string("{\"msg_id\":1}") + '\0',
       std::string("{\"msg\":5,\"msg_id\":1}") + '\0',
       std::string("{\"msg\":\"get_state\",\"msg_id\":4294967296}") + '\0',
       std::string("{\"msg\":\"get_state\",\"msg_id\":-1}") + '\0',
@@ -70,7 +82,16 @@ TEST(JsonMsg, BadDatagramsAreNoMessages) {
       std::string("{\"msg\":\"fm_freq\",\"msg_id\":1,\"freq\":5}") + '\0',
       std::string("{\"msg\":\"set_inputs\",\"msg_id\":1,\"inputs\":5}") + '\0',
       std::string("{\"msg\":\"error\",\"msg_id\":1,\"code\":1,\"txt\":\"x\"}") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1.0}") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1,\"att\":null}") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1,\"att\":-1}") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1") + '\0' + '}',
+      std::string("\"get_state\"") + '\0',
+      std::string(1400, '[') + '\0',
       std::string("[1]") + '\0',
+      std::string("\xEF\xBB\xBF{\"msg\":\"get_state\",\"msg_id\":1}") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1} \xC3") + '\0',
+      std::string("{\"msg\":\"get_state\",\"msg_id\":1,\"x\":\"\xED\xA0\x80\"}") + '\0',
       std::string("\xC3\x28") + '\0',
   };
   for (const std::string& bytes : table)
@@ -89,6 +110,15 @@ TEST(JsonMsg, AttachmentHasTheAnnouncedSizeAndKnowsWhatCame) {
   EXPECT_EQ(none->att, 0u);
   EXPECT_EQ(none->attachment.size(), 5u);
 
+  auto more = Decode(text + std::string("\0\x01\0\x03\x04\x05\x06", 7));
+  ASSERT_NE(more, nullptr);
+  EXPECT_EQ(more->att, 5u);
+  EXPECT_EQ(more->attachment, (std::vector<uint8_t>{1, 0, 3, 4, 5}));
+
+  auto largest = DecodeText("{\"msg\":\"get_state\",\"msg_id\":1,\"att\":1048576}");
+  ASSERT_NE(largest, nullptr);
+  EXPECT_EQ(largest->attachment.size(), kMaxAttachment);
+
   auto unannounced = Decode(std::string("{\"msg\":\"get_state\",\"msg_id\":1}\0ab", 33));
   ASSERT_NE(unannounced, nullptr);
   EXPECT_TRUE(unannounced->attachment.empty());
@@ -104,8 +134,122 @@ TEST(JsonMsg, ADatagramIsAtMostOneByteShorterThanThePacket) {
 
   msg.attachment.push_back(0xAB);
   Packet packet(1432);
-  EXPECT_NE(msg.ToPacket(packet).ToString().find(L"Can not deserialize msg. Packet too small"),
+  packet.Resize(3);
+  std::memcpy(packet.Data(), "abc", 3);
+  EXPECT_NE(FailureOf(msg, packet)
+                .find(L" ErrStr=Can not deserialize msg. Packet too small "
+                      L"Method=Network::JsonMsg::ToPacket File=src\\JsonMsg "),
             std::wstring::npos);
+  EXPECT_EQ(packet.Size(), 3u);
+  EXPECT_EQ(std::memcmp(packet.Data(), "abc", 3), 0);
+
+  // Nothing of a longer datagram before stays in sight.
+  Packet reused(1432);
+  EXPECT_TRUE(JsonMsgDevInfo().ToPacket(reused).IsOk());
+  JsonMsgGetState shorter;
+  shorter.msg_id = 7;
+  EXPECT_TRUE(shorter.ToPacket(reused).IsOk());
+  EXPECT_EQ(std::string(reused.Data(), reused.Data() + reused.Size()), Render(shorter));
+}
+
+TEST(JsonMsg, AttachmentFollowsTheText) {
+  JsonMsgGetState msg;
+  msg.msg_id = 7;
+  msg.attachment = {0, 0xFF, 0};
+  msg.att = 3;
+  EXPECT_EQ(Render(msg),
+            std::string("{\"att\":3,\"msg\":\"get_state\",\"msg_id\":7}\0\0\xFF\0", 42));
+  EXPECT_EQ(msg.ToString(), L"{\"att\":3,\"msg\":\"get_state\",\"msg_id\":7}");
+}
+
+// A reader depends on neither the order of the keys nor white space nor what stands behind.
+TEST(JsonMsg, TheTextMayBeWrittenInManyWays) {
+  for (const char* text :
+       {"{\"msg_id\":4294967295,\"msg\":\"get_state\"}",
+        " {\"msg\" : \"get_state\" ,\n\"msg_id\":\t4294967295}",
+        "{\"msg\":\"get_state\",\"msg_id\":4294967295}}garbage[",
+        "{\"msg\":\"ack\",\"msg_id\":1,\"x\":[{}],\"msg\":\"get_state\",\"msg_id\":4294967295}",
+        "{\"msg\":\"get_\\u0073tate\",\"msg_id\":4294967295,\"att\":0}"}) {
+    const auto msg = DecodeText(text);
+    ASSERT_NE(msg, nullptr) << text;
+    EXPECT_NE(dynamic_cast<JsonMsgGetState*>(msg.get()), nullptr) << text;
+    EXPECT_EQ(msg->msg_id, 4294967295u);
+  }
+}
+
+// Text that JSON can hold and UTF-8 can't must come out as a failure, never as an exception: it
+// comes from the network and goes to the log.
+TEST(JsonMsg, TextThatCannotBeConvertedIsAFailure) {
+  const auto msg = DecodeText(
+      "{\"msg\":\"error\",\"msg_id\":1,\"code\":1,\"err_msg_id\":1,\"txt\":\"\\uD800\"}");
+  ASSERT_NE(msg, nullptr);
+  Packet packet(1432);
+  EXPECT_NE(
+      FailureOf(*msg, packet).find(L" ErrStr=bad conversion Method=Network::JsonMsg::ToPacket "),
+      std::wstring::npos);
   EXPECT_EQ(packet.Size(), 0u);
-  Log().TryTake(L"Packet too small");
+  EXPECT_NE(msg->ToString().find(L"\"txt\":\"\xd800\""), std::wstring::npos);
+
+  // A whole pair is one sequence of four bytes.
+  JsonMsgError pair(1, L"\xd83d\xde00", 1);
+  EXPECT_NE(Render(pair).find("\"txt\":\"\xF0\x9F\x98\x80\""), std::string::npos);
+}
+
+// What a message can't write, it tells: to the sender as a failure, to the log as a text.
+TEST(JsonMsg, AMessageThatCannotBeWrittenSaysSo) {
+  struct Hole : JsonMsg {
+    Hole() : JsonMsg(L"hole") {}
+    ErrInfo Serialize(JSON::Value& out) const override {
+      out.ItemForWrite(L"hole").AtForWrite(1).SetInt(1);
+      return JsonMsg::Serialize(out);
+    }
+  };
+  Packet packet(1432);
+  EXPECT_NE(FailureOf(Hole(), packet).find(L"JSON value undefined"), std::wstring::npos);
+  EXPECT_EQ(Hole().ToString().find(L"ERROR: ErrStr=JSON value undefined: cannot generate text "
+                                   L"representation Method=Network::JsonMsg::ToString "),
+            0u);
+
+  struct Refusing : JsonMsg {
+    Refusing() : JsonMsg(L"refusing") {}
+    ErrInfo Serialize(JSON::Value&) const override {
+      return ErrInfo("Refusing::Serialize", "test", 5).SetText(L"not today");
+    }
+  };
+  EXPECT_EQ(FailureOf(Refusing(), packet),
+            L" ErrStr=not today Method=Refusing::Serialize File=test Line=5");
+  EXPECT_EQ(Refusing().ToString(),
+            L"ERROR: ErrStr=not today Method=Refusing::Serialize File=test Line=5");
+  EXPECT_EQ(packet.Size(), 0u);
+  // ToString hands the failure on as text, so the log has it once more.
+  Log().Allow(L"JSON value undefined");
+  Log().Allow(L"not today");
+}
+
+// Every object takes a number, a received one too, which then bears its sender's.
+TEST(JsonMsg, NumbersRiseByOneForEachObject) {
+  const uint32_t first = JsonMsgGetState().msg_id;
+  EXPECT_EQ(JsonMsgAck(1).msg_id, first + 1);
+  const auto received = DecodeText("{\"msg\":\"get_state\",\"msg_id\":500000}");
+  ASSERT_NE(received, nullptr);
+  EXPECT_EQ(received->msg_id, 500000u);
+  EXPECT_EQ(JsonMsgError().msg_id, first + 3);
+  // No object is made for what has no known name.
+  EXPECT_EQ(DecodeText("{\"msg\":\"no_such\",\"msg_id\":1}"), nullptr);
+  EXPECT_EQ(JsonMsgError().msg_id, first + 4);
+
+  // No number comes twice, on whatever threads the messages are built.
+  std::vector<uint32_t> numbers[2];
+  const auto take = [](std::vector<uint32_t>& mine) {
+    for (int i = 0; i < 10'000; ++i)
+      mine.push_back(JsonMsgAck().msg_id);
+  };
+  std::thread other(take, std::ref(numbers[0]));
+  take(numbers[1]);
+  other.join();
+  std::vector<uint32_t> all = numbers[0];
+  all.insert(all.end(), numbers[1].begin(), numbers[1].end());
+  std::sort(all.begin(), all.end());
+  EXPECT_EQ(std::unique(all.begin(), all.end()), all.end());
+  EXPECT_EQ(all.back() - all.front(), 19'999u);
 }

@@ -1,0 +1,278 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "json/ParsingBuilder.h"
+
+using namespace JSON;
+
+namespace {
+
+// Writes down each event: { } [ ] and their commas, k and s in front of the characters of a key and
+// a string, "." behind them, cK, iN, dN, and !N for an error. Never throws, so the parser goes on.
+class Recorder : public IParserCallback {
+ public:
+  std::string events;
+
+  void OnReset() override { events += 'R'; }
+  void OnError(int code) override { events += '!' + std::to_string(code); }
+  void OnObjectBegin() override { events += '{'; }
+  void OnObjectNext() override { events += ";"; }
+  void OnObjectEnd() override { events += '}'; }
+  void OnArrayBegin() override { events += '['; }
+  void OnArrayNext() override { events += ','; }
+  void OnArrayEnd() override { events += ']'; }
+  void OnKeyBegin() override { events += 'k'; }
+  void OnKeyChar(uint32_t c) override { Add(c); }
+  void OnKeyEnd() override { events += '.'; }
+  void OnStringBegin() override { events += 's'; }
+  void OnStringChar(uint32_t c) override { Add(c); }
+  void OnStringEnd() override { events += '.'; }
+  void OnConstant(int kind) override { events += 'c' + std::to_string(kind); }
+  void OnInteger(int64_t value) override { events += 'i' + std::to_string(value); }
+  void OnDouble(double value) override { events += 'd' + std::to_string(value); }
+
+ private:
+  void Add(uint32_t c) {
+    if (c < 127 && c >= 32) {
+      events += static_cast<char>(c);
+    } else {
+      events += '<' + std::to_string(c) + '>';
+    }
+  }
+};
+
+// The events of `text` fed whole, with its end, whatever the parser says on the way.
+std::string Events(const std::string& text) {
+  Recorder recorder;
+  Parser parser(&recorder);
+  for (const char c : text)
+    parser.ParseChar(static_cast<uint8_t>(c));
+  parser.Finish();
+  EXPECT_EQ(parser.HasError(), recorder.events.find('!') != std::string::npos) << text;
+  return recorder.events;
+}
+
+// The words of the first error when the whole text and its end are fed; "" for none.
+std::string FirstError(const std::string& text) {
+  const std::string events = Events(text);
+  const size_t mark = events.find('!');
+  return mark == std::string::npos ? "" : ErrorText(std::stoi(events.substr(mark + 1)));
+}
+
+std::wstring BuildString(const std::vector<uint32_t>& chars) {
+  Value root;
+  ParsingBuilder builder(&root);
+  Parser parser(&builder);
+  for (const uint32_t c : chars)
+    parser.ParseChar(c);
+  return root.AsWString();
+}
+
+}  // namespace
+
+TEST(JsonParser, EventsComeInTheOrderOfTheText) {
+  const std::pair<const char*, const char*> table[] = {
+      {" { } ", "{}"},
+      {"[\t]",
+       "["
+       "]"},
+      {"{\"a\":1,\"b\":[true,false , null]}", "{ka.i1;kb.[c3,c2,c1]}"},
+      {"[-5,[1.5],\"x\\n\\u00E9\"]", "[i-5,[d1.500000],sx<10><233>.]"},
+      {"{\"\\u0000\":1e+3 }", "{k<0>.d1000.000000}"},
+      // A number ends with what stands behind it, and is told before that.
+      {"[[1],2]", "[[i1],i2]"},
+      {"7", "i7"},
+      {"-1E-1\n", "d-0.100000"},
+      {"9223372036854775807 ", "i9223372036854775807"},
+      {"0.9223372036854775807 ", "d0.922337"},
+      {"\"\x7f\"", "s<127>."},
+  };
+  for (const auto& [text, events] : table)
+    EXPECT_EQ(Events(text), events) << text;
+}
+
+TEST(JsonParser, EachErrorHasItsPlace) {
+  const std::pair<const char*, const char*> table[] = {
+      {"", "value expected"},
+      {"[", "value expected"},
+      {"+1", "value expected"},
+      {".5", "value expected"},
+      {"True", "value expected"},
+      {"\f1", "value expected"},
+      {"/**/1", "value expected"},
+      {"{} x", "invalid end stream chars"},
+      {"1 ,", "invalid end stream chars"},
+      {"[1}", "mismatch or unclosed square brackets"},
+      {"[1 }", "comma or right square bracket expected"},
+      {"[1 ", "comma or right square bracket expected"},
+      {"{\"a\":1]", "mismatch or unclosed curly braces"},
+      {"{\"a\":1 ]", "comma or right curly brace expected"},
+      {"{\"a\":\"b\"", "comma or right curly brace expected"},
+      {"{a:1}", "key string expected"},
+      {"{'a':1}", "key string expected"},
+      {"{\"a\" 1}", "colon separator expected"},
+      {"{\"a\":}", "value expected"},
+      {"\"\x1f\"", "invalid character in string"},
+      {"\"\n\"", "invalid character in string"},
+      {"\"\\x\"", "invalid escape sequence in string"},
+      {"\"\\u12G4\"", "invalid escape sequence in string"},
+      {"\"\\U0041\"", "invalid escape sequence in string"},
+      {"[-]", "number digit expected"},
+      {"1.", "number digit expected"},
+      {"1.e3 ", "number digit expected"},
+      {"1e+", "number digit expected"},
+      {"1e+-3 ", "number digit expected"},
+      {"1e5-3 ", "wrong number syntax"},
+      {"92233720368547758070 ", "integer digits overflow"},
+      {"0.9223372036854775808 ", "fractional digits overflow"},
+      {"1e9223372036854775808 ", "exponent digits overflow"},
+      {"-01 ", "wrong number syntax"},
+      {"1.5.5 ", "wrong number syntax"},
+      {"1x", "wrong number syntax"},
+      {"1,", "invalid comma character"},
+      {"nul", "wrong literal character"},
+      {"falSe", "wrong literal character"},
+      {"1}", "misplaced extra brace or bracket"},
+      {"\"abc", "unclosed string"},
+      {"{\"abc", "unclosed string"},
+      {"[1", "unclosed/missing brace or bracket"},
+      {"{\"a\":1", "unclosed/missing brace or bracket"},
+  };
+  for (const auto& [text, error] : table)
+    EXPECT_EQ(FirstError(text), error) << text;
+  EXPECT_STREQ(ErrorText(0), "no error");
+  for (const int code : {-1, 21, 1000})
+    EXPECT_STREQ(ErrorText(code), "unidentified parser error");
+}
+
+// A callback that returns from OnError sees the parser go on from the state that it was in, with
+// every later character refused.
+TEST(JsonParser, BehindAnErrorTheParserStaysInItsStateAndRefuses) {
+  // The fraction lacks its digit, yet the comma still ends the number.
+  EXPECT_EQ(Events("[1.,2]"), "[!11i1,i2");
+  // Two errors for one character: the later one is kept.
+  Recorder twice;
+  Parser parser(&twice);
+  for (const uint32_t c : {'1', '.', 'x'})
+    parser.ParseChar(c);
+  EXPECT_EQ(twice.events, "!11!15");
+  EXPECT_EQ(parser.GetError(), 15u);
+  EXPECT_FALSE(parser.ParseChar(' '));
+  EXPECT_TRUE(parser.HasError());
+
+  // A literal does nothing more.
+  EXPECT_EQ(Events("[trxue,1]"), "[!17");
+  // Closing a container reports no end once something has failed.
+  EXPECT_EQ(Events("[1 2]"), "[i1!4");
+}
+
+TEST(JsonParser, ResetForgetsEverythingOfTheTextBefore) {
+  Recorder recorder;
+  Parser parser(&recorder);
+  EXPECT_FALSE(ParseText(parser, L"{\"a\":[-1.5e-3,\"\\u00"));
+  EXPECT_FALSE(ParseText(parser, L"x"));
+  EXPECT_EQ(parser.GetError(), 10u);
+  parser.Reset();
+  EXPECT_FALSE(parser.HasError());
+  EXPECT_EQ(parser.GetError(), 0u);
+  recorder.events.clear();
+  EXPECT_TRUE(ParseText(parser, L"[2,\"\\u0041\"]"));
+  EXPECT_EQ(recorder.events, "[i2,sA.]");
+
+  // Without a callback the text is still judged.
+  parser.SetCallback(nullptr);
+  parser.Reset();
+  EXPECT_TRUE(ParseText(parser, L"{\"a\":[1.5,null,\"\"]}"));
+  parser.Reset();
+  EXPECT_FALSE(ParseText(parser, L"[1,]"));
+  EXPECT_EQ(parser.GetError(), 1u);
+}
+
+TEST(JsonParser, ParseTextStopsBehindTheRoot) {
+  Recorder recorder;
+  Parser parser(&recorder);
+  // A literal and a string are complete at their last character, a number needs one more.
+  EXPECT_TRUE(ParseText(parser, L"true"));
+  parser.Reset();
+  EXPECT_TRUE(ParseText(parser, L"\"\"]]]"));
+  parser.Reset();
+  EXPECT_FALSE(ParseText(parser, L"-12.5"));
+  EXPECT_FALSE(parser.HasError());
+  parser.Finish();
+  EXPECT_TRUE(parser.IsComplete());
+}
+
+// Wide characters come as they are: from a text as the two halves of a pair, from a caller of its
+// own as one.
+TEST(JsonParser, SurrogatesPassAndLongCharactersAreSplit) {
+  const std::wstring pair = L"\xd83d\xde00";
+  EXPECT_EQ(BuildString({'"', 0x1F600, '"'}), pair);
+  EXPECT_EQ(BuildString({'"', 0xD83D, 0xDE00, '"'}), pair);
+  EXPECT_EQ(BuildString({'"', 0xDE00, '"'}), L"\xde00");
+  EXPECT_EQ(BuildString({'"', 0x10FFFF, '"'}), L"\xdbff\xdfff");
+  EXPECT_EQ(BuildString({'"', 0xFFFF, '"'}), L"\xffff");
+  EXPECT_THROW(BuildString({'"', 0x110000, '"'}), Exception);
+
+  Value root;
+  ParsingBuilder builder(&root);
+  Parser parser(&builder);
+  EXPECT_TRUE(ParseText(parser, L"{\"\\uD83D\\uDE00\":\"\\uD800\"}"));
+  EXPECT_EQ(root.Item(pair).AsWString(), L"\xd800");
+}
+
+TEST(JsonParser, ABuilderTakesAwayOnlyTheGuessedChild) {
+  const std::pair<const wchar_t*, const wchar_t*> table[] = {
+      {L"[[]]", L"[[]]"},
+      {L"[{},[],{}]", L"[{},[],{}]"},
+      {L"{\"a\":{},\"b\":[[],[]]}", L"{\"a\":{},\"b\":[[],[]]}"},
+      {L"[null]", L"[null]"},
+      // The earlier value of a key has gone from the text and from every look-up.
+      {L"{\"a\":{\"x\":1},\"b\":2,\"a\":[]}", L"{\"a\":[],\"b\":2}"},
+  };
+  for (const auto& [text, expected] : table) {
+    Value root;
+    root.SetInt(1);  // what it held goes
+    ParsingBuilder builder(&root);
+    Parser parser(&builder);
+    ASSERT_TRUE(ParseText(parser, text));
+    EXPECT_EQ(root.ToWString(), expected);
+  }
+}
+
+// The parser never sends these; another feeder must not corrupt the tree.
+TEST(JsonParser, ABuilderRefusesEventsOutOfOrder) {
+  const auto thrown = [](auto&& events) -> std::string {
+    Value root;
+    ParsingBuilder builder(&root);
+    try {
+      events(builder);
+    } catch (const Exception& error) {
+      return error.what();
+    }
+    return "nothing";
+  };
+  EXPECT_EQ(thrown([](IParserCallback& b) { b.OnArrayEnd(); }), "stack exhausted");
+  EXPECT_EQ(thrown([](IParserCallback& b) { b.OnObjectNext(); }),
+            "stack must not be empty within object");
+  EXPECT_EQ(thrown([](IParserCallback& b) { b.OnKeyEnd(); }),
+            "stack must not be empty within object");
+  EXPECT_EQ(thrown([](IParserCallback& b) { b.OnArrayNext(); }),
+            "stack must not be empty within array");
+  EXPECT_EQ(thrown([](IParserCallback& b) {
+              b.OnArrayBegin();
+              b.OnObjectNext();
+            }),
+            "internal error");
+  EXPECT_EQ(thrown([](IParserCallback& b) {
+              b.OnObjectBegin();
+              b.OnArrayNext();
+            }),
+            "internal error");
+  EXPECT_EQ(thrown([](IParserCallback& b) {
+              b.OnInteger(1);
+              b.OnStringBegin();
+            }),
+            "value already assigned");
+  EXPECT_EQ(thrown([](IParserCallback& b) { b.OnError(21); }), "unidentified parser error");
+}
