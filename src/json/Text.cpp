@@ -94,6 +94,8 @@ void AppendDouble(std::wstring& out, double value) {
   } else {
     const auto whole = static_cast<size_t>(exponent) + 1;
     out += digits.substr(0, whole) + L'.' + digits.substr(whole);
+    // Six digits before the point leave none for behind it, and a bare point can't be read again.
+    if (whole == digits.size()) out += L'0';
   }
 }
 
@@ -133,7 +135,7 @@ std::wstring& Value::GenerateText(std::wstring& out) const {
         separator = L",";
         AppendQuoted(out, key);
         out += L':';
-        members_[static_cast<size_t>(index)].GenerateText(out);
+        members_.at(static_cast<size_t>(index)).GenerateText(out);
       }
       out += keys_.empty() ? L"{}" : L"}";
       break;

@@ -31,23 +31,20 @@ Exception::Exception(const char* text) noexcept {
 }
 
 // The members' own destructors would recurse once a level, and a text of brackets alone makes as
-// many levels as it has characters. So all that have children go to one list, which is emptied in a
-// loop: a node that dies has none left.
+// many levels as it has characters. So all vectors of children go to one list, which is emptied in
+// a loop: a node that dies there has none left.
 void Value::DropChildren() noexcept {
-  std::vector<Value> doomed;
-  const auto takeAll = [&doomed](std::vector<Value>& children) {
-    for (Value& child : children) {
-      if (!child.members_.empty() || !child.elements_.empty()) doomed.push_back(std::move(child));
-    }
-    children.clear();
+  std::vector<std::vector<Value>> doomed;
+  const auto take = [&doomed](Value& node) {
+    if (!node.members_.empty()) doomed.push_back(std::move(node.members_));
+    if (!node.elements_.empty()) doomed.push_back(std::move(node.elements_));
   };
-  takeAll(members_);
-  takeAll(elements_);
+  take(*this);
   while (!doomed.empty()) {
-    Value node = std::move(doomed.back());
+    std::vector<Value> children = std::move(doomed.back());
     doomed.pop_back();
-    takeAll(node.members_);
-    takeAll(node.elements_);
+    for (Value& child : children)
+      take(child);
   }
 }
 
