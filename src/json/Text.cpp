@@ -94,8 +94,9 @@ void AppendDouble(std::wstring& out, double value) {
   } else {
     const auto whole = static_cast<size_t>(exponent) + 1;
     out += digits.substr(0, whole) + L'.' + digits.substr(whole);
-    // Six digits before the point leave none for behind it, and a bare point can't be read again.
-    if (whole == digits.size()) out += L'0';
+    // From 100000 to 999999 nothing is left for behind the point, which stands bare then: that is
+    // the form on the wire, although the parser doesn't take it. Who has to read it again, as the
+    // settings file does, tests for it.
   }
 }
 

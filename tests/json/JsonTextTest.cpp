@@ -85,7 +85,7 @@ TEST(JsonText, DoublesKeepSixDigitsAndThePoint) {
       {0.00001234, "1.23400e-005"},
       {0.0001234, "0.000123400"},
       {999999.5, "1.00000e+006"},
-      {123456.0, "123456.0"},
+      {123456.0, "123456."},
       {-2.5, "-2.50000"},
       {std::numeric_limits<double>::infinity(), "1.79769e+308"}};
   for (const auto& [value, expected] : table)
