@@ -130,6 +130,7 @@ std::vector<Bytes> BadMessages() {
       text(R"({"msg":"get_dev_info","msg_id":4294967296})"),
       text(R"({"msg":"get_dev_info","msg_id":1.5})"),
       text(R"({"msg":"get_dev_info","msg_id":"1"})"),
+      text(R"({"msg":"get_dev_info","msg_id":1,"x":9223372036854775808})"),
       text(R"({"msg":"Get_dev_info","msg_id":1})"),
       text(R"({"msg":"","msg_id":1})"),
       text(R"({"msg":7,"msg_id":1})"),
@@ -184,8 +185,8 @@ TEST_F(Discovery, OddButWellFormedMessagesAreTakenAndLogged) {
   emulator.StartAndWait();
   controller.Tell(emulator.Control(), "error",
                   R"("code":1,"err_msg_id":1,"txt":"lone \uD800 half \u0000 end \uDC00")");
-  for (const char* number : {"1.55e-9223372036854775807", "1e9223372036854775807", "0e999999",
-                             "-1e999", "123456789012345678901234567890.5"}) {
+  for (const char* number :
+       {"1.55e-9223372036854775807", "1e9223372036854775807", "0e999999", "-1e999"}) {
     controller.Tell(emulator.Control(), "get_state", R"("x":)" + std::string(number));
   }
   controller.Tell(emulator.Control(), "error",

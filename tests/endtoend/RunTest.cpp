@@ -262,7 +262,7 @@ TEST_F(Run, NeverWritesAFileThatItCanNotRead) {
   for (const char* speed : {"123456.5", "1e999", "1e300", "1e-300", "0e999"}) {
     EmulatorProcess emulator;
     emulator.WriteSettings(std::string(R"({"units":[{"Speed":)") + speed + "}]}");
-    emulator.Allow("Speed");
+    emulator.Allow(emulator.SettingsPath().string());
     for (int run = 0; run < 2; ++run) {
       emulator.StartAndWait();
       emulator.Stop();
