@@ -24,7 +24,8 @@ struct TcpSock::Turn {
 TcpSock::TcpSock(NetManager* manager) : manager_(manager), event_(manager->GetEvent()) {}
 
 TcpSock::TcpSock(NetManager* manager, platform::Socket connection, const TcpSockInfo& info)
-    : manager_(manager), event_(manager->GetEvent()), info_(info), socket_(std::move(connection)) {
+    : manager_(manager), event_(manager->GetEvent()), socket_(std::move(connection)) {
+  TakeOptions(info);
   uint32_t error = 0;
   if (!Watch(&error)) CloseHandle();
 }
@@ -35,11 +36,16 @@ TcpSock::~TcpSock() {
 
 ErrInfo TcpSock::Open(const TcpSockInfo& info) {
   ScopedLock lock(sockMutex_);
-  info_ = info;
-  sendChunkSize_ = std::max(info.SendChunkSize, 1u);
+  TakeOptions(info);
   EmptyQueue();
   if (socket_.IsOpen()) return ERR_HERE("Network::TcpSock::Open").SetText(L"Can not reopen socket");
   return Connect();
+}
+
+void TcpSock::TakeOptions(const TcpSockInfo& info) {
+  info_ = info;
+  // A chunk of no byte would never use up what is to be sent.
+  sendChunkSize_ = std::max(info.SendChunkSize, 1u);
 }
 
 ErrInfo TcpSock::Connect() {

@@ -46,6 +46,7 @@ class TcpSock final : public ITcpSock {
  private:
   struct Turn;
 
+  void TakeOptions(const TcpSockInfo& info);
   ErrInfo Connect();
   bool Watch(uint32_t* error);
   void CloseHandle();

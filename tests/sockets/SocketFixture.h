@@ -155,12 +155,12 @@ class Peer {
     return socket.SendTo(bytes.data(), bytes.size(), to.Raw());
   }
 
-  // Waits for bytes of the stream, `size` at most; none: the stream has ended or broken.
+  // Waits for some bytes of the stream, `size` at most; none: the stream has ended or broken.
   Bytes Read(size_t size) {
-    Bytes bytes(size);
+    Bytes bytes(std::min(size, size_t{65536}));
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     for (;;) {
-      const platform::SocketResult result = socket.Recv(bytes.data(), size);
+      const platform::SocketResult result = socket.Recv(bytes.data(), bytes.size());
       if (!result.wouldBlock) {
         bytes.resize(result.Ok() ? static_cast<size_t>(result.count) : 0);
         return bytes;
