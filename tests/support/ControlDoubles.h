@@ -20,7 +20,7 @@ using DatagramBytes = std::vector<uint8_t>;
 
 // The datagram of a message as it stands, `att` included.
 inline DatagramBytes ToDatagram(const Network::JsonMsg& msg) {
-  Network::Packet packet(size_t{2} << 20);
+  Network::Packet packet(msg.attachment.size() + 4096);
   const ErrInfo err = msg.ToPacket(packet);
   EXPECT_TRUE(err.IsOk());
   return DatagramBytes(packet.Data(), packet.Data() + packet.Size());

@@ -1,0 +1,282 @@
+// The overlaps of the connection's thread with the worker of its NetManager and with its user.
+// Each test provokes one of them thousands of times; some faults only the sanitizers see.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <barrier>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "JsonUdpConnect.h"
+#include "support/CapturedLog.h"
+#include "support/ControlDoubles.h"
+#include "support/FakeNetwork.h"
+#include "support/ManualClock.h"
+
+using namespace Network;
+
+namespace {
+
+// Counts, and keeps nothing: the recording one would slow the race down.
+class CountingReceiver final : public IJsonUdpReceiver {
+ public:
+  void OnMsgSent(IJsonUdpManager*, const std::shared_ptr<JsonMsg>&) override { Count(sent); }
+  void OnMsgReceived(IJsonUdpManager*, const std::shared_ptr<JsonMsg>&, const NetAddr&) override {
+    Count(received);
+  }
+  void OnError(IJsonUdpManager*, ErrInfo) override { Count(errors); }
+
+  std::atomic<int> sent{0};
+  std::atomic<int> received{0};
+  std::atomic<int> errors{0};
+
+  std::atomic<bool> stopped{false};  // set by the test when no call may come
+  std::atomic<int> callsWhenStopped{0};
+
+ private:
+  void Count(std::atomic<int>& count) {
+    ++count;
+    if (stopped) ++callsWhenStopped;
+  }
+};
+
+// Thousands of rounds; on a machine that has no time to spare, those of four seconds.
+class Rounds {
+ public:
+  explicit Rounds(int most) : most_(most) {}
+  bool More() {
+    const bool late = std::chrono::steady_clock::now() > end_;
+    return ++done_ <= (late ? kLeast : most_);
+  }
+
+ private:
+  static constexpr int kLeast = 100;
+  const int most_;
+  int done_ = 0;
+  const std::chrono::steady_clock::time_point end_ =
+      std::chrono::steady_clock::now() + std::chrono::seconds(4);
+};
+
+template <typename Condition>
+bool SpinUntil(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+JsonUdpInfo InfoFor(IJsonUdpReceiver* receiver) {
+  JsonUdpInfo info;
+  info.Receiver = receiver;
+  info.BindAddr = Addr(L"127.0.0.1:8000");
+  return info;
+}
+
+const wchar_t kPeer[] = L"10.1.2.3:4567";
+
+// The acknowledgement of a message arrives in the moment in which its repeat, or its end, is due.
+// Whoever wins: the message ends once, either way, and each acknowledgement counts once.
+TEST(ConnectionStress, AcknowledgementRacesWithTheRepeatAndTheEnd) {
+  Log().Allow(L"No ack received");
+  ManualClock clock;
+  FakeNetManager net;
+  CountingReceiver user;
+  JsonUdpConnect connect(L"unit", &net);
+  ASSERT_TRUE(connect.Init(InfoFor(&user)).IsOk());
+  ASSERT_TRUE(connect.Open().IsOk());
+  FakeUdpSock& sock = *net.LastSock();
+
+  std::barrier<> line(2);
+  DatagramBytes ack;
+  bool stop = false;
+  std::thread worker([&] {
+    for (;;) {
+      line.arrive_and_wait();
+      if (stop) return;
+      sock.Deliver(ack, Addr(kPeer));
+      line.arrive_and_wait();
+    }
+  });
+
+  int round = 0;
+  for (Rounds rounds(5000); rounds.More(); ++round) {
+    const auto msg = std::make_shared<JsonMsgGetState>();
+    ack = ToDatagram(JsonMsgAck(msg->msg_id));
+    EXPECT_TRUE(connect.Send(msg, Addr(kPeer)).IsOk());
+    connect.Pass();
+    const int repeats = round % 2 == 0 ? 4 : round % 4;  // the end is due, or one more repeat
+    for (int i = 0; i < repeats; ++i) {
+      clock.AdvanceMs(51);
+      connect.Pass();
+    }
+    clock.AdvanceMs(51);
+    line.arrive_and_wait();
+    connect.Pass();
+    line.arrive_and_wait();
+    connect.Pass();  // tells of the acknowledgement, if the end hasn't come before
+    if (user.sent + user.errors == round + 1) continue;
+    ADD_FAILURE() << "message " << round << " ended twice or not at all";
+    break;
+  }
+  stop = true;
+  line.arrive_and_wait();
+  worker.join();
+
+  const JsonUdpStatistics counted = connect.Statistics();
+  EXPECT_EQ(counted.MsgSent, static_cast<uint32_t>(user.sent));
+  EXPECT_EQ(counted.DupAckReceived, static_cast<uint32_t>(user.errors));
+}
+
+// A worker that hands the newest socket of a network requests, and acknowledgements for all that
+// was sent, without end.
+class Traffic {
+ public:
+  explicit Traffic(FakeNetManager& net) : net_(net), thread_([this] { Run(); }) {}
+  ~Traffic() {
+    stop_ = true;
+    thread_.join();
+  }
+
+  bool WaitDeliveries(int count) const {
+    const int until = deliveries_ + count;
+    return SpinUntil([&] { return deliveries_ >= until; });
+  }
+
+ private:
+  void Run() {
+    // Prepared: reading and writing texts would be most of the work.
+    std::array<DatagramBytes, 8> datagrams;
+    for (uint32_t i = 0; i < datagrams.size(); ++i) {
+      JsonMsgGetInputs request;
+      JsonMsgAtt segment;
+      segment.seg_count = 2;
+      segment.seg_number = i / 4;
+      segment.attachment = PatternBytes(10);
+      segment.att = 10;
+      request.att = i % 4 == 0 ? 20 : 0;  // a head, whose segments may or may not come
+      datagrams[i] = i % 4 == 1 ? ToDatagram(segment) : ToDatagram(request);
+    }
+    for (size_t i = 0; !stop_; ++i) {
+      const auto sock = net_.LastSock();
+      if (!sock) continue;
+      for (const SentDatagram& sent : sock->Sent())
+        if (const auto msg = FromDatagram(sent.bytes); msg && msg->msg != L"ack")
+          sock->Deliver(ToDatagram(JsonMsgAck(msg->msg_id)), Addr(kPeer));
+      sock->ClearSent();
+      if (sock->Deliver(datagrams[i % datagrams.size()], Addr(kPeer))) ++deliveries_;
+    }
+  }
+
+  FakeNetManager& net_;
+  std::atomic<bool> stop_{false};
+  std::atomic<int> deliveries_{0};
+  std::thread thread_;
+};
+
+TEST(ConnectionStress, DiesWhileTrafficRuns) {
+  Log().Allow(L"Bad socket");  // an acknowledgement in the moment of the end
+  Log().Allow(L"send failed");
+  Log().Allow(L"No ack received");  // on a slow machine
+  FakeNetManager net;
+  Traffic traffic(net);
+  int round = 0;
+  for (Rounds rounds(2000); rounds.More(); ++round) {
+    CountingReceiver user;
+    {
+      JsonUdpConnect connect(L"unit", &net);
+      ASSERT_TRUE(connect.Init(InfoFor(&user)).IsOk());
+      ASSERT_TRUE(connect.Start().IsOk());
+      ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
+      ASSERT_TRUE(traffic.WaitDeliveries(round % 7));
+    }
+    // Both are dead now; a delivery that comes all the same is a use of freed memory.
+  }
+}
+
+TEST(ConnectionStress, StopsWhileDatagramsAreDelivered) {
+  Log().Allow(L"Bad socket");
+  Log().Allow(L"send failed");
+  Log().Allow(L"No ack received");  // on a slow machine
+  FakeNetManager net;
+  CountingReceiver user;
+  JsonUdpConnect connect(L"unit", &net);
+  ASSERT_TRUE(connect.Init(InfoFor(&user)).IsOk());
+  ASSERT_TRUE(connect.Start().IsOk());
+  Traffic traffic(net);
+  int round = 0;
+  for (Rounds rounds(2000); rounds.More(); ++round) {
+    ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
+    ASSERT_TRUE(traffic.WaitDeliveries(round % 7));
+    connect.Stop();
+    user.stopped = true;
+    ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
+    user.stopped = false;
+    ASSERT_TRUE(connect.Start().IsOk());
+  }
+  EXPECT_EQ(user.callsWhenStopped, 0) << "Stop returned too early";
+  EXPECT_GT(user.received, 0);
+  EXPECT_GT(user.sent, 0);
+}
+
+// Each thread's messages go out in its order, each once, and no other datagram comes between the
+// pieces of one.
+TEST(ConnectionStress, TakesMessagesFromManyThreads) {
+  constexpr uint32_t kThreads = 4;
+  constexpr uint32_t kMessages = 100;
+  ManualClock clock;  // stands still: nothing is repeated
+  FakeNetManager net;
+  CountingReceiver user;
+  JsonUdpConnect connect(L"unit", &net);
+  ASSERT_TRUE(connect.Init(InfoFor(&user)).IsOk());
+  ASSERT_TRUE(connect.Start().IsOk());
+
+  std::vector<std::thread> senders;
+  for (uint32_t t = 0; t < kThreads; ++t) {
+    senders.emplace_back([&connect, t] {
+      for (uint32_t i = 0; i < kMessages; ++i) {
+        auto msg = std::make_shared<JsonMsgSetState>();
+        msg->device_freq = t * 10000 + i;
+        if (i % 5 == 0) msg->attachment = PatternBytes(3000, i);
+        EXPECT_TRUE(connect.Send(msg, Addr(kPeer)).IsOk());
+      }
+    });
+  }
+
+  std::array<uint32_t, kThreads> next{};
+  FakeUdpSock& sock = *net.LastSock();
+  const auto takeOne = [&]() -> std::shared_ptr<JsonMsg> {
+    if (!sock.WaitSent(1)) return nullptr;
+    const auto sent = sock.Sent();
+    sock.ClearSent();
+    const auto msg = FromDatagram(sent[0].bytes);
+    sock.Deliver(ToDatagram(JsonMsgAck(msg->msg_id)), Addr(kPeer));
+    return sent.size() == 1 ? msg : nullptr;
+  };
+  for (uint32_t n = 0; n < kThreads * kMessages; ++n) {
+    const auto head = std::dynamic_pointer_cast<JsonMsgSetState>(takeOne());
+    if (!head) {
+      ADD_FAILURE() << "a segment stands where a message has to begin, or nothing came";
+      break;
+    }
+    uint32_t& expected = next[head->device_freq / 10000];
+    EXPECT_EQ(head->device_freq % 10000, expected);
+    ++expected;
+    for (uint32_t s = 0; !head->attachment.empty() && s < 3; ++s) {
+      const auto segment = std::dynamic_pointer_cast<JsonMsgAtt>(takeOne());
+      if (!segment || segment->leader_id != head->msg_id || segment->seg_number != s) {
+        ADD_FAILURE() << "something came between the segments";
+        break;
+      }
+    }
+  }
+  for (std::thread& sender : senders)
+    sender.join();
+  EXPECT_TRUE(SpinUntil([&] { return user.sent == kThreads * kMessages; }));
+  EXPECT_EQ(user.errors, 0);
+}
+
+}  // namespace
