@@ -276,3 +276,17 @@ TEST(JsonParser, ABuilderRefusesEventsOutOfOrder) {
             "value already assigned");
   EXPECT_EQ(thrown([](IParserCallback& b) { b.OnError(21); }), "unidentified parser error");
 }
+
+// A feeder that gives a key no value leaves a key that reaches nothing: told by every access.
+TEST(JsonParser, AKeyWithoutAValueReachesNoMember) {
+  Value root;
+  ParsingBuilder builder(&root);
+  builder.OnObjectBegin();
+  builder.OnKeyBegin();
+  builder.OnKeyEnd();
+  builder.OnObjectEnd();
+  EXPECT_THROW(root.Find(L""), Exception);
+  EXPECT_THROW(root.Item(L""), Exception);
+  EXPECT_THROW(root.ItemForWrite(L""), Exception);
+  EXPECT_THROW(root.ToWString(), std::exception);
+}
