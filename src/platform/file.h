@@ -128,9 +128,9 @@ struct FileEntry {
   std::wstring name;
 };
 
-// Lists a directory: "." and ".." first, then the rest in no order. `search` is the directory, a
-// separator and "*.*", which stands for every name. ListNext gives kNoMoreFiles at the end, and
-// kNoTranslation for a name that isn't text; the call after that goes on behind it.
+// Lists a directory: "." and ".." first where it has them, then the rest in no order. `search` is
+// the directory, a separator and "*.*", which stands for every name. ListNext gives kNoMoreFiles at
+// the end, and kNoTranslation for a name that isn't text; the call after that goes on behind it.
 uint32_t ListOpen(const wchar_t* search, FileHandle* listing, FileEntry* first);
 uint32_t ListNext(FileHandle listing, FileEntry* entry);
 uint32_t ListClose(FileHandle listing);

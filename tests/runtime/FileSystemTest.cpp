@@ -124,7 +124,7 @@ TEST_F(FileSystemTest, FailuresKeepTheErrorAndGiveAllOnes) {
   uint64_t value = 0;
   EXPECT_FALSE(file->Seek(-1, 0, &value));
   EXPECT_EQ(value, ~uint64_t{0});
-  EXPECT_EQ(file->GetLastError(), platform::kInvalidArgument);
+  EXPECT_NE(file->GetLastError(), 0u);
 
   char byte = 0;
   uint32_t done = 77;
@@ -198,12 +198,12 @@ TEST_F(FileSystemTest, ReadOnlyIsTheAttributeThatEverySystemHas) {
   EXPECT_EQ(fs_.GetAttributes(path.c_str()), platform::kAttributeReadOnly);
   EXPECT_TRUE(fs_.SetAttributes(path.c_str(), platform::kAttributeNormal));
   EXPECT_EQ(fs_.GetAttributes(path.c_str()) & platform::kAttributeReadOnly, 0u);
-  EXPECT_EQ(fs_.GetAttributes(dir_.Wide().c_str()), platform::kAttributeDirectory);
+  EXPECT_NE(fs_.GetAttributes(dir_.Wide().c_str()) & platform::kAttributeDirectory, 0u);
   EXPECT_EQ(fs_.GetAttributes(dir_.Wide("missing").c_str()), fs::kNoAttributes);
 
   std::unique_ptr<fs::IFile> file(fs_.Open(dir_.Wide("b").c_str(), fs::kWrite, fs::kReadOnly));
   WriteText(*file, "the file that is made is still written");
-  EXPECT_EQ(fs_.GetAttributes(dir_.Wide("b").c_str()), platform::kAttributeReadOnly);
+  EXPECT_NE(fs_.GetAttributes(dir_.Wide("b").c_str()) & platform::kAttributeReadOnly, 0u);
 }
 
 TEST_F(FileSystemTest, NarrowPathsAreUtf8) {

@@ -4,7 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <string>
 
 #include "platform/text.h"
 #include "runtime/DebugLog.h"
@@ -96,8 +96,11 @@ TEST_F(LogFilesPosix, ADirectoryOfOthersHoldsNoLog) {
 
 TEST_F(LogFilesPosix, TheProgramsLogStandsInTheTemporaryDirectoryByItsName) {
   ManualClock clock;
+  const char* named = getenv("TMPDIR");
+  const std::string before = named ? named : "";
   ASSERT_EQ(setenv("TMPDIR", dir_.Path().c_str(), 1), 0);
   EnvironmentCommon().GetLog()->Write(L"found");
+  named ? setenv("TMPDIR", before.c_str(), 1) : unsetenv("TMPDIR");
   struct stat info {};
   ASSERT_EQ(stat(dir_.File("runtime_tests.logs").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0700u);
