@@ -44,8 +44,9 @@ TEST_F(ConnectionThread, DeliversManyWithoutWaitingBetweenThem) {
   for (int i = 0; i < 200; ++i)
     net.LastSock()->Deliver(ToDatagram(JsonMsgGetState()), peer);
   EXPECT_TRUE(user.WaitUntil([](const auto& u) { return u.Received().size() == 200; }));
-  // A lost wake-up costs 100 ms, each pass without its own one too.
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+  // A lost wake-up costs 100 ms, each pass without its own one too: 20 s in all. A busy machine
+  // needs some seconds.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
 
 TEST_F(ConnectionThread, StopsAtOnceAndStartsAgain) {
