@@ -124,6 +124,15 @@ void Process::Impl::Spawn(const std::filesystem::path& program, const Options& o
     posix_spawn_file_actions_adddup2(&actions, childOutput.Get(), STDOUT_FILENO);
   }
 
+  // The child begins as under a shell: what this program ignores isn't ignored there.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+
   std::vector<std::string> environment = Environment(options);
   std::vector<char*> variables;
   for (std::string& variable : environment)
@@ -133,8 +142,9 @@ void Process::Impl::Spawn(const std::filesystem::path& program, const Options& o
   std::array<char*, 2> arguments{name.data(), nullptr};
 
   const int error =
-      posix_spawn(&pid, name.c_str(), &actions, nullptr, arguments.data(), variables.data());
+      posix_spawn(&pid, name.c_str(), &actions, &attributes, arguments.data(), variables.data());
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   if (error != 0) throw std::runtime_error("can't start " + name + ": " + std::strerror(error));
 }
 
