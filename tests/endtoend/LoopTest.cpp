@@ -26,7 +26,9 @@ void PrintTo(const Echo& echo, std::ostream* out) {
 }
 
 // A QZ610 that loops audio back to `receiver`. The packets of a test go out at once and keep their
-// distance by their numbers, so that no test depends on when the ticks fall.
+// distance by their numbers, so that no test depends on when the ticks fall. But a test that is
+// held up for longer than the ring, 20 ms, in the middle of its packets sees the stream run dry: so
+// these tests run alone.
 class Loop : public EndToEnd {
  protected:
   void SetUp() override {
@@ -264,10 +266,13 @@ TEST_F(Loop, APacedStreamComesBackInOrder) {
   emulator.Line("Test data stream FAILED");
   Drain();
   const std::vector<Echo> echoes = Echoes();
-  for (size_t i = 1; i < echoes.size(); ++i)
-    EXPECT_GT(echoes[i].mark, echoes[i - 1].mark);
-  // On a machine that is busy with other tests our pace falters; most of it has to arrive.
+  // On a machine that is busy our pace falters, and what the ring still held then comes out behind
+  // what came later; most of the stream has to arrive, and in order if nothing faltered.
   EXPECT_GE(echoes.size(), static_cast<size_t>(kPackets / 2));
+  if (StreamErrors() > 0) return;
+  for (size_t i = 1; i < echoes.size(); ++i) {
+    EXPECT_EQ(echoes[i].mark - echoes[i - 1].mark, echoes[i].tick - echoes[i - 1].tick);
+  }
 }
 
 TEST_F(Loop, AnySenderIsHeard) {

@@ -13,7 +13,7 @@ using Network::UdpSockInfo;
 
 namespace {
 
-constexpr uint32_t kPort = 8000;
+constexpr uint32_t kPort = 18000;
 
 class UdpSock : public SocketFixture {
  protected:
