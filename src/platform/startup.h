@@ -22,7 +22,7 @@ void Startup();
 void WaitForInput();
 
 // Writes all bytes to standard output and flushes. A failure (closed pipe, full disk) is ignored.
-void WriteConsole(std::string_view bytes);
+void WriteOutput(std::string_view bytes);
 
 // Between the two calls sleeps and timed waits of the process are exact to about a millisecond.
 void BeginTimerPeriod();

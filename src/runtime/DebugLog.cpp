@@ -153,5 +153,5 @@ void CDebugLog::Handle(const std::wstring& line) {
 }
 
 void LogToConsoleSniffer::Sniff(const std::wstring& line) {
-  platform::WriteConsole(platform::WideToUtf8Lossy(line) + "\n");
+  platform::WriteOutput(platform::WideToUtf8Lossy(line) + "\n");
 }

@@ -103,7 +103,7 @@ TEST(Startup, WritingToABrokenPipeDoesNotEndTheProcess) {
   const Child child([&] {
     dup2(output.Write(), STDOUT_FILENO);
     platform::Startup();
-    platform::WriteConsole("nobody hears this");
+    platform::WriteOutput("nobody hears this");
     return 7;
   });
   EXPECT_EQ(child.Wait(), 7);
@@ -119,7 +119,7 @@ TEST(Startup, ConsoleGetsAllBytes) {
     fcntl(output.Write(), F_SETFL, O_NONBLOCK);
     dup2(output.Write(), STDOUT_FILENO);
     platform::Startup();
-    platform::WriteConsole(bytes);
+    platform::WriteOutput(bytes);
     return 0;
   });
   output.CloseWrite();

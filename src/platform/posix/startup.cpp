@@ -68,7 +68,7 @@ void WaitForInput() {
   }
 }
 
-void WriteConsole(std::string_view bytes) {
+void WriteOutput(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;

@@ -81,7 +81,7 @@ void WaitForInput() {
   WaitForMultipleObjects(stopSignal ? 2 : 1, signals, FALSE, INFINITE);
 }
 
-void WriteConsole(std::string_view bytes) {
+void WriteOutput(std::string_view bytes) {
   // Through the C library's stream and so in text mode, as any console program's output.
   std::fwrite(bytes.data(), 1, bytes.size(), stdout);
   std::fflush(stdout);
