@@ -55,6 +55,10 @@ class IUdpSock {
   // Sends one datagram on the caller's thread, without waiting: to `to` if that is defined, else to
   // SendAddr. A full send buffer is a failure.
   virtual ErrInfo Send(const uint8_t* data, uint64_t size, const NetAddr& to) = 0;
+
+  // The address that the socket is bound to, with the port that the system chose for port 0;
+  // undefined while it isn't bound.
+  virtual NetAddr LocalAddr() = 0;
 };
 
 }  // namespace Network

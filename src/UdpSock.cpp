@@ -125,4 +125,11 @@ bool UdpSock::TryReceive() {
   return true;
 }
 
+NetAddr UdpSock::LocalAddr() {
+  ScopedLock lock(sockMutex_);
+  platform::SocketAddress local;
+  if (!info_.BindAddr.IsDefined() || !socket_.LocalAddress(&local).Ok()) return NetAddr();
+  return NetAddr(local);
+}
+
 }  // namespace Network

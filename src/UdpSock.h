@@ -30,6 +30,7 @@ class UdpSock final : public IUdpSock {
   void Destroy() override;
   ErrInfo SetSendAddr(const NetAddr& addr) override;
   ErrInfo Send(const uint8_t* data, uint64_t size, const NetAddr& to) override;
+  NetAddr LocalAddr() override;
 
   // One turn on the worker: one datagram at most. True when there may be more to do.
   bool TryReceive();

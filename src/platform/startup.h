@@ -1,6 +1,7 @@
 // The process around the program: its standard streams, the signals that end it, its timers.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 // The program behind the system's own entry function (main.cpp in the system's folder); it gives the
@@ -20,6 +21,10 @@ void Startup();
 // that asks the program to stop, whichever comes first. A signal that came before the call ends it
 // at once.
 void WaitForInput();
+
+// Waits up to `milliseconds` for a signal that asks the program to stop; 0 only tests. True once
+// one has come.
+bool WaitForStop(uint32_t milliseconds);
 
 // Writes all bytes to standard output and flushes. A failure (closed pipe, full disk) is ignored.
 void WriteOutput(std::string_view bytes);

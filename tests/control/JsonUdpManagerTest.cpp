@@ -195,6 +195,7 @@ TEST(DatagramManagerStart, AnswersADatagramThatArrivesWhileTheSocketOpens) {
       ++sends;
       return ErrInfo("Send", "", 0);
     }
+    NetAddr LocalAddr() override { return NetAddr(); }
     int sends = 0;
   };
   struct EagerNet final : INetManager {

@@ -59,6 +59,8 @@ class FakeUdpSock final : public Network::IUdpSock {
     return ERR_AT("FakeUdpSock::Send");
   }
 
+  Network::NetAddr LocalAddr() override { return Info().BindAddr; }
+
   // Hands a datagram to the receiver, as the worker would. False when the socket is closed or hears
   // nothing.
   bool Deliver(const std::vector<uint8_t>& bytes, const Network::NetAddr& from) {

@@ -68,6 +68,12 @@ void WaitForInput() {
   }
 }
 
+bool WaitForStop(uint32_t milliseconds) {
+  // The signal stays unread, so that every later wait sees it too.
+  pollfd wait{stopSignals, POLLIN, 0};
+  return poll(&wait, 1, static_cast<int>(milliseconds)) == 1;
+}
+
 void WriteOutput(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(STDOUT_FILENO, bytes.data(), bytes.size());

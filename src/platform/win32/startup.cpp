@@ -81,6 +81,10 @@ void WaitForInput() {
   WaitForMultipleObjects(stopSignal ? 2 : 1, signals, FALSE, INFINITE);
 }
 
+bool WaitForStop(uint32_t milliseconds) {
+  return stopSignal && WaitForSingleObject(stopSignal, milliseconds) == WAIT_OBJECT_0;
+}
+
 void WriteOutput(std::string_view bytes) {
   // Through the C library's stream and so in text mode, as any console program's output.
   std::fwrite(bytes.data(), 1, bytes.size(), stdout);

@@ -1,0 +1,56 @@
+// A program that this one starts and watches over. One thread at a time, but for what says
+// otherwise.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace platform {
+
+struct ChildOptions {
+  std::vector<std::string>
+      command;  // program (looked up in PATH if it has no separator), arguments
+  std::vector<std::pair<std::string, std::string>> environment;  // added to this program's own
+
+  // Pipes in place of this program's own standard input and output. The child then also stands
+  // outside the terminal's reach: Ctrl-C goes to this program alone.
+  bool piped = false;
+};
+
+class Child {
+ public:
+  Child();
+  ~Child();  // ends what still runs, the hard way
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // The operating system's error number, 0 for success.
+  uint32_t Start(const ChildOptions& options);
+
+  // With pipes: gives bytes to the child, or ends its input. False once it reads no more.
+  bool WriteInput(std::string_view bytes);
+  void CloseInput();
+
+  // With pipes: waits for output, on any one thread. Empty at its end.
+  std::string ReadOutput();
+
+  // The exit status once the child has ended; 128 plus the number of the signal that ended it.
+  std::optional<int> Wait(uint32_t milliseconds);
+
+  // Asks the child to end, as Ctrl-C or SIGTERM do.
+  void Terminate();
+
+  // Ends the child the hard way.
+  void Kill();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace platform

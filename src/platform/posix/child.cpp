@@ -1,0 +1,158 @@
+#include "platform/child.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+extern char** environ;
+
+namespace platform {
+
+namespace {
+
+void CloseIfOpen(int& descriptor) {
+  if (descriptor != -1) close(descriptor);
+  descriptor = -1;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts)
+    pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> Environment(const ChildOptions& options) {
+  std::vector<std::string> all;
+  for (const auto& [key, value] : options.environment)
+    all.push_back(key + "=" + value);
+  // The first of two equal names counts, so the additions stand in front.
+  for (char** entry = environ; *entry; ++entry)
+    all.emplace_back(*entry);
+  return all;
+}
+
+// The child begins with no signal blocked and none ignored, whatever this program has set.
+void ResetSignals(posix_spawnattr_t& attributes, bool ownGroup) {
+  sigset_t none;
+  sigset_t all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setpgroup(&attributes, 0);
+  int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (ownGroup) flags |= POSIX_SPAWN_SETPGROUP;
+  posix_spawnattr_setflags(&attributes, static_cast<short>(flags));
+}
+
+}  // namespace
+
+struct Child::Impl {
+  pid_t pid = -1;
+  int handle = -1;  // pidfd: readable once the child has ended
+  int input = -1;   // writing end of the child's standard input
+  int output = -1;  // reading end of its standard output
+  std::optional<int> status;
+};
+
+Child::Child() : impl_(std::make_unique<Impl>()) {}
+
+Child::~Child() {
+  Kill();
+  CloseIfOpen(impl_->input);
+  CloseIfOpen(impl_->output);
+  CloseIfOpen(impl_->handle);
+}
+
+uint32_t Child::Start(const ChildOptions& options) {
+  int input[2] = {-1, -1};
+  int output[2] = {-1, -1};
+  if (options.piped && (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0)) {
+    const int error = errno;
+    CloseIfOpen(input[0]);
+    CloseIfOpen(input[1]);
+    return static_cast<uint32_t>(error);
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  if (options.piped) {
+    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+  }
+  ResetSignals(attributes, options.piped);
+
+  std::vector<std::string> command = options.command;
+  std::vector<std::string> environment = Environment(options);
+  const int error = posix_spawnp(&impl_->pid, command.front().c_str(), &actions, &attributes,
+                                 Pointers(command).data(), Pointers(environment).data());
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  CloseIfOpen(input[0]);
+  CloseIfOpen(output[1]);
+  impl_->input = input[1];
+  impl_->output = output[0];
+  if (error != 0) {
+    impl_->pid = -1;
+    return static_cast<uint32_t>(error);
+  }
+  impl_->handle = static_cast<int>(syscall(SYS_pidfd_open, impl_->pid, 0));
+  return 0;
+}
+
+bool Child::WriteInput(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = write(impl_->input, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+  return true;
+}
+
+void Child::CloseInput() {
+  CloseIfOpen(impl_->input);
+}
+
+std::string Child::ReadOutput() {
+  char buffer[4096];
+  ssize_t got = 0;
+  do {
+    got = read(impl_->output, buffer, sizeof(buffer));
+  } while (got < 0 && errno == EINTR);
+  return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : std::string();
+}
+
+std::optional<int> Child::Wait(uint32_t milliseconds) {
+  if (impl_->status || impl_->pid == -1) return impl_->status;
+  pollfd wait{impl_->handle, POLLIN, 0};
+  const int timeout = milliseconds > INT32_MAX ? -1 : static_cast<int>(milliseconds);
+  if (poll(&wait, 1, timeout) != 1) return std::nullopt;
+  int raw = 0;
+  while (waitpid(impl_->pid, &raw, 0) == -1 && errno == EINTR) {
+  }
+  impl_->status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+  return impl_->status;
+}
+
+void Child::Terminate() {
+  if (impl_->pid != -1 && !impl_->status) kill(impl_->pid, SIGTERM);
+}
+
+void Child::Kill() {
+  if (impl_->pid == -1 || impl_->status) return;
+  kill(impl_->pid, SIGKILL);
+  Wait(UINT32_MAX);
+}
+
+}  // namespace platform

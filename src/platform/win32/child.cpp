@@ -1,0 +1,140 @@
+#include "platform/child.h"
+
+#include "platform/text.h"
+#include "platform/win32/win.h"
+
+namespace platform {
+
+namespace {
+
+void CloseIfOpen(HANDLE& handle) {
+  if (handle) CloseHandle(handle);
+  handle = nullptr;
+}
+
+// One argument as the C library of the child takes it apart again (documented with
+// CommandLineToArgvW): quotes and the backslashes in front of them are escaped.
+std::wstring Quoted(const std::string& argument) {
+  std::wstring out = L"\"";
+  size_t backslashes = 0;
+  for (const wchar_t c : Utf8ToWideLossy(argument)) {
+    if (c == L'\\') {
+      ++backslashes;
+      continue;
+    }
+    out.append(c == L'"' ? 2 * backslashes + 1 : backslashes, L'\\');
+    backslashes = 0;
+    out += c;
+  }
+  out.append(2 * backslashes, L'\\');
+  return out + L"\"";
+}
+
+// Sorted isn't required; the additions stand in front, where they count.
+std::wstring Environment(const ChildOptions& options) {
+  std::wstring all;
+  for (const auto& [key, value] : options.environment) {
+    all += Utf8ToWideLossy(key + "=" + value) + L'\0';
+  }
+  wchar_t* const block = GetEnvironmentStringsW();
+  for (const wchar_t* entry = block; entry && *entry; entry += std::wstring(entry).size() + 1) {
+    all += std::wstring(entry) + L'\0';
+  }
+  if (block) FreeEnvironmentStringsW(block);
+  return all + L'\0';
+}
+
+}  // namespace
+
+struct Child::Impl {
+  HANDLE process = nullptr;
+  DWORD id = 0;
+  HANDLE input = nullptr;   // writing end of the child's standard input
+  HANDLE output = nullptr;  // reading end of its standard output
+  std::optional<int> status;
+};
+
+Child::Child() : impl_(std::make_unique<Impl>()) {}
+
+Child::~Child() {
+  Kill();
+  CloseIfOpen(impl_->input);
+  CloseIfOpen(impl_->output);
+  CloseIfOpen(impl_->process);
+}
+
+uint32_t Child::Start(const ChildOptions& options) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  HANDLE childInput = nullptr;
+  HANDLE childOutput = nullptr;
+  if (options.piped) {
+    SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    if (!CreatePipe(&childInput, &impl_->input, &inherited, 0) ||
+        !CreatePipe(&impl_->output, &childOutput, &inherited, 0)) {
+      return GetLastError();
+    }
+    SetHandleInformation(impl_->input, HANDLE_FLAG_INHERIT, 0);
+    SetHandleInformation(impl_->output, HANDLE_FLAG_INHERIT, 0);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = childInput;
+    startup.hStdOutput = childOutput;
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+  }
+  std::wstring command;
+  for (const std::string& argument : options.command) {
+    command += (command.empty() ? L"" : L" ") + Quoted(argument);
+  }
+  std::wstring environment = Environment(options);
+  PROCESS_INFORMATION started{};
+  const DWORD flags =
+      CREATE_UNICODE_ENVIRONMENT | (options.piped ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0);
+  const BOOL ok = CreateProcessW(nullptr, command.data(), nullptr, nullptr, options.piped, flags,
+                                 environment.data(), nullptr, &startup, &started);
+  const DWORD error = ok ? 0 : GetLastError();
+  CloseIfOpen(childInput);
+  CloseIfOpen(childOutput);
+  if (error != 0) return error;
+  CloseHandle(started.hThread);
+  impl_->process = started.hProcess;
+  impl_->id = started.dwProcessId;
+  return 0;
+}
+
+bool Child::WriteInput(std::string_view bytes) {
+  DWORD written = 0;
+  return WriteFile(impl_->input, bytes.data(), static_cast<DWORD>(bytes.size()), &written,
+                   nullptr) != 0;
+}
+
+void Child::CloseInput() {
+  CloseIfOpen(impl_->input);
+}
+
+std::string Child::ReadOutput() {
+  char buffer[4096];
+  DWORD got = 0;
+  if (!ReadFile(impl_->output, buffer, sizeof(buffer), &got, nullptr)) return {};
+  return std::string(buffer, got);
+}
+
+std::optional<int> Child::Wait(uint32_t milliseconds) {
+  if (impl_->status || !impl_->process) return impl_->status;
+  if (WaitForSingleObject(impl_->process, milliseconds) != WAIT_OBJECT_0) return std::nullopt;
+  DWORD code = 0;
+  GetExitCodeProcess(impl_->process, &code);
+  impl_->status = static_cast<int>(code);
+  return impl_->status;
+}
+
+void Child::Terminate() {
+  if (impl_->process && !impl_->status) GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, impl_->id);
+}
+
+void Child::Kill() {
+  if (!impl_->process || impl_->status) return;
+  TerminateProcess(impl_->process, 137);
+  Wait(INFINITE);
+}
+
+}  // namespace platform

@@ -1,0 +1,49 @@
+#include "platform/ports.h"
+
+#include <cstring>
+
+#include "platform/text.h"
+#include "platform/win32/win.h"
+// Behind winsock2.h, whose types it uses.
+#include <iphlpapi.h>
+
+namespace platform {
+
+namespace {
+
+std::string NameOf(DWORD process) {
+  const HANDLE handle = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
+  if (!handle) return "another user's program";
+  wchar_t path[1024];
+  DWORD length = 1024;
+  const BOOL known = QueryFullProcessImageNameW(handle, 0, path, &length);
+  CloseHandle(handle);
+  if (!known) return "process " + std::to_string(process);
+  const std::wstring full(path, length);
+  return WideToUtf8Lossy(full.substr(full.find_last_of(L'\\') + 1)) + " (" +
+         std::to_string(process) + ")";
+}
+
+}  // namespace
+
+std::vector<std::string> UdpPortOwners(uint16_t port) {
+  std::vector<std::string> owners;
+  DWORD size = 0;
+  GetExtendedUdpTable(nullptr, &size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0);
+  std::vector<uint8_t> bytes(size + 4096);  // the table may grow between the calls
+  size = static_cast<DWORD>(bytes.size());
+  if (GetExtendedUdpTable(bytes.data(), &size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0) !=
+      NO_ERROR) {
+    return owners;
+  }
+  const auto* table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(bytes.data());
+  for (DWORD i = 0; i < table->dwNumEntries; ++i) {
+    const MIB_UDPROW_OWNER_PID& row = table->table[i];
+    // In network byte order in the lower half.
+    if (ntohs(static_cast<u_short>(row.dwLocalPort)) != port) continue;
+    owners.push_back(NameOf(row.dwOwningPid));
+  }
+  return owners;
+}
+
+}  // namespace platform

@@ -1,0 +1,58 @@
+// Audio files of 24-bit stereo, sample for sample, by libsndfile. In a build without that library
+// every operation fails and says so.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace ctl {
+
+// True when this build can read and write audio files.
+bool HasAudioFiles();
+
+// One stereo frame as it stands on the wire: signed 24-bit values.
+struct Frame {
+  int32_t left = 0;
+  int32_t right = 0;
+};
+
+// Throws Failure when the file exists (unless `overwrite`) or can't be made.
+class WavWriter {
+ public:
+  WavWriter(const std::string& path, uint32_t sampleFreq, bool overwrite);
+  ~WavWriter();
+  WavWriter(const WavWriter&) = delete;
+  WavWriter& operator=(const WavWriter&) = delete;
+
+  // Throws Failure when the disk doesn't take it.
+  void Write(const std::vector<Frame>& frames);
+
+  // Ends the file; called by the destructor too, which then ignores a failure.
+  void Close();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// A file of two channels at `sampleFreq`; throws Failure, naming what the file has, for any other.
+class AudioReader {
+ public:
+  AudioReader(const std::string& path, uint32_t sampleFreq);
+  ~AudioReader();
+  AudioReader(const AudioReader&) = delete;
+  AudioReader& operator=(const AudioReader&) = delete;
+
+  uint64_t FrameCount() const;
+
+  // Up to `count` frames; fewer at the end of the file.
+  std::vector<Frame> Read(size_t count);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ctl

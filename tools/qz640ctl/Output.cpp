@@ -1,0 +1,137 @@
+#include "Output.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <locale>
+#include <sstream>
+
+#include "platform/startup.h"
+#include "platform/terminal.h"
+#include "platform/text.h"
+
+namespace ctl {
+
+namespace {
+
+// Columns of a UTF-8 text, counting a code point as one.
+size_t Columns(const std::string& text) {
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
+}
+
+void WriteError(const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stderr);
+  std::fflush(stderr);
+}
+
+}  // namespace
+
+Output::Output(bool json) : json_(json) {
+  const bool outTerminal = platform::IsTerminal(platform::Stream::Output);
+  const char* noColour = std::getenv("NO_COLOR");
+  live_ = outTerminal && !json;
+  colour_ = live_ && !(noColour && *noColour);
+  errTerminal_ = platform::IsTerminal(platform::Stream::Error);
+}
+
+void Output::Line(const std::string& text) {
+  if (json_) return;
+  EndProgress();
+  platform::WriteOutput(text + "\n");
+}
+
+void Output::Object(const JSON::Value& object) {
+  if (!json_) return;
+  platform::WriteOutput(platform::WideToUtf8Lossy(object.ToWString()) + "\n");
+}
+
+void Output::Progress(const std::string& text) {
+  if (!errTerminal_ || json_) return;
+  const size_t width = Columns(text);
+  std::string line = "\r" + text;
+  if (width < progressWidth_) line.append(progressWidth_ - width, ' ');
+  progressWidth_ = width;
+  WriteError(line);
+}
+
+void Output::EndProgress() {
+  if (progressWidth_ == 0) return;
+  progressWidth_ = 0;
+  WriteError("\n");
+}
+
+void Output::Error(const std::string& text) {
+  EndProgress();
+  WriteError("qz640ctl: " + text + "\n");
+  if (!json_) return;
+  JSON::Value object;
+  object.ItemForWrite(L"error").SetString(platform::Utf8ToWideLossy(text));
+  Object(object);
+}
+
+std::string Output::Paint(Colour colour, const std::string& text) const {
+  if (!colour_ || colour == Colour::None) return text;
+  const char* code = "";
+  switch (colour) {
+    case Colour::Green:
+      code = "32";
+      break;
+    case Colour::Yellow:
+      code = "33";
+      break;
+    case Colour::Red:
+      code = "31";
+      break;
+    case Colour::Dim:
+      code = "2";
+      break;
+    case Colour::None:
+      break;
+  }
+  return std::string("\033[") + code + "m" + text + "\033[0m";
+}
+
+std::string FormatTable(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths;
+  for (const auto& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], Columns(row[i]));
+  }
+  std::string out;
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) line.append(widths[i] - Columns(row[i]) + 2, ' ');
+    }
+    if (!out.empty()) out += '\n';
+    out += line;
+  }
+  return out;
+}
+
+std::string FormatNumber(double value, int decimals) {
+  std::ostringstream out;
+  out.imbue(std::locale::classic());
+  out.setf(std::ios::fixed);
+  out.precision(decimals);
+  out << value;
+  return out.str();
+}
+
+double ToDecibel(double peak) {
+  constexpr double kFloor = -144.0;
+  return peak <= 0 ? kFloor : std::max(kFloor, 20.0 * std::log10(peak));
+}
+
+std::string FormatMeter(double peak, size_t width) {
+  const double share = std::clamp((ToDecibel(peak) + 60.0) / 60.0, 0.0, 1.0);
+  const auto filled = static_cast<size_t>(std::lround(share * static_cast<double>(width)));
+  return std::string(filled, '#') + std::string(width - filled, '.');
+}
+
+}  // namespace ctl

@@ -1,0 +1,63 @@
+// What a command prints: text for people, or one JSON object a line for programs. Standard output
+// holds results alone; progress and errors go to standard error.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "json/Value.h"
+
+namespace ctl {
+
+enum class Colour { None, Green, Yellow, Red, Dim };
+
+class Output {
+ public:
+  // Colour and carriage returns only where the stream is a terminal; no colour with NO_COLOR set.
+  explicit Output(bool json);
+
+  bool Json() const { return json_; }
+
+  // Standard output is a terminal that a live view may draw on.
+  bool Live() const { return live_; }
+
+  // A line for people; nothing with --json.
+  void Line(const std::string& text);
+
+  // A line for programs; nothing without --json.
+  void Object(const JSON::Value& object);
+
+  // A line on standard error that the next one overwrites on a terminal. Elsewhere nothing: a log
+  // file has no use for it.
+  void Progress(const std::string& text);
+
+  // Ends the line that Progress draws on.
+  void EndProgress();
+
+  // "qz640ctl: text" on standard error, or with --json an object with the key "error" as well.
+  void Error(const std::string& text);
+
+  std::string Paint(Colour colour, const std::string& text) const;
+
+ private:
+  bool json_;
+  bool live_;
+  bool colour_;
+  bool errTerminal_;
+  size_t progressWidth_ = 0;
+};
+
+// Columns padded to the widest cell; the first row is the heading.
+std::string FormatTable(const std::vector<std::vector<std::string>>& rows);
+
+// "12.5 %", "-18.2 dB" and the like: `value` with `decimals` digits behind the point, whatever the
+// locale.
+std::string FormatNumber(double value, int decimals);
+
+// A level meter of `width` columns from -60 to 0 dB of full scale; `peak` from 0 to 1.
+std::string FormatMeter(double peak, size_t width);
+
+// 20 log10(peak), at least -144 (24 bits have no less).
+double ToDecibel(double peak);
+
+}  // namespace ctl

@@ -1,0 +1,330 @@
+// The command "up": an emulator of one's own, on free ports, for as long as a command runs.
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "Commands.h"
+#include "EmuSettings.h"
+#include "platform/child.h"
+#include "platform/socket.h"
+#include "platform/startup.h"
+#include "platform/text.h"
+#include "runtime/Paths.h"
+
+namespace ctl {
+
+using namespace Network;
+namespace files = std::filesystem;
+
+namespace {
+
+constexpr uint32_t kReadyMs = 15'000;
+constexpr uint32_t kStopMs = 10'000;
+
+// "2xQZ820,QZ610" into units emu-1, emu-2, emu-3.
+std::vector<UnitSettings> ParseUnits(const std::string& text, int32_t mode) {
+  std::vector<UnitSettings> units;
+  size_t begin = 0;
+  while (begin <= text.size()) {
+    const size_t end = std::min(text.find(',', begin), text.size());
+    std::string type = text.substr(begin, end - begin);
+    uint32_t count = 1;
+    const size_t times = type.find('x');
+    if (times != std::string::npos) {
+      const auto parsed = std::from_chars(type.data(), type.data() + times, count);
+      if (parsed.ptr == type.data() + times && times > 0) type.erase(0, times + 1);
+    }
+    if (type.empty() || count == 0 || count > 500) {
+      throw Failure{kUsage, "\"" + text +
+                                "\" is no list of units; it must read like "
+                                "2xQZ820,QZ610"};
+    }
+    for (; count > 0; --count) {
+      UnitSettings unit;
+      unit.UnitType = platform::Utf8ToWideLossy(type);
+      unit.UnitId = L"emu-" + std::to_wstring(units.size() + 1);
+      unit.Mode = mode;
+      units.push_back(unit);
+    }
+    begin = end + 1;
+  }
+  return units;
+}
+
+// Free now: another program could still take it before the emulator does.
+bool IsPortFree(const std::string& addr, uint32_t port) {
+  NetAddr local;
+  local.SetFromTextAndPort(platform::Utf8ToWideLossy(addr), port);
+  platform::Socket sock;
+  return sock.OpenUdp().Ok() && sock.Bind(local.Raw()).Ok();
+}
+
+// A block of `count` free ports and one more for discovery, somewhere in the range that no service
+// has by default.
+int32_t FindFreePorts(const std::string& addr, uint32_t count) {
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const uint32_t base = 20'000 + random() % 10'000 / 2 * 2;
+    bool allFree = true;
+    for (uint32_t port = base; port < base + count && allFree; ++port) {
+      allFree = IsPortFree(addr, port);
+    }
+    if (allFree) return static_cast<int32_t>(base);
+  }
+  throw Failure{kNoPort, "found no " + std::to_string(count) + " free UDP ports in a row on " +
+                             addr + "; is that an address of this machine? (qz640ctl doctor)"};
+}
+
+// The emulator's output, taken line by line on a thread of its own.
+class OutputReader {
+ public:
+  OutputReader(platform::Child& child, bool show) : child_(child), show_(show) {
+    thread_ = std::thread([this] { Run(); });
+  }
+  ~OutputReader() { thread_.join(); }  // ends with the child's output
+  OutputReader(const OutputReader&) = delete;
+  OutputReader& operator=(const OutputReader&) = delete;
+
+  // Waits for a line with one of the texts; empty when the output ends or time is over.
+  std::string WaitFor(const std::vector<std::string>& texts, uint32_t milliseconds) {
+    std::unique_lock lock(mutex_);
+    std::string found;
+    changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] {
+      for (const std::string& line : lines_) {
+        for (const std::string& text : texts) {
+          if (line.find(text) != std::string::npos) found = line;
+        }
+        if (!found.empty()) break;
+      }
+      return !found.empty() || ended_;
+    });
+    return found;
+  }
+
+  // Nobody waits for lines any more: they aren't kept.
+  void Forget() {
+    std::lock_guard lock(mutex_);
+    keep_ = false;
+    lines_.clear();
+  }
+
+ private:
+  void Run() {
+    std::string rest;
+    for (std::string bytes = child_.ReadOutput(); !bytes.empty(); bytes = child_.ReadOutput()) {
+      if (show_) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+      rest += bytes;
+      std::lock_guard lock(mutex_);
+      for (size_t end = rest.find('\n'); end != std::string::npos; end = rest.find('\n')) {
+        if (keep_) lines_.push_back(rest.substr(0, end));
+        rest.erase(0, end + 1);
+      }
+      changed_.notify_all();
+    }
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+  }
+
+  platform::Child& child_;
+  const bool show_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+  bool keep_ = true;
+  bool ended_ = false;
+  std::thread thread_;
+};
+
+// A folder of its own for the executable and its settings, removed at the end.
+class Folder {
+ public:
+  Folder() {
+    std::random_device random;
+    do {
+      path_ = files::temp_directory_path() / ("qz640ctl-up-" + std::to_string(random()));
+    } while (!files::create_directory(path_));
+  }
+  ~Folder() {
+    std::error_code ignored;
+    files::remove_all(path_, ignored);
+  }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+
+  // The settings file stands beside the executable, so the executable comes along.
+  files::path Install(const files::path& emulator, const EmuSettings& settings) const {
+    const files::path installed = path_ / emulator.filename();
+    std::error_code error;
+    files::create_hard_link(emulator, installed, error);
+    if (error) files::copy_file(emulator, installed, error);
+    if (error) {
+      throw Failure{kUsage, "can't use the emulator \"" + emulator.string() +
+                                "\": " + error.message() + "; name it with --emulator PATH"};
+    }
+    std::ofstream(installed.string() + ".json", std::ios::binary)
+        << platform::WideToUtf8Lossy(settings.ToString());
+    return installed;
+  }
+
+ private:
+  files::path path_;
+};
+
+// By default the one that stands beside this program.
+files::path EmulatorPath(const UpOptions& options) {
+  if (!options.emulator.empty()) return options.emulator;
+  const files::path own = platform::WideToUtf8Lossy(GetModulePath(true, true));
+  files::path emulator = own.parent_path() / "qz640emu";
+  return emulator += own.extension();
+}
+
+class Running {
+ public:
+  Running(const UpOptions& options, const CommonOptions& common, Output& out);
+  int Run();
+
+ private:
+  void Launch();
+  void WaitReady();
+  int RunCommand();
+  void Stop();
+  void Announce();
+  std::vector<std::pair<std::string, std::string>> Environment() const;
+
+  const UpOptions& options_;
+  const CommonOptions& common_;
+  Output& out_;
+  Folder folder_;
+  EmuSettings settings_;
+  NetAddr discovery_;
+  std::vector<Unit> found_;
+  platform::Child emulator_;
+};
+
+Running::Running(const UpOptions& options, const CommonOptions& common, Output& out)
+    : options_(options), common_(common), out_(out) {
+  settings_.AddrStr = platform::Utf8ToWideLossy(options_.addr);
+  settings_.units = ParseUnits(options_.units, options_.mode);
+  uint32_t ports = 2;  // in front: discovery
+  for (const UnitSettings& unit : settings_.units) {
+    ports += 2 * static_cast<uint32_t>(unit.GetInputCount() + unit.GetOutputCount()) + 2;
+  }
+  settings_.BroadcastPort = FindFreePorts(options_.addr, ports);
+  settings_.BasePort = settings_.BroadcastPort + 2;
+  discovery_.SetFromTextAndPort(settings_.AddrStr, static_cast<uint32_t>(settings_.BroadcastPort));
+}
+
+int Running::Run() {
+  Launch();
+  OutputReader reader(emulator_, options_.showLog);
+  int status = kDone;
+  try {
+    const std::string line = reader.WaitFor({" Start OK", " FAILED. ERR="}, kReadyMs);
+    if (line.find(" FAILED. ERR=") != std::string::npos) {
+      const bool port = line.find("bind socket failed") != std::string::npos;
+      throw Failure{port ? kNoPort : kRefused,
+                    "the emulator failed:" + line.substr(line.find(" @ ") + 13)};
+    }
+    if (line.empty()) throw Failure{kNoAnswer, "the emulator didn't get ready; see its log"};
+    WaitReady();
+    reader.Forget();
+    Announce();
+    status = options_.command.empty() ? kDone : RunCommand();
+    if (options_.command.empty()) {
+      while (!platform::WaitForStop(200) && !emulator_.Wait(0)) {
+      }
+    }
+  } catch (const Failure&) {
+    Stop();
+    throw;
+  }
+  Stop();
+  return status;
+}
+
+void Running::Launch() {
+  platform::ChildOptions options;
+  options.command = {folder_.Install(EmulatorPath(options_), settings_).string()};
+  options.piped = true;
+  const uint32_t error = emulator_.Start(options);
+  if (error != 0) {
+    throw Failure{kRefused,
+                  "can't start " + options.command.front() + ": error " + std::to_string(error)};
+  }
+}
+
+// " Start OK" is the emulator's word; an answered discovery shows that it is reached.
+void Running::WaitReady() {
+  found_ = Discovery().Find({discovery_}, common_.timeoutMs, 100);
+  if (found_.size() == settings_.units.size()) return;
+  throw Failure{kNoAnswer, std::to_string(found_.size()) + " of " +
+                               std::to_string(settings_.units.size()) +
+                               " units answered the discovery at " + ToText(discovery_)};
+}
+
+std::vector<std::pair<std::string, std::string>> Running::Environment() const {
+  std::vector<std::pair<std::string, std::string>> variables{
+      {"QZ640_ADDR", options_.addr},
+      {"QZ640_DISCOVERY", ToText(discovery_)},
+      {"QZ640_UNITS", std::to_string(found_.size())}};
+  for (size_t i = 0; i < found_.size(); ++i) {
+    const std::string prefix = "QZ640_UNIT" + std::to_string(i) + "_";
+    variables.emplace_back(prefix + "ID", found_[i].Id());
+    variables.emplace_back(prefix + "CONTROL", found_[i].Control());
+    variables.emplace_back(prefix + "RTP", ToText(found_[i].Output(0)));
+  }
+  return variables;
+}
+
+void Running::Announce() {
+  JSON::Value object;
+  for (const auto& [key, value] : Environment()) {
+    object.ItemForWrite(platform::Utf8ToWideLossy(key)).SetString(platform::Utf8ToWideLossy(value));
+  }
+  out_.Object(object);
+  if (!options_.command.empty()) return;
+  for (const auto& [key, value] : Environment())
+    out_.Line(key + "=" + value);
+  out_.Line("running until Ctrl-C");
+}
+
+int Running::RunCommand() {
+  platform::ChildOptions options;
+  options.command = options_.command;
+  options.environment = Environment();
+  platform::Child command;
+  const uint32_t error = command.Start(options);
+  if (error != 0) {
+    throw Failure{
+        kUsage, "can't start \"" + options_.command.front() + "\": error " + std::to_string(error)};
+  }
+  for (;;) {
+    if (const auto status = command.Wait(100)) return *status;
+    // The terminal has told the command too; from elsewhere it is told here.
+    if (platform::WaitForStop(0)) command.Terminate();
+  }
+}
+
+void Running::Stop() {
+  emulator_.WriteInput("\n");
+  emulator_.CloseInput();
+  if (!emulator_.Wait(kStopMs)) {
+    out_.Error("the emulator didn't stop within ten seconds and was ended");
+    emulator_.Kill();
+  }
+}
+
+}  // namespace
+
+int RunUp(const UpOptions& options, const CommonOptions& common, Output& out) {
+  return Running(options, common, out).Run();
+}
+
+}  // namespace ctl

@@ -1,0 +1,197 @@
+// qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+#include "QuietLog.h"
+#include "platform/startup.h"
+
+namespace {
+
+using namespace ctl;
+
+const char kFooter[] =
+    R"(UNIT is a unit id, found by discovery, or address:port of its control port.
+
+Exit status: 0 done, 1 refused or a check failed, 2 usage, 3 nobody answered,
+4 a port or address can't be had.)";
+
+// A command on the command line and what runs it.
+class CommandLine {
+ public:
+  CommandLine() : app_("Finds, drives and hears QZ-640 network audio units.", "qz640ctl") {
+    app_.footer(kFooter);
+    app_.require_subcommand(1);
+    AddRequests();
+    AddAudio();
+    AddCheck();
+    AddUp();
+  }
+
+  int Run(int argc, char** argv) {
+    try {
+      app_.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      const int code = app_.exit(error);
+      return code == 0 ? kDone : kUsage;
+    }
+    UseQuietLog(verbose_);
+    Output out(common_.json);
+    try {
+      return run_(out);
+    } catch (const Failure& failure) {
+      out.Error(failure.text);
+      return failure.status;
+    } catch (const std::exception& error) {
+      out.Error(std::string("unexpected: ") + error.what());
+      return kRefused;
+    }
+  }
+
+ private:
+  using Action = std::function<int(Output&)>;
+
+  CLI::App* Add(const char* name, const char* what, const char* example, Action action) {
+    CLI::App* command = app_.add_subcommand(name, what);
+    command->footer(std::string("Example:\n  ") + example + "\n\n" + kFooter);
+    command->add_flag("--json", common_.json, "One JSON object a line on standard output");
+    command->add_option("--timeout", common_.timeoutMs, "Milliseconds to wait for an answer")
+        ->check(CLI::Range(50, 600000))
+        ->capture_default_str();
+    command->add_option("--to", common_.to,
+                        "Ask here for units (default: the broadcast address of every interface)");
+    command->add_flag("--verbose", verbose_, "Show the protocol log on standard error");
+    command->callback([this, action] { run_ = action; });
+    return command;
+  }
+
+  CLI::App* AddForUnit(const char* name, const char* what, const char* example, Action action) {
+    CLI::App* command = Add(name, what, example, std::move(action));
+    command->add_option("UNIT", unit_, "Unit id or address:port")->required();
+    return command;
+  }
+
+  void AddRequests() {
+    Add("find", "Find the units of the network", "qz640ctl find --to 127.0.0.1",
+        [this](Output& out) { return RunFind(common_, out); });
+    AddForUnit("info", "What a unit says of itself", "qz640ctl info 127.0.0.1:8000",
+               [this](Output& out) { return RunInfo(unit_, common_, out); });
+    AddForUnit("inputs", "Where a unit's inputs go", "qz640ctl inputs studio-a",
+               [this](Output& out) { return RunInputs(unit_, common_, out); });
+    AddForUnit("set-inputs", "Send inputs elsewhere; those not named stay as they are",
+               "qz640ctl set-inputs studio-a 0=10.0.0.5:9000 2=off",
+               [this](Output& out) { return RunSetInputs(unit_, changes_, common_, out); })
+        ->add_option("CHANGE", changes_, "NUMBER=ADDRESS:PORT or NUMBER=off")
+        ->required();
+    AddForUnit("freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
+               [this](Output& out) { return RunFreq(unit_, freq_, common_, out); })
+        ->add_option("HZ", freq_, "48000 or 44100")
+        ->required();
+    AddForUnit("fm", "Show or set FM frequencies", "qz640ctl fm tuner-1 2=98700",
+               [this](Output& out) { return RunFm(unit_, changes_, common_, out); })
+        ->add_option("CHANGE", changes_, "NUMBER=FREQUENCY");
+    AddForUnit("fm-quality", "Reception of a unit's tuners", "qz640ctl fm-quality tuner-1",
+               [this](Output& out) { return RunFmQuality(unit_, common_, out); });
+  }
+
+  void AddCheck() {
+    AddForUnit("check", "Everything that a unit has to do on the wire, a line a check",
+               "qz640ctl check studio-a",
+               [this](Output& out) { return RunCheck(unit_, common_, out); });
+    Add("doctor", "Look at interfaces, ports, a settings file and the clock of this machine",
+        "qz640ctl doctor qz640emu.json", [this](Output& out) { return RunDoctor(settings_, out); })
+        ->add_option("SETTINGS", settings_,
+                     "The settings file (default: that of the emulator beside qz640ctl)");
+  }
+
+  void AddAudio() {
+    CLI::App* record = Add("record", "Record an input, bit for bit, as 24-bit stereo",
+                           "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
+                           [this](Output& out) { return RunRecord(record_, common_, out); });
+    record->add_option("UNIT", record_.unit, "Unit id or address:port")->required();
+    record->add_option("FILE", record_.file, "The WAV file to write")->required();
+    record->add_option("--input", record_.input, "Input, counted from 0")->capture_default_str();
+    record->add_option("--seconds", record_.seconds, "Length (default: until Ctrl-C)")
+        ->check(CLI::PositiveNumber);
+    record->add_flag("--force", record_.force, "Replace a file that exists");
+    AddLocal(record);
+
+    CLI::App* play = Add("play", "Send audio to an output",
+                         "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3",
+                         [this](Output& out) { return RunPlay(play_, common_, out); });
+    play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
+    auto* file = play->add_option("FILE", play_.file, "A stereo file at the unit's frequency");
+    auto* tone = play->add_option("--tone", play_.toneHz, "A sine of so many Hz instead of a file");
+    auto* pattern =
+        play->add_flag("--pattern", play_.pattern, "The pattern that units look for on output 0");
+    file->excludes(tone)->excludes(pattern);
+    tone->excludes(pattern);
+    play->add_option("--output", play_.output, "Output, counted from 0")->capture_default_str();
+    play->add_option("--level", play_.levelDb, "Level of the tone in dB of full scale")
+        ->check(CLI::Range(-144.0, 0.0))
+        ->capture_default_str();
+    play->add_option("--seconds", play_.seconds, "Length of tone or pattern")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    play->add_option("--freq", play_.sampleFreq, "The unit's sample frequency")
+        ->capture_default_str();
+    play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
+        ->check(CLI::Range(-100000.0, 100000.0));
+    play->callback([this] {
+      if (play_.file.empty() && !play_.toneHz && !play_.pattern) {
+        throw CLI::RequiredError("FILE, --tone or --pattern");
+      }
+      run_ = [this](Output& out) { return RunPlay(play_, common_, out); };
+    });
+
+    CLI::App* watch =
+        Add("watch", "Live view of inputs: levels, rate, jitter, loss", "qz640ctl watch studio-a",
+            [this](Output& out) { return RunWatch(watch_, common_, out); });
+    watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
+    watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
+        ->check(CLI::PositiveNumber);
+    AddLocal(watch);
+  }
+
+  void AddUp() {
+    CLI::App* up = Add("up", "Start an emulator on free ports for as long as a command runs",
+                       "qz640ctl up --units 2xQZ820,QZ610 -- ./run-my-tests",
+                       [this](Output& out) { return RunUp(up_, common_, out); });
+    up->add_option("--units", up_.units, "The units: types with an optional count, NxTYPE")
+        ->capture_default_str();
+    up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4")->capture_default_str();
+    up->add_option("--addr", up_.addr, "Local address of the units")->capture_default_str();
+    up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)");
+    up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
+    up->add_option("COMMAND", up_.command,
+                   "What to run, with QZ640_DISCOVERY, QZ640_UNIT0_CONTROL and so on in its "
+                   "environment (default: until Ctrl-C)");
+  }
+
+  void AddLocal(CLI::App* command) {
+    command->add_option("--local", common_.local,
+                        "Own address to take streams at (default: the one that faces the unit)");
+  }
+
+  CLI::App app_;
+  CommonOptions common_;
+  bool verbose_ = false;
+  std::string unit_;
+  std::string settings_;
+  std::vector<std::string> changes_;
+  uint32_t freq_ = 0;
+  RecordOptions record_;
+  PlayOptions play_;
+  WatchOptions watch_;
+  UpOptions up_;
+  Action run_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  platform::Startup();
+  platform::BeginTimerPeriod();
+  const int status = CommandLine().Run(argc, argv);
+  platform::EndTimerPeriod();
+  return status;
+}
