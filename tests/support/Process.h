@@ -23,6 +23,7 @@ class Process {
   };
 
   struct Options {
+    std::vector<std::string> arguments = {};  // behind the program's name
     std::vector<std::pair<std::string, std::string>> environment =
         {};  // replaces or adds variables
     // The child starts without the descriptor, as under `<&-` and `>&-` of a shell.

@@ -139,7 +139,11 @@ void Process::Impl::Spawn(const std::filesystem::path& program, const Options& o
     variables.push_back(variable.data());
   variables.push_back(nullptr);
   std::string name = program.string();
-  std::array<char*, 2> arguments{name.data(), nullptr};
+  std::vector<std::string> words = options.arguments;
+  std::vector<char*> arguments{name.data()};
+  for (std::string& word : words)
+    arguments.push_back(word.data());
+  arguments.push_back(nullptr);
 
   const int error =
       posix_spawn(&pid, name.c_str(), &actions, &attributes, arguments.data(), variables.data());
