@@ -14,6 +14,7 @@ namespace Network {
 namespace {
 
 constexpr char kSourceFile[] = "src\\AudioCardEmu";
+constexpr wchar_t kLeftAlone[] = L" is left as it is";
 
 // Hands the member to `take` if it is there. A failure tells which key it was: the words of the
 // JSON library alone would leave the user to search the file.
@@ -46,18 +47,21 @@ int32_t NextUnitPort(int32_t port, const UnitSettings& unit) {
   return static_cast<int32_t>(static_cast<uint32_t>(port) + static_cast<uint32_t>(step));
 }
 
-// What keeps `text`, made of these settings, from being read as the same settings again; empty if
-// nothing does. Some numbers have no text of their own.
-std::wstring WhyUnreadable(const EmuSettings& settings, const std::wstring& text) {
-  for (size_t i = 0; i < settings.units.size(); ++i) {
-    if (!std::isfinite(settings.units[i].Speed))
-      return Format(L"units[%d]: Speed: no finite number", i);
+// Some numbers have no text that the parser takes as the same: the infinite ones, NaN, and those
+// from 100000 to 999999, which end in a bare point.
+bool HasReadableText(double number) {
+  if (!std::isfinite(number)) return false;
+  try {
+    JSON::Value value;
+    value.SetDouble(number);
+    JSON::Value again;
+    JSON::ParsingBuilder builder(&again);
+    JSON::Parser parser(&builder);
+    // Only the blank tells the parser that a number has ended.
+    return JSON::ParseText(parser, value.ToWString() + L" ");
+  } catch (const std::exception&) {
+    return false;
   }
-  EmuSettings readBack;
-  ErrInfo err = readBack.FromString(text);
-  const std::wstring why = err.Text();
-  err = ERR_HERE("Network::EmuSettings::ToFile");  // the caller reports it
-  return why;
 }
 
 bool FileHolds(const std::wstring& path, const std::string& bytes) {
@@ -194,10 +198,10 @@ ErrInfo EmuSettings::FromFile(std::wstring path) {
     if (!err.IsOk()) return err;
   } catch (const std::exception& e) {
     return ERR_HERE("Network::EmuSettings::FromFile")
-        .SetText(platform::Utf8ToWideLossy(e.what()) + L", not UTF-8" + InFile(path));
+        .SetText(platform::Utf8ToWideLossy(e.what()) + L", not UTF-8" + InFile(path) + kLeftAlone);
   }
   ErrInfo err = FromString(text);
-  if (!err.IsOk()) err.SetText(err.Text() + InFile(path));
+  if (!err.IsOk()) err.SetText(err.Text() + InFile(path) + kLeftAlone);
   return err;
 }
 
@@ -207,10 +211,10 @@ ErrInfo EmuSettings::ToFile(std::wstring path) const {
   if (text.empty()) return err.SetText(L"Can not serialize settings");
 
   // The next start would refuse the file that this one wrote, and the user's text would be gone.
-  const std::wstring unreadable = WhyUnreadable(*this, text);
-  if (!unreadable.empty()) {
-    return err.SetText(L"Settings can not be written (" + unreadable + L"), kept as it is" +
-                       InFile(path));
+  for (size_t i = 0; i < units.size(); ++i) {
+    if (HasReadableText(units[i].Speed)) continue;
+    return err.SetText(Format(L"units[%d]: Speed has no text that could be read again", i) +
+                       InFile(path) + kLeftAlone);
   }
 
   try {
@@ -218,7 +222,7 @@ ErrInfo EmuSettings::ToFile(std::wstring path) const {
     if (FileHolds(path, bytes)) return err;
     return fs::ReplaceWholeFile(path.c_str(), bytes.data(), bytes.size());
   } catch (const std::exception& e) {
-    return err.SetText(platform::Utf8ToWideLossy(e.what()) + L", kept as it is" + InFile(path));
+    return err.SetText(platform::Utf8ToWideLossy(e.what()) + InFile(path) + kLeftAlone);
   }
 }
 

@@ -57,8 +57,8 @@ struct EmuSettings {
   ErrInfo FromFile(std::wstring path);
 
   // Replaces the file in one step, so that a crash leaves the old one or the new one. Leaves it
-  // alone when it holds this text already, and fails without touching it when FromFile couldn't
-  // take the text in again.
+  // alone when it holds this text already, and fails without touching it when a Speed has no
+  // text that FromFile could take in again, such as an infinite one.
   ErrInfo ToFile(std::wstring path) const;
 };
 
