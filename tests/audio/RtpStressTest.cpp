@@ -87,7 +87,8 @@ TEST(RtpStress, ChannelsAreReplacedWhilePacketsComeIn) {
     ASSERT_TRUE(manager.Init(MakeInfo(round % 2 == 0 ? 30 : 2)).IsOk());
     traffic.Wait(1);
     manager.RecvAudio(buffers, 192);
-    manager.Stop();
+    manager.Stop();  // ends the statistics that the deliveries go on to feed
+    traffic.Wait(1);
   }
   EXPECT_GT(target.calls, 0);
 }

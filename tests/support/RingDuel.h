@@ -13,7 +13,6 @@
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
 #include "support/RingModel.h"
-#include "support/WireAudio.h"
 
 class RingDuel final : private Network::ISyncTarget {
  public:
@@ -39,18 +38,20 @@ class RingDuel final : private Network::ISyncTarget {
   size_t Channels() const { return channels_; }
 
   // A packet that the manager can tell from all others, of any payload type.
-  void Deliver(size_t channel, uint16_t seq, uint32_t ts, uint8_t typeByte = wire::kType48000) {
+  void Deliver(size_t channel, uint16_t seq, uint32_t ts, uint8_t typeByte = 0xC8) {
     const int mark = nextMark_++;
-    wire::Bytes payload(wire::kPayloadSize);
-    for (size_t i = 0; i < 4; ++i)
-      payload[i] = static_cast<uint8_t>(mark >> (8 * i));
-    DeliverRaw(channel, wire::MakeAudioDatagram(seq, ts, typeByte, payload));
+    std::vector<uint8_t> bytes = {0x02, typeByte};
+    Put(bytes, seq, 2);
+    Put(bytes, ts, 4);
+    Put(bytes, 0, 4);
+    Put(bytes, static_cast<uint32_t>(mark), 4);
+    DeliverRaw(channel, bytes);
     model_.Packet(channel, seq, ts, mark);
     Compare("packet " + std::to_string(seq));
   }
 
   // A datagram that is no packet, of which the model must hear nothing.
-  void DeliverRaw(size_t channel, const wire::Bytes& bytes) {
+  void DeliverRaw(size_t channel, const std::vector<uint8_t>& bytes) {
     net_.Sock(firstSock_ + channel)->Deliver(bytes, {});
   }
 
@@ -94,7 +95,7 @@ class RingDuel final : private Network::ISyncTarget {
           Deliver(channel, static_cast<uint16_t>(seq + next() - 128), ts + next() - 128);
           break;
         case 3:
-          DeliverRaw(channel, wire::Bytes(next() % 12, 0xC8));
+          DeliverRaw(channel, std::vector<uint8_t>(next() % 12, 0xC8));
           break;
         case 4:  // a jump
           seq += next() << 8;
@@ -121,10 +122,16 @@ class RingDuel final : private Network::ISyncTarget {
  private:
   void OnSync(Network::ISyncSource*, int64_t pos, uint32_t) override { reports_.push_back(pos); }
 
+  // Appends `count` bytes of the number, the highest first.
+  static void Put(std::vector<uint8_t>& bytes, uint32_t number, int count) {
+    while (count-- > 0)
+      bytes.push_back(static_cast<uint8_t>(number >> (8 * count)));
+  }
+
   static int MarkIn(const Network::RtpPacket& packet) {
     if (packet.IsEmpty()) return RingModel::kNothing;
     const uint8_t* bytes = packet.GetPayload();
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | bytes[3] << 24;
+    return bytes[0] << 24 | bytes[1] << 16 | bytes[2] << 8 | bytes[3];
   }
 
   void Compare(const std::string& event) {
