@@ -70,7 +70,8 @@ void PutSample(uint8_t* bytes, float sample) {
 
 float GetSample(const uint8_t* bytes) {
   // Built in the upper three bytes, so that the shift down extends the sign.
-  const uint32_t upper = uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | bytes[2] << 8;
+  const uint32_t upper =
+      uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8;
   return static_cast<float>(static_cast<int32_t>(upper) >> 8) * kSampleOfCode;
 }
 
