@@ -20,7 +20,8 @@ class INetManager {
   virtual std::shared_ptr<ITcpSock> CreateTcpSock() = 0;
   virtual std::shared_ptr<ITcpListenSock> CreateTcpListenSock() = 0;
 
-  // The working manager; its worker thread runs from now on.
+  // The working manager; its worker thread runs from now on. Throws std::system_error when the
+  // system has no room for it.
   static std::unique_ptr<INetManager> Create();
 };
 

@@ -51,7 +51,8 @@ class ITcpSock {
 
   // Drops what waits to be sent. When it returns, no callback of this socket runs on another thread
   // and none can start. So the caller must not hold a lock that a callback takes. May be called
-  // repeatedly, also from a callback.
+  // repeatedly, also from a callback; but callbacks of two managers that close each other's sockets
+  // wait for ever.
   virtual void Close() = 0;
 
   // Close, then out of the manager's registry. The manager must still live.
