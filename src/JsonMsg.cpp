@@ -94,6 +94,10 @@ std::unique_ptr<JsonMsg> Decode(const Packet& packet) {
 
 JsonMsg::JsonMsg(const std::wstring& name) : msg(name), msg_id(nextMsgId.fetch_add(1)) {}
 
+void JsonMsg::StartNumbersAt(uint32_t number) {
+  nextMsgId = number;
+}
+
 ErrInfo JsonMsg::Serialize(JSON::Value& out) const {
   out.ItemForWrite(L"msg").SetString(msg);
   out.ItemForWrite(L"msg_id").SetUInt(msg_id);

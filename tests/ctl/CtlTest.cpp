@@ -169,6 +169,9 @@ TEST_F(CtlTest, WatchReportsEveryInput) {
 }
 
 TEST_F(CtlTest, CheckPassesOnTheEmulator) {
+  // Two checks provoke these on purpose.
+  emulator_.Allow("Protocol error. No ack received");
+  emulator_.Allow("Sample freq 96000 is not supported");
   for (const char* unit : {"studio-a", "tuner-1"}) {
     const Result result = Run({"check", unit, "--json"});
     EXPECT_EQ(result.status, 0) << result.out;

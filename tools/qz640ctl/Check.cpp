@@ -374,7 +374,11 @@ int RunCheck(const std::string& name, const CommonOptions& common, Output& out) 
   out.Line("checking " + unit.Id() + " (" + unit.Type() + ") at " + unit.Control());
   CheckReport report(out);
   ControlTour(unit, common, report).Run();
-  CheckStreams(unit, common, report);
+  try {
+    CheckStreams(unit, common, report);
+  } catch (const Failure& failure) {
+    report.Add("streams", Verdict::Fail, failure.text);
+  }
   report.Summarise();
   return report.Worst() == Verdict::Fail ? kRefused : kDone;
 }

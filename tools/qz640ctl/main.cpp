@@ -1,5 +1,6 @@
 // qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
 #include <CLI/CLI.hpp>
+#include <random>
 
 #include "Commands.h"
 #include "QuietLog.h"
@@ -191,6 +192,7 @@ class CommandLine {
 int main(int argc, char** argv) {
   platform::Startup();
   platform::BeginTimerPeriod();
+  Network::JsonMsg::StartNumbersAt(std::random_device()());
   const int status = CommandLine().Run(argc, argv);
   platform::EndTimerPeriod();
   return status;
