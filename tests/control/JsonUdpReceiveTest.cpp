@@ -177,7 +177,7 @@ const AssemblyCase kAssemblyCases[] = {
      {{In::Head, 0, 20}, {In::Head, 0, 10}, {In::Segment, 10, 0, 0, 1}, {In::Plain, 1}},
      {1}},
     {"SegmentWithWrongLengthEndsIt",
-     {{In::Head, 0, 20}, {In::Segment, 10, 12, 0, 2}, {In::Segment, 10, 0, 1, 2}},
+     {{In::Head, 0, 20}, {In::Segment, 10, 12, 0, 2}, {In::Segment, 8, 0, 1, 2}},
      {}},
     {"SegmentTooLongEndsIt",
      {{In::Head, 0, 20}, {In::Segment, 15, 0, 0, 2}, {In::Segment, 6, 0, 1, 2}},
