@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-// The program behind the system's own entry function (main.cpp in the system's folder); it gives the
-// exit status. Defined by each executable that uses that entry.
+// The program behind the system's own entry function (main.cpp in the system's folder); it gives
+// the exit status. Defined by each executable that uses that entry.
 int ProgramMain();
 
 namespace platform {
