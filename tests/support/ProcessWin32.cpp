@@ -108,7 +108,8 @@ void Process::Impl::Spawn(const std::filesystem::path& program, const Options& o
   std::wstring environment = Environment(options);
   std::wstring command = L"\"" + program.wstring() + L"\"";
   // The tests' arguments need no more than quotes.
-  for (const std::string& argument : options.arguments) command += L" \"" + Wide(argument) + L"\"";
+  for (const std::string& argument : options.arguments)
+    command += L" \"" + Wide(argument) + L"\"";
   PROCESS_INFORMATION started{};
   if (!CreateProcessW(program.wstring().c_str(), command.data(), nullptr, nullptr, TRUE,
                       CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT, environment.data(),

@@ -22,7 +22,8 @@ std::set<std::string> InodesOf(uint16_t port) {
   while (std::getline(table, line)) {
     std::istringstream fields(line);
     std::vector<std::string> columns;
-    for (std::string field; fields >> field;) columns.push_back(field);
+    for (std::string field; fields >> field;)
+      columns.push_back(field);
     if (columns.size() < 10) continue;
     const size_t colon = columns[1].find(':');
     if (colon == std::string::npos) continue;
@@ -35,7 +36,8 @@ std::vector<std::string> NamesIn(const std::string& path) {
   std::vector<std::string> names;
   DIR* dir = opendir(path.c_str());
   if (!dir) return names;
-  while (const dirent* entry = readdir(dir)) names.emplace_back(entry->d_name);
+  while (const dirent* entry = readdir(dir))
+    names.emplace_back(entry->d_name);
   closedir(dir);
   return names;
 }
