@@ -161,6 +161,24 @@ TEST_F(CtlTest, PlayedPatternIsRecognisedByTheUnit) {
   emulator_.Line("Test data stream FAILED");
 }
 
+TEST_F(CtlTest, RelayCarriesRequestsAndTellsWhatItDid) {
+  const std::string here = OwnAddress() + ":9100";
+  Process relay(QZ_CTL, {.arguments = {"relay", "--seed", "7", "--loss", "30", "--json",
+                                       here + "=" + emulator_.Control().ToText()}});
+  // The connection's repeats carry each request through the loss.
+  const auto deadline = Clock::now() + kPatience;
+  Result info;
+  do {
+    info = Ctl({"info", here, "--json", "--timeout", "1000"});
+  } while (info.status != 0 && Clock::now() < deadline);
+  EXPECT_EQ(info.Objects().at(0)["unit_id"].string, "studio-a");
+  relay.Send(Process::Signal::Terminate);
+  EXPECT_EQ(relay.WaitExit(), 0) << relay.ErrorOutput();
+  const std::string out = relay.Output();
+  EXPECT_GE(Json::Parse(out.substr(0, out.find('\n')))["taken"].integer, 2) << out;
+  emulator_.Allow("Protocol error. No ack received");
+}
+
 TEST_F(CtlTest, WatchReportsEveryInput) {
   const std::vector<Json> rows = Run({"watch", "--seconds", "1.5", "--json"}).Objects();
   ASSERT_EQ(rows.size(), 5u);

@@ -8,6 +8,7 @@
 #include "ExitStatus.h"
 #include "Output.h"
 #include "Units.h"
+#include "relay/LossyLink.h"
 
 namespace ctl {
 
@@ -87,6 +88,12 @@ struct UpOptions {
   std::vector<std::string> command;  // empty: until Ctrl-C
 };
 
+struct RelayOptions {
+  uint64_t seed = 1;
+  relay::LinkFaults faults;
+  std::vector<std::string> ways;  // LISTEN=TARGET
+};
+
 int RunFind(const CommonOptions& common, Output& out);
 int RunInfo(const std::string& unit, const CommonOptions& common, Output& out);
 int RunInputs(const std::string& unit, const CommonOptions& common, Output& out);
@@ -99,6 +106,7 @@ int RunFmQuality(const std::string& unit, const CommonOptions& common, Output& o
 int RunRecord(const RecordOptions& options, const CommonOptions& common, Output& out);
 int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out);
 int RunWatch(const WatchOptions& options, const CommonOptions& common, Output& out);
+int RunRelay(const RelayOptions& options, Output& out);
 int RunDoctor(const std::string& settingsPath, Output& out);
 int RunCheck(const std::string& unit, const CommonOptions& common, Output& out);
 int RunUp(const UpOptions& options, const CommonOptions& common, Output& out);

@@ -26,6 +26,7 @@ class CommandLine {
     AddAudio();
     AddCheck();
     AddUp();
+    AddRelay();
   }
 
   int Run(int argc, char** argv) {
@@ -168,6 +169,22 @@ class CommandLine {
                    "environment (default: until Ctrl-C)");
   }
 
+  void AddRelay() {
+    CLI::App* relay = Add("relay", "A bad network that can be repeated, until Ctrl-C",
+                          "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000",
+                          [this](Output& out) { return RunRelay(relay_, out); });
+    const CLI::Range share(0.0, 100.0);
+    relay->add_option("WAY", relay_.ways, "LISTEN=TARGET, both address:port")->required();
+    relay->add_option("--seed", relay_.seed, "Decides all faults")->capture_default_str();
+    relay->add_option("--loss", relay_.faults.loss, "Per cent lost")->check(share);
+    relay->add_option("--duplicate", relay_.faults.duplicate, "Per cent doubled")->check(share);
+    relay->add_option("--reorder", relay_.faults.reorder, "Per cent held back, to be overtaken")
+        ->check(share);
+    relay->add_option("--corrupt", relay_.faults.corrupt, "Per cent damaged")->check(share);
+    relay->add_option("--delay", relay_.faults.delayMs, "Milliseconds that all are delayed");
+    relay->add_option("--jitter", relay_.faults.jitterMs, "Up to so many milliseconds more");
+  }
+
   void AddLocal(CLI::App* command) {
     command->add_option("--local", common_.local,
                         "Own address to take streams at (default: the one that faces the unit)");
@@ -184,6 +201,7 @@ class CommandLine {
   PlayOptions play_;
   WatchOptions watch_;
   UpOptions up_;
+  RelayOptions relay_;
   Action run_;
 };
 
