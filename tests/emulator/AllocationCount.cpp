@@ -11,17 +11,39 @@ uint64_t AllocationCount() {
   return allocations;
 }
 
-// The array and sized forms of the standard library come down to these two.
-void* operator new(std::size_t size) {
+// All forms, also those that the standard library would bring down to two of them: with a sanitizer
+// the others are its own, and memory must go back to where it came from.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++allocations;
-  void* memory = std::malloc(size == 0 ? 1 : size);
+  return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new(std::size_t size) {
+  void* memory = operator new(size, std::nothrow);
   if (!memory) throw std::bad_alloc();
   return memory;
+}
+void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept {
+  return operator new(size, nothrow);
+}
+void* operator new[](std::size_t size) {
+  return operator new(size);
 }
 
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
   std::free(memory);
 }

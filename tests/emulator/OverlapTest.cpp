@@ -38,8 +38,8 @@ TEST(Overlap, BroadcastDuringStop) {
   parts.SettingsPath = file.Path();
   Emulator emulator(parts);
 
-  Repeater worker;
   const auto find = std::make_shared<JsonMsgDevFind>();
+  Repeater worker;  // the last to come, so that it ends first
   worker.Start([&] { emulator.OnMsgReceived(bench.listener, find, kController); });
   for (int i = 0; i < kRounds; ++i) {
     ASSERT_TRUE(emulator.Init().IsOk());
