@@ -15,7 +15,6 @@ using namespace Network;
 
 namespace {
 
-constexpr size_t kHeaderBytes = 12;
 constexpr size_t kFrameBytes = 6;
 constexpr double kFullScale = 8388607.0;
 
