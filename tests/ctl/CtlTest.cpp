@@ -45,6 +45,8 @@ Result Ctl(const std::vector<std::string>& arguments) {
 class CtlTest : public testing::Test {
  protected:
   CtlTest() : emulator_({{.id = "studio-a"}, {.type = "QZ820", .id = "tuner-1", .mode = 1}}) {
+    // An input that is switched off in the middle of a tick: that tick's packet has no address.
+    emulator_.Allow("Send address undefined");
     emulator_.StartAndWait();
   }
   ~CtlTest() override { emulator_.Stop(); }
