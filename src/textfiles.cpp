@@ -121,6 +121,7 @@ Replaced TryReplace(const std::wstring& beside, const std::wstring& target, cons
 
 }  // namespace
 
+// Its failures are named as those of WriteWholeFile: to who reads the log it is one thing.
 ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size) {
   const FsRef fileSystem;
   IFS& files = *fileSystem.Get();
@@ -128,7 +129,7 @@ ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size) {
   if (!FilePointer(files.Open(path, kWrite | kMustExist, 0))) {
     const uint32_t code = files.GetLastError();
     if (code != platform::kFileNotFound) {
-      return ERR_HERE("fs::ReplaceWholeFile").SetCode(code, FailureText(kOpenError, path));
+      return ERR_HERE("fs::WriteWholeFile").SetCode(code, FailureText(kOpenError, path));
     }
   }
   const std::wstring target = platform::PathFollowLinks(path);
@@ -139,9 +140,9 @@ ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size) {
     uint32_t code = 0;
     switch (TryReplace(target + L".new", target, data, size, code)) {
       case Replaced::Done:
-        return ERR_HERE("fs::ReplaceWholeFile");
+        return ERR_HERE("fs::WriteWholeFile");
       case Replaced::Failed:
-        return ERR_HERE("fs::ReplaceWholeFile").SetCode(code, FailureText(kWriteError, path));
+        return ERR_HERE("fs::WriteWholeFile").SetCode(code, FailureText(kWriteError, path));
       case Replaced::NotPossible:
         break;
     }

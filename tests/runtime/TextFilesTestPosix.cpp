@@ -43,6 +43,6 @@ TEST(TextFilesPosix, AWriteThatFailsHalfWayLeavesTheOldFile) {
   EXPECT_EQ(dir.Read("a"), "the old text");
   EXPECT_FALSE(dir.Has("a.new"));
   EXPECT_NE(Log().TryTake(L"ErrStr=write error: file \"" + dir.Wide("a") +
-                          L"\" Method=fs::ReplaceWholeFile"),
+                          L"\" Method=fs::WriteWholeFile"),
             L"");
 }

@@ -35,10 +35,12 @@ std::vector<Interface> ListInterfaces() {
     found.name = entry->ifa_name;
     found.loopback = (entry->ifa_flags & IFF_LOOPBACK) != 0;
     SocketAddress mask;
-    if (entry->ifa_flags & IFF_BROADCAST) {
-      Store(entry->ifa_broadaddr, &found.broadcast);
-    } else if (found.loopback && Store(entry->ifa_netmask, &mask)) {
-      // It has one, though the system doesn't list it.
+    const bool broadcasts = (entry->ifa_flags & IFF_BROADCAST) != 0;
+    if (broadcasts) Store(entry->ifa_broadaddr, &found.broadcast);
+    // The subnet's broadcast is heard also where the system doesn't list it: it lists nothing for
+    // the loopback, and the interface's own address where none was configured.
+    const bool listed = found.broadcast != SocketAddress() && found.broadcast != found.address;
+    if ((broadcasts || found.loopback) && !listed && Store(entry->ifa_netmask, &mask)) {
       for (size_t i = 0; i < sizeof mask.address; ++i)
         found.broadcast.address[i] =
             static_cast<uint8_t>(found.address.address[i] | (~mask.address[i] & 0xFF));
