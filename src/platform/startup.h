@@ -12,9 +12,10 @@ namespace platform {
 
 // Prepares the process. Called once, first thing in the entry, before any thread exists: opens the
 // standard descriptors that are closed on the null device (else the first socket would take their
-// numbers), allows as many open sockets as the system permits, makes writing to a broken pipe an
-// error instead of the process's end, and reserves the signals that ask the program to stop
-// (Ctrl-C, SIGTERM) for WaitForInput.
+// numbers), allows as many open sockets as the system permits, makes writing to a broken pipe or
+// beyond a limit of the file size an error instead of the process's end, and reserves the signals
+// that ask the program to stop (Ctrl-C, SIGTERM, a closed console or terminal) for WaitForInput. On
+// POSIX systems Ctrl-C and SIGHUP stay ignored where whoever started the program ignores them.
 void Startup();
 
 // Waits on the calling thread for one character on standard input, the end of input, or a signal

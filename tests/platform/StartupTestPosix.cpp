@@ -49,6 +49,8 @@ class Child {
   explicit Child(const std::function<int()>& body) : id_(fork()) {
     if (id_ != 0) return;
     alarm(20);
+    signal(SIGINT, SIG_DFL);  // ignored where the tests run in the background
+    signal(SIGHUP, SIG_DFL);
     _exit(body());
   }
   Child(const Child&) = delete;
@@ -174,6 +176,11 @@ TEST_F(WaitForInputTest, EndsOnCtrlC) {
   EXPECT_EQ(child_.Wait(), 42);
 }
 
+TEST_F(WaitForInputTest, EndsWithItsTerminal) {
+  child_.Signal(SIGHUP);
+  EXPECT_EQ(child_.Wait(), 42);
+}
+
 // Another signal neither ends the wait nor the input: the character still does.
 TEST_F(WaitForInputTest, OutlastsOtherSignals) {
   child_.Signal(SIGWINCH);
@@ -188,6 +195,25 @@ TEST(Startup, SignalBeforeTheWaitEndsItAtOnce) {
   const Child child([&] {
     dup2(input.Read(), STDIN_FILENO);
     platform::Startup();
+    raise(SIGTERM);
+    platform::WaitForInput();
+    return 42;
+  });
+  EXPECT_EQ(child.Wait(), 42);
+}
+
+// As under nohup, and as a script's background job.
+TEST(Startup, WhatWasIgnoredStaysIgnored) {
+  Pipe input;
+  const Child child([&] {
+    dup2(input.Read(), STDIN_FILENO);
+    signal(SIGINT, SIG_IGN);
+    signal(SIGHUP, SIG_IGN);
+    signal(SIGTERM, SIG_IGN);
+    platform::Startup();
+    raise(SIGINT);
+    raise(SIGHUP);
+    if (platform::WaitForStop(0)) return 1;
     raise(SIGTERM);
     platform::WaitForInput();
     return 42;

@@ -124,13 +124,15 @@ void Process::Impl::Spawn(const std::filesystem::path& program, const Options& o
     posix_spawn_file_actions_adddup2(&actions, childOutput.Get(), STDOUT_FILENO);
   }
 
-  // The child begins as under a shell: what this program ignores isn't ignored there.
+  // The child begins as under a shell with a terminal: what this program ignores, or who started
+  // it in the background, isn't ignored there.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   sigset_t defaults;
   sigemptyset(&defaults);
-  sigaddset(&defaults, SIGPIPE);
+  for (const int number : {SIGPIPE, SIGINT, SIGHUP})
+    sigaddset(&defaults, number);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
 
   std::vector<std::string> environment = Environment(options);

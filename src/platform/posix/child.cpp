@@ -40,14 +40,17 @@ std::vector<std::string> Environment(const ChildOptions& options) {
   return all;
 }
 
-// The child begins with no signal blocked and none ignored, whatever this program has set.
+// The child begins as if this program's own starter had started it: with no signal blocked, and
+// with those ignored that Startup found ignored.
 void ResetSignals(posix_spawnattr_t& attributes, bool ownGroup) {
   sigset_t none;
-  sigset_t all;
+  sigset_t own;
   sigemptyset(&none);
-  sigfillset(&all);
+  sigemptyset(&own);
+  sigaddset(&own, SIGPIPE);
+  sigaddset(&own, SIGXFSZ);
   posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setsigdefault(&attributes, &own);
   posix_spawnattr_setpgroup(&attributes, 0);
   int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
   if (ownGroup) flags |= POSIX_SPAWN_SETPGROUP;

@@ -31,6 +31,11 @@ void RaiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+bool IsIgnored(int number) {
+  struct sigaction action {};
+  return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 void Startup() {
@@ -40,13 +45,17 @@ void Startup() {
 
   RaiseDescriptorLimit();
   signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of the write, as a full disk is
 
   // Blocked here, before any thread exists, they are blocked in all threads and stay pending until
-  // WaitForInput reads them.
+  // WaitForInput reads them. What is ignored at the start stays so: shells start the background
+  // jobs of a script without Ctrl-C, and nohup starts programs that outlive their terminal. SIGTERM
+  // is never meant for another.
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  if (!IsIgnored(SIGINT)) sigaddset(&signals, SIGINT);
+  if (!IsIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   stopSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
 }
