@@ -15,15 +15,6 @@ constexpr size_t kPrefixLength = 37;  // date, time and thread in front of each 
 constexpr char kBegin[] = "------------------------<<< BEGIN LOG >>>------------------------";
 constexpr char kEnd[] = "-------------------------<<< END LOG >>>-------------------------";
 
-std::vector<files::path> LogFilesOf(const EmulatorProcess& emulator) {
-  const files::path folder = emulator.SettingsPath().parent_path() / "tmp" / "qz640emu.logs";
-  std::vector<files::path> found;
-  for (const auto& entry : files::directory_iterator(folder))
-    found.push_back(entry.path());
-  std::sort(found.begin(), found.end());
-  return found;
-}
-
 std::vector<std::string> LinesOf(const files::path& path) {
   std::vector<std::string> lines;
   std::ifstream in(path, std::ios::binary);
@@ -60,7 +51,7 @@ TEST_F(LogFiles, HoldEveryLineOfTheConsoleOnceAndInOrderThroughRotations) {
   size_t answered = 0;
   for (size_t count = 1; count < kFiles; ++count) {
     WaitForTheNextSecond();
-    while (LogFilesOf(emulator).size() == count) {
+    while (emulator.LogFiles().size() == count) {
       for (int i = 0; i < 50; ++i)
         controller.SendRaw(emulator.Control(), junk);
       const auto line = emulator.Child().WaitLine("Bad message received", answered);
@@ -70,7 +61,7 @@ TEST_F(LogFiles, HoldEveryLineOfTheConsoleOnceAndInOrderThroughRotations) {
   }
   emulator.Stop();
 
-  const std::vector<files::path> logs = LogFilesOf(emulator);
+  const std::vector<files::path> logs = emulator.LogFiles();
   ASSERT_EQ(logs.size(), kFiles);
   std::vector<std::string> stored;
   for (const files::path& log : logs) {

@@ -1,6 +1,7 @@
 // One whole life of the program: start, settings, end.
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "endtoend/EndToEnd.h"
 
@@ -83,14 +84,26 @@ void PrintTo(const Ending& ending, std::ostream* out) {
   *out << ending.name;
 }
 
-class RunEnds : public testing::TestWithParam<Ending> {};
+class RunEnds : public EndToEnd, public testing::WithParamInterface<Ending> {};
 
+// With lines of the log still on their way: all have to reach the file, and then its end.
 TEST_P(RunEnds, InGoodOrder) {
   EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+  emulator.Allow("Bad message received");
   emulator.StartAndWait();
+  for (int i = 0; i < 500; ++i)
+    controller.SendRaw(emulator.Control(), {'x'});
+  emulator.Line("Bad message received");
   GetParam().end(emulator.Child());
   emulator.ExpectOrderlyEnd();
   EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
+
+  std::ifstream in(emulator.LogFiles().at(0), std::ios::binary);
+  std::vector<std::string> stored;
+  for (std::string line; std::getline(in, line);)
+    if (line != "\r") stored.push_back(line);
+  EXPECT_EQ(stored.size(), emulator.Child().Lines().size() + 2);
+  EXPECT_NE(stored.back().find("<<< END LOG >>>"), std::string::npos) << stored.back();
 }
 
 INSTANTIATE_TEST_SUITE_P(

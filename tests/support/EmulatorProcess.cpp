@@ -130,6 +130,15 @@ std::vector<std::string> EmulatorProcess::LinesWith(const std::string& part) con
   return texts;
 }
 
+std::vector<files::path> EmulatorProcess::LogFiles() const {
+  const files::path folder = folder_ / "tmp" / (files::path(QZ_EMULATOR).stem().string() + ".logs");
+  std::vector<files::path> found;
+  for (const auto& entry : files::directory_iterator(folder))
+    found.push_back(entry.path());
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 void EmulatorProcess::Stop() {
   child_->Write("\n");
   ExpectOrderlyEnd();

@@ -61,6 +61,9 @@ class EmulatorProcess {
   // The log texts so far that hold `part`, without date and thread.
   std::vector<std::string> LinesWith(const std::string& part) const;
 
+  // The files of the log, of all runs so far, oldest first.
+  std::vector<std::filesystem::path> LogFiles() const;
+
   // A failure report with this in it is nothing to complain of.
   void Allow(const std::string& part) { allowed_.push_back(part); }
 
