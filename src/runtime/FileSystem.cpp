@@ -129,8 +129,8 @@ bool implFile::ReadAt(uint64_t position, void* buffer, uint32_t size, uint32_t* 
   *done = 0;
   if (keepPosition && !Tell(&before)) return false;
   if (!Seek(static_cast<int64_t>(position), 0)) return false;
-  if (!Read(buffer, size, done)) return false;
-  return !keepPosition || Seek(static_cast<int64_t>(before), 0);
+  const bool moved = Read(buffer, size, done);
+  return keepPosition ? SeekBack(before) : moved;
 }
 
 bool implFile::WriteAt(uint64_t position, const void* buffer, uint32_t size, uint32_t* done,
@@ -139,8 +139,15 @@ bool implFile::WriteAt(uint64_t position, const void* buffer, uint32_t size, uin
   *done = 0;
   if (keepPosition && !Tell(&before)) return false;
   if (!Seek(static_cast<int64_t>(position), 0)) return false;
-  if (!Write(buffer, size, done)) return false;
-  return !keepPosition || Seek(static_cast<int64_t>(before), 0);
+  const bool moved = Write(buffer, size, done);
+  return keepPosition ? SeekBack(before) : moved;
+}
+
+// A read or write that failed has moved the position too. Its error is the one to tell.
+bool implFile::SeekBack(uint64_t position) {
+  const uint32_t error = lastError;
+  const bool back = Seek(static_cast<int64_t>(position), 0);
+  return error == 0 ? back : Succeeded(error);
 }
 
 bool implFile::Flush() {

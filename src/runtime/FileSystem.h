@@ -37,6 +37,7 @@ class implFile final : public OsFileHandle, public IFile {
 
  private:
   bool Succeeded(uint32_t error);
+  bool SeekBack(uint64_t position);
 };
 
 class implFileFinder final : public OsFileHandle, public IFileFinder {

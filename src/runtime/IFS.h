@@ -74,7 +74,7 @@ class IFile {
   virtual void Close() = 0;
 
   // `done` gets the number of bytes moved, also after a failure. Less than `size` with success is
-  // the end of the file.
+  // the end of the file. With keepPosition the position is as before, also after a failure.
   virtual bool Read(void* buffer, uint32_t size, uint32_t* done) = 0;
   virtual bool ReadAt(uint64_t position, void* buffer, uint32_t size, uint32_t* done,
                       bool keepPosition) = 0;

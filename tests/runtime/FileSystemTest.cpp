@@ -130,6 +130,10 @@ TEST_F(FileSystemTest, FailuresKeepTheErrorAndGiveAllOnes) {
   uint32_t done = 77;
   EXPECT_FALSE(file->Read(&byte, 1, &done)) << "it is open for writing alone";
   EXPECT_EQ(done, 0u);
+  EXPECT_FALSE(file->ReadAt(9, &byte, 1, &done, true));
+  EXPECT_NE(file->GetLastError(), 0u) << "the way back must not hide the failure";
+  EXPECT_TRUE(file->Tell(&value));
+  EXPECT_EQ(value, 0u) << "the position was to be kept";
 
   file->Close();
   EXPECT_EQ(file->GetLastError(), 0u);
