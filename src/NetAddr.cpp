@@ -60,7 +60,8 @@ bool NetAddr::SetFromText(const wchar_t* text) {
 }
 
 bool NetAddr::SetFromText(const std::wstring& text) {
-  return SetFromText(text.c_str());
+  // Nothing may stand behind the address, and so nothing behind a NUL either.
+  return SetFromText(text.find(L'\0') == std::wstring::npos ? text.c_str() : nullptr);
 }
 
 bool NetAddr::SetFromTextAndPort(const wchar_t* text, uint32_t port) {

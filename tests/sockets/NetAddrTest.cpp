@@ -75,6 +75,9 @@ TEST(NetAddr, BecomesUndefinedOnAnyOtherText) {
   NetAddr addr = SomeAddr();
   EXPECT_FALSE(addr.SetFromText(nullptr));
   EXPECT_EQ(addr, NetAddr());
+  addr = SomeAddr();
+  EXPECT_FALSE(addr.SetFromText(std::wstring(L"1.2.3.4:5\0:6", 11)));
+  EXPECT_EQ(addr, NetAddr());
 }
 
 TEST(NetAddr, HoldsNoAllOnesAddress) {
