@@ -30,6 +30,10 @@ bool WaitForStop(uint32_t milliseconds);
 // Writes all bytes to standard output and flushes. A failure (closed pipe, full disk) is ignored.
 void WriteOutput(std::string_view bytes);
 
+// Gives the memory that the program has freed back to the system, as far as that can be had. May
+// hold up whoever allocates meanwhile, for about a millisecond each ten megabytes.
+void ReturnFreeMemory();
+
 // Between the two calls sleeps and timed waits of the process are exact to about a millisecond.
 void BeginTimerPeriod();
 void EndTimerPeriod();

@@ -112,10 +112,14 @@ std::wstring ToWide(std::string_view text, OnBad onBad) {
   return out;
 }
 
+// Nearly all text is ASCII, which goes the short way: the log converts each of its lines.
 std::string ToUtf8(std::wstring_view text, OnBad onBad) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t pos = 0; pos < text.size();) {
+  std::string out(text.size(), '\0');
+  size_t pos = 0;
+  for (; pos < text.size() && static_cast<char32_t>(text[pos]) < 0x80; ++pos)
+    out[pos] = static_cast<char>(text[pos]);
+  out.resize(pos);
+  while (pos < text.size()) {
     char32_t code = DecodeUtf16(text, pos);
     if (code == kBad) {
       if (onBad == OnBad::Throw) ThrowBadConversion();

@@ -12,6 +12,23 @@ namespace {
 // How long SetSniffer(nullptr) waits for a slow listener.
 constexpr std::chrono::seconds kDrainLimit{2};
 
+// What the console gets at a time, at most about: as much as a pipe holds on Linux.
+constexpr size_t kConsoleBytes = 65536;
+
+// After so many lines a quiet second is used to give back the memory that they took while they
+// waited: allocators keep it, and a program that runs for weeks would stay as large as its worst
+// moment.
+constexpr uint64_t kFloodLines = 10'000;
+
+// One line that can't be shown or stored mustn't end the log, and what can't be shown is stored.
+template <typename Action>
+void Try(Action action) {
+  try {
+    action();
+  } catch (...) {
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<IDebugLog> CreateDebugLog(const LogParams& params) {
@@ -67,12 +84,14 @@ void CDebugLog::Write(const wchar_t* text, size_t length) {
     --length;
   if (length == 0) return;
   std::wstring line = FormatLogLine(text, length);
+  bool first = false;
   {
     std::lock_guard lock(queueLock_);
+    first = queue_.empty();
     queue_.push_back(std::move(line));
     ++queued_;
   }
-  queueSignal_.notify_one();
+  if (first) queueSignal_.notify_one();
 }
 
 void CDebugLog::WriteDebug(const std::string& text) {
@@ -100,6 +119,7 @@ void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {
     handledSignal_.wait_for(lock, kDrainLimit, [&] { return handled_ >= target || !running_; });
   }
   std::lock_guard lock(snifferLock_);
+  if (sniffer_) sniffer_->OnQueueEmpty();
   sniffer_ = sniffer;
 }
 
@@ -110,11 +130,18 @@ void CDebugLog::RunWriter() {
     // Out of memory: lines are shown and not stored.
   }
   std::unique_lock lock(queueLock_);
+  uint64_t handledAtTrim = 0;
   for (;;) {
     DrainQueue(lock);
     if (stopRequested_) break;
-    queueSignal_.wait_for(lock, std::chrono::seconds(1),
-                          [this] { return !queue_.empty() || stopRequested_; });
+    const bool quiet = !queueSignal_.wait_for(lock, std::chrono::seconds(1),
+                                              [this] { return !queue_.empty() || stopRequested_; });
+    if (quiet && handled_ - handledAtTrim >= kFloodLines) {
+      handledAtTrim = handled_;
+      lock.unlock();
+      platform::ReturnFreeMemory();
+      lock.lock();
+    }
   }
   lock.unlock();
   try {
@@ -127,31 +154,46 @@ void CDebugLog::RunWriter() {
   handledSignal_.notify_all();
 }
 
+// All lines at once: in a flood the writer, whose priority is the lowest of all, keeps up only as
+// its system calls grow fewer the more lines wait.
 void CDebugLog::DrainQueue(std::unique_lock<std::mutex>& lock) {
   while (!queue_.empty()) {
-    const std::wstring line = std::move(queue_.front());
-    queue_.pop_front();
+    std::deque<std::wstring> lines;
+    lines.swap(queue_);
+    const uint64_t count = lines.size();
     lock.unlock();
-    Handle(line);
+    Handle(lines);
     lock.lock();
-    ++handled_;
+    handled_ += count;
     handledSignal_.notify_all();
   }
 }
 
-// One line that can't be shown or stored mustn't end the log, and what can't be shown is stored.
-void CDebugLog::Handle(const std::wstring& line) {
-  try {
+void CDebugLog::Handle(std::deque<std::wstring>& lines) {
+  for (; !lines.empty(); lines.pop_front()) {
+    const std::wstring& line = lines.front();
+    Try([&] {
+      std::lock_guard lock(snifferLock_);
+      if (sniffer_) sniffer_->Sniff(line);
+    });
+    Try([&] {
+      if (files_) files_->Store(line);
+    });
+  }
+  Try([&] {
     std::lock_guard lock(snifferLock_);
-    if (sniffer_) sniffer_->Sniff(line);
-  } catch (...) {
-  }
-  try {
-    if (files_) files_->Store(line);
-  } catch (...) {
-  }
+    if (sniffer_) sniffer_->OnQueueEmpty();
+  });
+  if (files_) files_->WriteGathered();
 }
 
 void LogToConsoleSniffer::Sniff(const std::wstring& line) {
-  platform::WriteOutput(platform::WideToUtf8Lossy(line) + "\n");
+  gathered_ += platform::WideToUtf8Lossy(line);
+  gathered_ += '\n';
+  if (gathered_.size() >= kConsoleBytes) OnQueueEmpty();
+}
+
+void LogToConsoleSniffer::OnQueueEmpty() {
+  platform::WriteOutput(gathered_);
+  gathered_.clear();
 }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "runtime/IDebugLog.h"
@@ -48,7 +49,7 @@ class CDebugLog final : public IDebugLog {
   void StartWriter();
   void RunWriter();
   void DrainQueue(std::unique_lock<std::mutex>& lock);
-  void Handle(const std::wstring& line);
+  void Handle(std::deque<std::wstring>& lines);
 
   std::mutex snifferLock_;
   IDebugLogSniffer* sniffer_ = nullptr;
@@ -68,8 +69,13 @@ class CDebugLog final : public IDebugLog {
 };
 
 // Shows the log on standard output, as UTF-8. A line ends in its own carriage return and line feed,
-// so the console shows a blank line behind each.
+// so the console shows a blank line behind each. Lines that come faster than the console takes them
+// one by one go there together.
 class LogToConsoleSniffer final : public IDebugLogSniffer {
  public:
   void Sniff(const std::wstring& line) override;
+  void OnQueueEmpty() override;
+
+ private:
+  std::string gathered_;
 };

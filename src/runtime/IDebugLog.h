@@ -4,11 +4,14 @@
 #include <cstddef>
 #include <string>
 
-// Listens to the log. Called on the log's writer thread, one line at a time.
+// Listens to the log. Called on the log's writer thread, one line at a time and one call at a time.
 class IDebugLogSniffer {
  public:
   // `line` is the complete formatted line, with its line end (carriage return, line feed).
   virtual void Sniff(const std::wstring& line) = 0;
+
+  // No line is waiting for now: a listener that gathers lines to show them together shows them.
+  virtual void OnQueueEmpty() {}
 
  protected:
   ~IDebugLogSniffer() = default;

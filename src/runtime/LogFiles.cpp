@@ -19,6 +19,8 @@ constexpr wchar_t kEndBanner[] =
 // Keeps the disk free for others while files go.
 constexpr uint32_t kDeletePauseMs = 100;
 
+constexpr size_t kGatheredBytes = 65536;
+
 LogParams Normalized(LogParams params) {
   NormalizePath(params.dir);
   RemoveTrailingSeparator(params.dir);
@@ -59,7 +61,13 @@ void LogFiles::Open() {
   // The log of a service is no reading for others, and in a directory that others write they could
   // have put a link under this name, to a file of ours that we would empty.
   if (!params_.dir.empty() && platform::PathCheckOwnDir(params_.dir.c_str()) != 0) return;
-  if (!rotates) platform::PathSetCompression(path_.c_str(), false);
+  if (rotates) {
+    // Of two files in one second the later stays. Emptying the earlier one would wait until the
+    // system has brought it to the disk, removing it doesn't.
+    platform::PathRemove(path_.c_str());
+  } else {
+    platform::PathSetCompression(path_.c_str(), false);
+  }
 
   const platform::OpenOptions options{.write = true,
                                       .disposition = rotates ? platform::Disposition::CreateAlways
@@ -74,37 +82,51 @@ void LogFiles::Close() {
   if (file_ == platform::kNoFile) return;
   WriteBanner(kEndBanner);
   platform::FileFlush(file_);
+  CloseUnflushed();
+}
+
+void LogFiles::CloseUnflushed() {
   platform::FileClose(file_);
   file_ = platform::kNoFile;
   platform::PathSetCompression(path_.c_str(), true);
   path_.clear();
 }
 
-void LogFiles::WriteBytes(const std::wstring& line) {
-  const std::string bytes = platform::WideToUtf8Lossy(line);
-  const uint32_t size = static_cast<uint32_t>(bytes.size());
+void LogFiles::WriteGathered() {
+  if (gathered_.empty()) return;
   uint32_t done = 0;
-  if (platform::FileWrite(file_, bytes.data(), size, &done) != 0 && done != 0) {
+  if (platform::FileWrite(file_, gathered_.data(), static_cast<uint32_t>(gathered_.size()),
+                          &done) != 0 &&
+      done != 0) {
     // A full disk costs whole lines: what is stored later must not go on in the middle of one.
-    platform::FileSeek(file_, -int64_t{done}, platform::SeekFrom::Current, nullptr);
+    const size_t lineEnd = gathered_.rfind('\n', done - 1);
+    const uint32_t whole = lineEnd == std::string::npos ? 0 : static_cast<uint32_t>(lineEnd) + 1;
+    platform::FileSeek(file_, int64_t{whole} - done, platform::SeekFrom::Current, nullptr);
     platform::FileSetEnd(file_);
-    done = 0;
+    done = whole;
   }
   written_ += done;
+  gathered_.clear();
 }
 
 void LogFiles::WriteBanner(const wchar_t* text) {
-  WriteBytes(FormatLogLine(text, std::wstring_view(text).size()));
+  gathered_ += platform::WideToUtf8Lossy(FormatLogLine(text, std::wstring_view(text).size()));
+  WriteGathered();
 }
 
 void LogFiles::Store(const std::wstring& line) {
   if (file_ == platform::kNoFile) return;
-  WriteBytes(line);
+  gathered_ += platform::WideToUtf8Lossy(line);
+  const bool full = params_.maxFileSize != 0 && written_ + gathered_.size() > params_.maxFileSize;
+  if (full || gathered_.size() >= kGatheredBytes) WriteGathered();
   if (params_.maxFileSize != 0 && written_ > params_.maxFileSize) Rotate();
 }
 
 void LogFiles::Rotate() {
-  Close();
+  // The system brings the file to the disk in its own time. To wait for that takes seconds where
+  // others use the disk, and a flood's lines would fill the memory meanwhile.
+  WriteBanner(kEndBanner);
+  CloseUnflushed();
   Open();
   if (!cleaning_) StartCleanUp();
 }

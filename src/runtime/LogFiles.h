@@ -34,7 +34,10 @@ class LogFiles {
 
   // Of the writer thread. Open and Close write a banner line as the first and the last of a file.
   void Open();
-  void Store(const std::wstring& line);  // with its line end; may go on to the next file
+  // Store gathers lines, with their line ends, and may go on to the next file; WriteGathered writes
+  // them to the current one.
+  void Store(const std::wstring& line);
+  void WriteGathered();
   void Close();
 
   // Has the deletion stop at the next file. Any thread.
@@ -45,8 +48,8 @@ class LogFiles {
 
  private:
   std::wstring NewPath() const;
-  void WriteBytes(const std::wstring& line);
   void WriteBanner(const wchar_t* text);
+  void CloseUnflushed();
   void Rotate();
   void StartCleanUp();
 
@@ -55,6 +58,7 @@ class LogFiles {
   std::wstring path_;  // of the current file
   platform::FileHandle file_ = platform::kNoFile;
   uint64_t written_ = 0;  // bytes in the current file, banners and earlier runs included
+  std::string gathered_;  // whole lines for it
 
   std::atomic<bool> cleaning_{false};
   std::atomic<bool> destroying_{false};

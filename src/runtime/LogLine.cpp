@@ -7,6 +7,9 @@
 
 namespace {
 
+constexpr size_t kPrefixLength = 37;
+constexpr size_t kLineEndLength = 2;
+
 void AppendHex8(std::wstring& out, uint32_t value) {
   for (int shift = 28; shift >= 0; shift -= 4)
     out += L"0123456789ABCDEF"[(value >> shift) & 0xF];
@@ -24,7 +27,8 @@ void AppendDigits(std::wstring& out, int value, int width) {
 std::wstring FormatLogLine(const wchar_t* text, size_t length) {
   const platform::LocalTime now = platform::GetClock().Local();
   std::wstring line;
-  line.reserve(1000);
+  // As much as it takes and no more: in a flood many lines wait.
+  line.reserve(kPrefixLength + length + kLineEndLength);
   AppendDigits(line, now.year, 4);
   line += L'/';
   AppendDigits(line, now.month, 2);

@@ -1,6 +1,7 @@
 #include "platform/startup.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -44,6 +45,11 @@ void Startup() {
   OpenIfClosed(STDERR_FILENO, O_WRONLY);
 
   RaiseDescriptorLimit();
+#ifdef __GLIBC__
+  // A large block goes back to the system as soon as it is freed. Left to itself the allocator
+  // takes the first such block for a habit and keeps later ones, for each of its arenas.
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of the write, as a full disk is
 
@@ -95,6 +101,12 @@ void WriteOutput(std::string_view bytes) {
     if (written <= 0) return;
     bytes.remove_prefix(static_cast<size_t>(written));
   }
+}
+
+void ReturnFreeMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 // Linux rounds timed waits of ordinary threads up by a slack of 50 µs; threads started from here on

@@ -1,5 +1,7 @@
 #include "platform/startup.h"
 
+#include <malloc.h>
+
 #include <cstdio>
 
 #include "platform/win32/win.h"
@@ -89,6 +91,10 @@ void WriteOutput(std::string_view bytes) {
   // Through the C library's stream and so in text mode, as any console program's output.
   std::fwrite(bytes.data(), 1, bytes.size(), stdout);
   std::fflush(stdout);
+}
+
+void ReturnFreeMemory() {
+  _heapmin();
 }
 
 void BeginTimerPeriod() {
