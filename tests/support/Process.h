@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,9 @@ class Process {
     // The child starts without the descriptor, as under `<&-` and `>&-` of a shell.
     bool withoutInput = false;
     bool withoutOutput = false;
+    // Gets the child's output as it comes, on a thread of the reader's own; then nothing of it is
+    // kept here.
+    std::function<void(std::string_view)> takeOutput = {};
   };
 
   enum class Signal { Interrupt, Terminate, Kill, Suspend, Resume };

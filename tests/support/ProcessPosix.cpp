@@ -83,6 +83,7 @@ struct Process::Impl {
   std::string output;
   std::string errors;
   size_t lineBegin = 0;  // in `output`, of the line that is still incomplete
+  std::function<void(std::string_view)> takeOutput;
   bool outputEnded = false;
   bool stopReading = false;
   std::optional<int> status;
@@ -160,8 +161,13 @@ bool Process::Impl::ReadInto(int fd, std::string& bytes) {
   const ssize_t got = read(fd, buffer.data(), buffer.size());
   if (got < 0 && (errno == EINTR || errno == EAGAIN)) return true;
   if (got <= 0) return false;
+  const std::string_view part(buffer.data(), static_cast<size_t>(got));
+  if (takeOutput && &bytes == &output) {
+    takeOutput(part);
+    return true;
+  }
   std::lock_guard lock(mutex);
-  bytes.append(buffer.data(), static_cast<size_t>(got));
+  bytes.append(part);
   return true;
 }
 
@@ -225,6 +231,7 @@ Process::Process(const std::filesystem::path& program, const Options& options)
     : impl_(std::make_unique<Impl>()) {
   // A child that has gone makes writing to it fail instead of ending the test program.
   signal(SIGPIPE, SIG_IGN);
+  impl_->takeOutput = options.takeOutput;
   impl_->Spawn(program, options);
   impl_->reader = std::thread([this] { impl_->Read(); });
   impl_->waiter = std::thread([this] { impl_->Wait(); });

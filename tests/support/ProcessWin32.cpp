@@ -73,6 +73,7 @@ struct Process::Impl {
   std::string output;
   std::string errors;
   size_t lineBegin = 0;  // in `output`, of the line that is still incomplete
+  std::function<void(std::string_view)> takeOutput;
   bool outputEnded = false;
   bool errorsEnded = false;
   bool stopReading = false;
@@ -141,6 +142,10 @@ void Process::Impl::Read(Handle& end, std::string& bytes, bool& ended) {
     DWORD got = 0;
     const BOOL ok =
         ReadFile(end.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &got, nullptr);
+    if (ok && takeOutput && &bytes == &output) {
+      takeOutput({buffer.data(), got});
+      continue;
+    }
     std::lock_guard lock(mutex);
     if (!ok || got == 0 || (stopReading && &bytes == &output)) break;
     bytes.append(buffer.data(), got);
@@ -164,6 +169,7 @@ void Process::Impl::Wait() {
 
 Process::Process(const std::filesystem::path& program, const Options& options)
     : impl_(std::make_unique<Impl>()) {
+  impl_->takeOutput = options.takeOutput;
   impl_->Spawn(program, options);
   Impl* const impl = impl_.get();
   impl->outputReader =
