@@ -33,13 +33,15 @@ class HurryingClock final : public platform::Clock {
   int64_t Counter() override { return 0; }
   int64_t WallSeconds() override { return 0; }
   platform::LocalTime Local() override {
-    const int second = second_++;
+    const int second = second_++ + jump_;
     return {2026, 1, 2 + second / 86400, second / 3600 % 24, second / 60 % 60, second % 60, 0};
   }
   void Sleep(uint32_t) override {}
+  void Jump(int seconds) { jump_ += seconds; }
 
  private:
   std::atomic<int> second_{0};
+  std::atomic<int> jump_{0};
 };
 
 class Console final : public IDebugLogSniffer {
@@ -133,6 +135,40 @@ TEST_F(LogFilesTest, EveryLineShownStandsInExactlyOneFileInOrder) {
       stored += lines[i];
   }
   EXPECT_EQ(stored, console.shown);
+}
+
+// As when the machine gets its time from the network, or summer ends. By their names the files may
+// then overlap; none is lost, and the limit of their total still holds.
+TEST_F(LogFilesTest, AWallClockThatJumpsCostsNoLine) {
+  HurryingClock clock;
+  clock.Jump(50'000);
+  Console console;
+  params_.maxFileSize = 300;
+  {
+    const auto log = CreateDebugLog(params_);
+    for (const int jump : {-10'000, 30'000, -25'000}) {
+      log->SetSniffer(&console);
+      for (int i = 0; i < 30; ++i)
+        log->Write("after " + std::to_string(jump) + " line " + std::to_string(i));
+      log->SetSniffer(nullptr);  // waits for the lines so far
+      clock.Jump(jump);
+    }
+  }
+  std::vector<std::string> stored;
+  for (const std::string& name : Names()) {
+    const std::vector<std::string> lines = Lines(name);
+    stored.insert(stored.end(), lines.begin() + 1, lines.end() - 1);
+  }
+  std::vector<std::string> shown;
+  std::istringstream text(console.shown);
+  for (std::string line; std::getline(text, line);)
+    shown.push_back(line + "\n");
+  EXPECT_EQ(shown.size(), 90u);
+  EXPECT_TRUE(std::is_permutation(stored.begin(), stored.end(), shown.begin(), shown.end()));
+
+  params_.maxTotalSize = 2000;
+  CleanUp();
+  EXPECT_LE(Names().size(), 5u);
 }
 
 // A flood of lines rotates more than once a second. The later file then takes the place of the

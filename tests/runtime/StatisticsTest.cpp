@@ -167,6 +167,14 @@ TEST(StatIntervalTest, OpensOncePerPeriod) {
   gate.SetPeriod(0);  // taken as 1
   clock.AdvanceMs(60'000);
   EXPECT_TRUE(gate.Due());
+
+  for (const int64_t jump : {-7200, 86400}) {  // the wall clock is set: open at once, then as ever
+    clock.JumpWall(jump);
+    EXPECT_TRUE(gate.Due());
+    EXPECT_FALSE(gate.Due());
+    clock.AdvanceMs(60'000);
+    EXPECT_TRUE(gate.Due());
+  }
 }
 
 TEST(ScopedDurationTest, OnlyAScopeOfFiveMillisecondsIsLogged) {

@@ -93,12 +93,21 @@ std::string EmulatorProcess::ReadSettings() const {
 }
 
 void EmulatorProcess::Start(Process::Options options) {
+  Launch(ExecutableIn(folder_), std::move(options));
+}
+
+void EmulatorProcess::StartUnder(const std::string& commands) {
+  Launch("/bin/sh",
+         {.arguments = {"-c", commands + R"( && exec "$0")", ExecutableIn(folder_).string()}});
+}
+
+void EmulatorProcess::Launch(const files::path& program, Process::Options options) {
   searched_.clear();
   const std::string temporary = (folder_ / "tmp").string();
   for (const char* name : {"TMPDIR", "TMP", "TEMP"}) {
     options.environment.emplace_back(name, temporary);
   }
-  child_ = std::make_unique<Process>(ExecutableIn(folder_), options);
+  child_ = std::make_unique<Process>(program, options);
   running_ = true;
 }
 

@@ -47,6 +47,9 @@ class EmulatorProcess {
   // Starts a run; one at a time. A failure of the test if it can't be started.
   void Start(Process::Options options = {});
 
+  // Starts it from a POSIX shell that has executed `commands`, as "ulimit -n 20".
+  void StartUnder(const std::string& commands);
+
   // Start, and waits for " Start OK". A failure of the test if that doesn't come.
   void StartAndWait();
 
@@ -84,6 +87,7 @@ class EmulatorProcess {
   wire::Endpoint Discovery() const;
 
  private:
+  void Launch(const std::filesystem::path& program, Process::Options options);
   void CheckLog() const;
 
   std::filesystem::path folder_;

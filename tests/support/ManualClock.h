@@ -19,11 +19,17 @@ class ManualClock final : public platform::Clock {
   void SetLocal(const platform::LocalTime& time) { local_ = time; }  // before threads use it
 
   int64_t Counter() override { return counter_; }
-  int64_t WallSeconds() override { return 1'700'000'000 + counter_ / platform::kCounterFrequency; }
+  // Moves the wall clock alone.
+  void JumpWall(int64_t seconds) { wallJump_ += seconds; }
+
+  int64_t WallSeconds() override {
+    return 1'700'000'000 + wallJump_ + counter_ / platform::kCounterFrequency;
+  }
   platform::LocalTime Local() override { return local_; }
   void Sleep(uint32_t milliseconds) override { AdvanceMs(milliseconds); }
 
  private:
   std::atomic<int64_t> counter_{1'000'000'000};
+  std::atomic<int64_t> wallJump_{0};
   platform::LocalTime local_{2026, 1, 2, 3, 4, 5, 6};
 };

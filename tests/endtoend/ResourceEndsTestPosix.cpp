@@ -1,0 +1,150 @@
+// What the system runs out of, and what it does to the process from outside.
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "endtoend/EndToEnd.h"
+
+namespace {
+
+class ResourceEnds : public EndToEnd {};
+
+// More units than fit in a file of 1 KiB, in a form that the start wants to rewrite.
+std::string LargeSettings(int basePort = 8000) {
+  return " " + SettingsText(wire::OwnAddress(), basePort, 15001,
+                            std::vector<UnitSpec>(20, UnitSpec{.type = "QZ999"}));
+}
+
+// With more and more descriptors: whatever can't be opened, the run says so and ends in good order,
+// and as soon as it comes up, it serves.
+TEST_F(ResourceEnds, WithoutDescriptorsTheStartFailsAndSaysSo) {
+  int failedStarts = 0;
+  bool up = false;
+  for (int limit = 8; !up && limit < 100; ++limit) {
+    EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
+    emulator.Allow("Too many open files");
+    emulator.Allow("Create socket failed");
+    emulator.StartUnder("ulimit -n " + std::to_string(limit));
+    up = emulator.Child().WaitLine(" Start OK").has_value();
+    if (up) {
+      controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+      emulator.Stop();
+    } else {
+      emulator.ExpectOrderlyEnd();
+      const auto failures = emulator.LinesWith(" Start FAILED. ERR=");
+      EXPECT_TRUE(!failures.empty() || !emulator.LinesWith("Too many open files").empty()) << limit;
+      for (const std::string& failure : failures) {
+        ++failedStarts;
+        EXPECT_NE(failure.find("Create socket failed"), std::string::npos) << failure;
+      }
+    }
+  }
+  EXPECT_TRUE(up);
+  EXPECT_GT(failedStarts, 0);
+}
+
+// A limit of the size of files stands for a full disk, under the settings and under the log alike.
+TEST_F(ResourceEnds, AFullDiskCostsNeitherTheSettingsNorTheRun) {
+  EmulatorProcess emulator;
+  const std::string settings = LargeSettings();
+  ASSERT_GT(settings.size(), 1024u);
+  emulator.WriteSettings(settings);
+  emulator.StartUnder("ulimit -f 1");
+  emulator.Line("write error: file");
+  emulator.Line(" Start OK");
+  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+  emulator.Stop();
+  EXPECT_EQ(emulator.LinesWith("write error: file").size(), 1u);
+  EXPECT_EQ(emulator.ReadSettings(), settings);
+
+  // The file ends where the disk did, but with a whole line.
+  std::ifstream in(emulator.LogFiles().at(0), std::ios::binary);
+  const std::string log(std::istreambuf_iterator<char>(in), {});
+  EXPECT_LE(log.size(), 1024u);
+  EXPECT_TRUE(log.ends_with("\r\n"));
+}
+
+// Whenever it is killed while it rewrites its settings, the file holds the old text or the new one.
+TEST_F(ResourceEnds, AKillAroundTheRewriteLeavesTheSettingsWhole) {
+  EmulatorProcess emulator;
+  const std::string before = LargeSettings();
+  const std::string after = before.substr(1);
+  int rewritten = 0;
+  for (int i = 0; i < 80; ++i) {
+    emulator.WriteSettings(before);
+    emulator.Start();
+    std::this_thread::sleep_for(std::chrono::microseconds(100 * i));
+    emulator.Abandon();
+    emulator.Child().WaitExit();
+    const std::string found = emulator.ReadSettings();
+    ASSERT_TRUE(found == before || found == after)
+        << "killed after " << i * 100 << " us: " << found;
+    rewritten += found == after;
+  }
+  EXPECT_LT(rewritten, 80);
+
+  // What the killed runs left behind goes with the next rewrite.
+  emulator.WriteSettings(before);
+  emulator.StartAndWait();
+  emulator.Stop();
+  EXPECT_EQ(emulator.ReadSettings(), after);
+  for (const auto& entry :
+       std::filesystem::directory_iterator(emulator.SettingsPath().parent_path())) {
+    const std::string name = entry.path().filename().string();
+    EXPECT_TRUE(name == "tmp" || name == "qz640emu" || name == "qz640emu.json") << name;
+  }
+}
+
+TEST_F(ResourceEnds, AClosedTerminalEndsTheRunInGoodOrder) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.StartAndWait();
+  ASSERT_EQ(kill(emulator.Child().Id(), SIGHUP), 0);
+  emulator.ExpectOrderlyEnd();
+  EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
+}
+
+// As a laptop's lid or a debugger does. The ticks that the pause has cost are not made up for in
+// one burst: the clock begins anew.
+TEST_F(ResourceEnds, APauseOfTenSecondsIsToldAndOver) {
+  EmulatorProcess emulator({UnitSpec{.type = "QZ610"}});
+  emulator.StartAndWait();
+  wire::StreamReceiver receiver(wire::OwnAddress());
+  wire::StreamSender sender(wire::OwnAddress(), emulator.Control(2));
+  controller.Tell(emulator.Control(), "set_inputs", Inputs({receiver.Local().ToText()}));
+  uint16_t sequence = 0;
+  // Sends a stream in real time until one of its packets comes back.
+  const auto loopBack = [&] {
+    const wire::Clock::time_point deadline = wire::Clock::now() + wire::kPatience;
+    while (wire::Clock::now() < deadline) {
+      ++sequence;
+      sender.Send(sequence, wire::PatternPayload(sequence));
+      std::this_thread::sleep_for(std::chrono::milliseconds(4));
+      for (const wire::AudioPacket& packet : receiver.Packets())
+        if (wire::MarkOf(packet.payload) > 0) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(loopBack());
+
+  emulator.Child().Send(Process::Signal::Suspend);
+  std::this_thread::sleep_for(std::chrono::seconds(10));
+  receiver.Clear();
+  const wire::Clock::time_point resumed = wire::Clock::now();
+  emulator.Child().Send(Process::Signal::Resume);
+  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+  EXPECT_LT(wire::Clock::now() - resumed, std::chrono::seconds(1));
+  emulator.Line("Sync FAIL. Internal sync timeout.");
+
+  const auto packets = receiver.WaitPackets(250);
+  ASSERT_GE(packets.size(), 250u);
+  EXPECT_GT(packets[249].time - resumed, std::chrono::milliseconds(800));
+  for (size_t i = 1; i < packets.size(); ++i)
+    EXPECT_EQ(packets[i].sequence, static_cast<uint16_t>(packets[i - 1].sequence + 1));
+  receiver.Clear();
+  EXPECT_TRUE(loopBack());
+  emulator.Line("Stream ERROR");
+}
+
+}  // namespace
