@@ -20,6 +20,9 @@ struct ChildOptions {
   // Pipes in place of this program's own standard input and output. The child then also stands
   // outside the terminal's reach: Ctrl-C goes to this program alone.
   bool piped = false;
+
+  // Without pipes: what the child writes to standard output goes to this program's standard error.
+  bool outputToError = false;
 };
 
 class Child {

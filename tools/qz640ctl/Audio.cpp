@@ -7,7 +7,6 @@
 #include "Streams.h"
 #include "platform/clock.h"
 #include "platform/startup.h"
-#include "platform/text.h"
 #include "runtime/Clocks.h"
 
 namespace ctl {
@@ -27,20 +26,20 @@ std::string Decibel(double peak) {
   return FormatNumber(ToDecibel(peak), 1) + " dB";
 }
 
-void AddStats(JSON::Value& object, StreamStats& stats) {
-  object.ItemForWrite(L"packets").SetInt64(static_cast<int64_t>(stats.packets));
-  object.ItemForWrite(L"rate").SetDouble(stats.Rate());
-  object.ItemForWrite(L"jitter_ms").SetDouble(stats.JitterMs());
-  object.ItemForWrite(L"lost").SetInt64(static_cast<int64_t>(stats.Lost()));
-  object.ItemForWrite(L"late").SetInt64(static_cast<int64_t>(stats.late));
-  object.ItemForWrite(L"duplicates").SetInt64(static_cast<int64_t>(stats.duplicates));
+void AddStats(Fields& fields, const StreamStats& stats) {
+  fields.Add("packets", stats.packets)
+      .Add("jitter_ms", stats.JitterMs())
+      .Add("lost", stats.Lost())
+      .Add("late", stats.late)
+      .Add("duplicates", stats.duplicates);
 }
 
 // Waits for the first audio packet, which tells the sample frequency.
 std::vector<StreamReceiver::Arrival> WaitFirst(StreamReceiver& receiver, const Unit& unit,
                                                uint32_t timeoutMs) {
   const int64_t start = ClockRead(nullptr);
-  while (SecondsSince(start) * 1000 < timeoutMs && !platform::WaitForStop(0)) {
+  while (SecondsSince(start) * 1000 < timeoutMs) {
+    CheckStop();
     std::vector<StreamReceiver::Arrival> arrivals = receiver.Take(kPollMs);
     std::erase_if(arrivals, [](const auto& a) { return a.packet.GetSmplCount() == 0; });
     if (!arrivals.empty()) return arrivals;
@@ -60,6 +59,7 @@ class Recording {
  private:
   void Feed(const std::vector<StreamReceiver::Arrival>& arrivals);
   void Drain(bool all);
+  bool IsSilentFor(uint32_t milliseconds) const;
   void ShowProgress();
   void ShowResult(uint32_t freq);
 
@@ -71,10 +71,12 @@ class Recording {
   uint64_t wanted_ = UINT64_MAX;  // frames
   uint64_t written_ = 0;          // frames
   double peaks_[2] = {0, 0};      // of the whole recording
+  int64_t lastFed_ = 0;
   int64_t lastShown_ = 0;
 };
 
 int Recording::Run(const CommonOptions& common) {
+  WavWriter::CheckFree(options_.file, options_.force);  // before anything is touched
   const Unit unit = FindUnit(options_.unit, common);
   CheckInput(unit, options_.input);
   const std::unique_ptr<INetManager> net = INetManager::Create();
@@ -90,7 +92,7 @@ int Recording::Run(const CommonOptions& common) {
   }
 
   Feed(first);
-  while (written_ < wanted_ && !platform::WaitForStop(0)) {
+  while (written_ < wanted_ && !platform::WaitForStop(0) && !IsSilentFor(common.timeoutMs)) {
     Feed(receiver.Take(kPollMs));
     Drain(false);
     ShowProgress();
@@ -98,12 +100,20 @@ int Recording::Run(const CommonOptions& common) {
   Drain(true);
   out_.EndProgress();
   writer_->Close();
-  loan.Return();
   ShowResult(freq);
-  return kDone;
+  loan.Return();
+  if (!IsSilentFor(common.timeoutMs)) return kDone;
+  throw Failure{kNoAnswer, "the stream ended early: has " + unit.Id() +
+                               " been stopped, or its input " + std::to_string(options_.input) +
+                               " been sent elsewhere?"};
+}
+
+bool Recording::IsSilentFor(uint32_t milliseconds) const {
+  return SecondsSince(lastFed_) * 1000 > milliseconds;
 }
 
 void Recording::Feed(const std::vector<StreamReceiver::Arrival>& arrivals) {
+  if (!arrivals.empty()) lastFed_ = ClockRead(nullptr);
   for (const auto& [packet, time] : arrivals) {
     if (const auto place = stats_.Add(packet, time)) recorder_.Put(*place, FramesOf(packet));
   }
@@ -133,14 +143,15 @@ void Recording::ShowResult(uint32_t freq) {
   for (int channel = 0; channel < 2; ++channel) {
     peaks_[channel] = std::max(peaks_[channel], stats_.TakePeak(channel));
   }
-  JSON::Value object;
-  object.ItemForWrite(L"file").SetString(platform::Utf8ToWideLossy(options_.file));
-  object.ItemForWrite(L"frames").SetInt64(static_cast<int64_t>(written_));
-  object.ItemForWrite(L"sample_freq").SetUInt(freq);
-  object.ItemForWrite(L"peak_left_db").SetDouble(ToDecibel(peaks_[0]));
-  object.ItemForWrite(L"peak_right_db").SetDouble(ToDecibel(peaks_[1]));
-  AddStats(object, stats_);
-  out_.Object(object);
+  Fields fields;
+  fields.Add("file", options_.file)
+      .Add("frames", written_)
+      .Add("sample_freq", freq)
+      .Add("peak_left_db", ToDecibel(peaks_[0]))
+      .Add("peak_right_db", ToDecibel(peaks_[1]))
+      .Add("rate", stats_.Rate());
+  AddStats(fields, stats_);
+  out_.Object(fields);
   out_.Line(options_.file + ": " + FormatNumber(static_cast<double>(written_) / freq, 2) +
             " s at " + std::to_string(freq) + " Hz, peak L " + Decibel(peaks_[0]) + ", R " +
             Decibel(peaks_[1]) + "; " + std::to_string(stats_.packets) + " packets, lost " +
@@ -171,15 +182,15 @@ std::vector<std::string> ToRow(Watched& row, Output& out) {
           std::to_string(row.stats.late)};
 }
 
-JSON::Value ToObject(Watched& row) {
-  JSON::Value object;
-  object.ItemForWrite(L"unit_id").SetString(row.unit.id);
-  object.ItemForWrite(L"input").SetUInt(row.input);
-  object.ItemForWrite(L"peak_left_db").SetDouble(ToDecibel(row.stats.TakePeak(0)));
-  object.ItemForWrite(L"peak_right_db").SetDouble(ToDecibel(row.stats.TakePeak(1)));
-  AddStats(object, row.stats);
-  object.ItemForWrite(L"rate").SetDouble(row.rate);
-  return object;
+Fields ToFields(Watched& row) {
+  Fields fields;
+  fields.Add("unit_id", row.unit.Id())
+      .Add("input", row.input)
+      .Add("peak_left_db", ToDecibel(row.stats.TakePeak(0)))
+      .Add("peak_right_db", ToDecibel(row.stats.TakePeak(1)))
+      .Add("rate", row.rate);
+  AddStats(fields, row.stats);
+  return fields;
 }
 
 class Watching {
@@ -208,7 +219,9 @@ int Watching::Run(const WatchOptions& options, const CommonOptions& common) {
   for (const std::string& name : options.units)
     Open(FindUnit(name, common), common);
   if (rows_.empty()) {
-    throw Failure{kNoAnswer, "no unit with an input answered; there is nothing to watch"};
+    throw Failure{
+        kNoAnswer,
+        "no unit with an input answered; is one running, with \"AddrStr\" set? (qz640ctl doctor)"};
   }
 
   const int64_t start = ClockRead(nullptr);
@@ -231,6 +244,9 @@ int Watching::Run(const WatchOptions& options, const CommonOptions& common) {
 }
 
 void Watching::Open(const Unit& unit, const CommonOptions& common) {
+  // Named twice it is still one unit, with one former destination an input.
+  const auto same = [&unit](const Watched& row) { return row.unit.control == unit.control; };
+  if (std::any_of(rows_.begin(), rows_.end(), same)) return;
   links_.push_back(std::make_unique<UnitLink>(unit.control, common.timeoutMs));
   for (uint32_t input = 0; input < unit.inputs; ++input) {
     Watched row;
@@ -250,14 +266,14 @@ void Watching::Draw(double seconds) {
     row.rate = static_cast<double>(row.stats.packets - row.packetsBefore) / seconds;
     row.packetsBefore = row.stats.packets;
     if (out_.Json()) {
-      out_.Object(ToObject(row));
+      out_.Object(ToFields(row));
     } else {
       table.push_back(ToRow(row, out_));
     }
   }
-  // Up over the previous drawing (ECMA-48 cursor up).
+  // Up over the previous drawing (ECMA-48 cursor up, erase below).
   const std::string up =
-      out_.Live() && drawn_ > 0 ? "\033[" + std::to_string(drawn_) + "A" : std::string();
+      out_.Live() && drawn_ > 0 ? "\033[" + std::to_string(drawn_) + "A\033[J" : std::string();
   out_.Line(up + FormatTable(table));
   drawn_ = table.size();
 }
@@ -275,10 +291,6 @@ int RunWatch(const WatchOptions& options, const CommonOptions& common, Output& o
 int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out) {
   const Unit unit = FindUnit(options.unit, common);
   CheckOutput(unit, options.output);
-  if (PayloadTypeFromFreq(options.sampleFreq) == 0) {
-    throw Failure{kUsage,
-                  "units run at 48000 or 44100 Hz, not at " + std::to_string(options.sampleFreq)};
-  }
   uint64_t frames = static_cast<uint64_t>(std::llround(options.seconds * options.sampleFreq));
   StreamSender::Source source;
   if (options.pattern) {
@@ -301,11 +313,8 @@ int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out
   }
   out.EndProgress();
 
-  JSON::Value object;
-  object.ItemForWrite(L"to").SetString(to.ToText());
-  object.ItemForWrite(L"packets").SetInt64(static_cast<int64_t>(sender.Sent()));
-  object.ItemForWrite(L"failed").SetInt64(static_cast<int64_t>(sender.Failed()));
-  out.Object(object);
+  out.Object(
+      Fields().Add("to", ToText(to)).Add("packets", sender.Sent()).Add("failed", sender.Failed()));
   out.Line("sent " + std::to_string(sender.Sent()) + " packets to " + ToText(to) +
            (sender.Failed() ? ", " + std::to_string(sender.Failed()) + " failed" : ""));
   return sender.Failed() == 0 ? kDone : kRefused;

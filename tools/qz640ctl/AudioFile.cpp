@@ -21,10 +21,6 @@ constexpr int kShift = 8;
 
 }  // namespace
 
-bool HasAudioFiles() {
-  return true;
-}
-
 struct WavWriter::Impl {
   std::string path;
   SNDFILE* file = nullptr;
@@ -32,17 +28,21 @@ struct WavWriter::Impl {
 
 WavWriter::WavWriter(const std::string& path, uint32_t sampleFreq, bool overwrite)
     : impl_(std::make_unique<Impl>()) {
+  CheckFree(path, overwrite);
   impl_->path = path;
-  std::error_code ignored;
-  if (!overwrite && std::filesystem::exists(std::filesystem::path(path), ignored)) {
-    Fail("will not replace", path, "it exists; give another name or --force");
-  }
   SF_INFO info{};
   info.samplerate = static_cast<int>(sampleFreq);
   info.channels = 2;
   info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
   impl_->file = sf_open(path.c_str(), SFM_WRITE, &info);
   if (!impl_->file) Fail("can't write", path, sf_strerror(nullptr));
+}
+
+void WavWriter::CheckFree(const std::string& path, bool overwrite) {
+  std::error_code ignored;
+  if (!overwrite && std::filesystem::exists(std::filesystem::path(path), ignored)) {
+    Fail("will not replace", path, "it exists; give another name or --force");
+  }
 }
 
 WavWriter::~WavWriter() {
@@ -89,8 +89,8 @@ AudioReader::AudioReader(const std::string& path, uint32_t sampleFreq)
   }
   if (impl_->info.samplerate != static_cast<int>(sampleFreq)) {
     Fail("can't play", path,
-         "it has " + std::to_string(impl_->info.samplerate) + " Hz, the unit runs at " +
-             std::to_string(sampleFreq) + " Hz; convert it or switch the unit (freq)");
+         "it has " + std::to_string(impl_->info.samplerate) + " Hz, the unit is said to run at " +
+             std::to_string(sampleFreq) + " Hz; convert it, or tell the unit's with --freq");
   }
 }
 
@@ -126,10 +126,6 @@ namespace {
 }
 }  // namespace
 
-bool HasAudioFiles() {
-  return false;
-}
-
 struct WavWriter::Impl {};
 WavWriter::WavWriter(const std::string&, uint32_t, bool) {
   Missing();
@@ -137,6 +133,9 @@ WavWriter::WavWriter(const std::string&, uint32_t, bool) {
 WavWriter::~WavWriter() = default;
 void WavWriter::Write(const std::vector<Frame>&) {}
 void WavWriter::Close() {}
+void WavWriter::CheckFree(const std::string&, bool) {
+  Missing();
+}
 
 struct AudioReader::Impl {};
 AudioReader::AudioReader(const std::string&, uint32_t) {

@@ -9,9 +9,6 @@
 
 namespace ctl {
 
-// True when this build can read and write audio files.
-bool HasAudioFiles();
-
 // One stereo frame as it stands on the wire: signed 24-bit values.
 struct Frame {
   int32_t left = 0;
@@ -22,6 +19,10 @@ struct Frame {
 class WavWriter {
  public:
   WavWriter(const std::string& path, uint32_t sampleFreq, bool overwrite);
+
+  // What the constructor throws for a file that exists, and in a build without audio files.
+  static void CheckFree(const std::string& path, bool overwrite);
+
   ~WavWriter();
   WavWriter(const WavWriter&) = delete;
   WavWriter& operator=(const WavWriter&) = delete;

@@ -5,6 +5,7 @@
 #include "Commands.h"
 #include "Probe.h"
 #include "platform/clock.h"
+#include "platform/startup.h"
 #include "platform/text.h"
 #include "runtime/Clocks.h"
 
@@ -18,6 +19,7 @@ constexpr uint32_t kAckMs = 500;     // for an acknowledgement, before it counts
 constexpr uint32_t kSettleMs = 400;  // by then all repeats of a datagram are over
 constexpr double kAckGoodMs = 50;    // later ones make the peer repeat
 constexpr uint32_t kTransmissions = 5;
+constexpr uint32_t kNoFreq = 1;           // Hz; whatever a unit has, it isn't this
 constexpr size_t kLongAttachment = 3000;  // bytes: a head and three segments
 
 double Ms(int64_t ticks) {
@@ -251,12 +253,12 @@ void ControlTour::Inputs() {
 
 void ControlTour::State() {
   const auto request = std::make_shared<JsonMsgSetState>();
-  request->device_freq = 96000;  // no unit has it
+  request->device_freq = kNoFreq;
   probe_.Clear();
   probe_.Send(request, unit_.control);
   const bool acked = probe_.Wait(AckOf(*request), kAckMs).has_value();
   const auto info = Ask<JsonMsgDevInfo>(std::make_shared<JsonMsgGetDevInfo>());
-  report_.Add("set_state, 96000 Hz", acked && info ? Verdict::Pass : Verdict::Fail,
+  report_.Add("set_state, 1 Hz", acked && info ? Verdict::Pass : Verdict::Fail,
               std::string(acked ? "acknowledged" : "not acknowledged") +
                   (info ? ", goes on" : ", and silent from then on"));
 }
@@ -295,13 +297,13 @@ void ControlTour::FmTuner(uint32_t tuners) {
   const auto after = Ask<JsonMsgFmFreq>(std::make_shared<JsonMsgGetFmFreq>());
   auto expected = before->freq;
   expected[tuners - 1] += 100;
-  report_.Add("set_fm_freq", after && after->freq == expected ? Verdict::Pass : Verdict::Fail,
-              "the last tuner alone, 100 up");
 
   auto restore = std::make_shared<JsonMsgSetFmFreq>();
   restore->freq = before->freq;
   probe_.Send(restore, unit_.control);
   probe_.Wait(AckOf(*restore), kAckMs);
+  report_.Add("set_fm_freq", after && after->freq == expected ? Verdict::Pass : Verdict::Fail,
+              "the last tuner alone, 100 up");
 
   auto wrong = std::make_shared<JsonMsgSetFmFreq>();
   wrong->freq.assign(tuners + 1, 0);
@@ -347,14 +349,11 @@ void ControlTour::Segments() {
 }  // namespace
 
 void CheckReport::Add(const std::string& name, Verdict verdict, const std::string& figure) {
+  CheckStop();
   worst_ = std::max(worst_, verdict);
   ++counts_[static_cast<size_t>(verdict)];
-  JSON::Value object;
-  object.ItemForWrite(L"check").SetString(platform::Utf8ToWideLossy(name));
-  object.ItemForWrite(L"result").SetString(platform::Utf8ToWideLossy(Word(verdict)));
-  object.ItemForWrite(L"figure").SetString(platform::Utf8ToWideLossy(figure));
-  out_.Object(object);
   std::string word = Word(verdict);
+  out_.Object(Fields().Add("check", name).Add("result", word).Add("figure", figure));
   word.resize(16, ' ');
   std::string padded = name;
   padded.resize(std::max<size_t>(padded.size(), 26), ' ');
@@ -369,14 +368,28 @@ void CheckReport::Summarise() {
             count(Verdict::Fail) + " failed, " + count(Verdict::Skip) + " could not be tested");
 }
 
+// A unit that answers but doesn't acknowledge is one to be checked, not one that isn't there.
+Unit FindUnitToCheck(const std::string& name, const CommonOptions& common) {
+  const NetAddr control = ControlAddr(name);
+  if (!control.IsDefined()) return FindUnit(name, common);
+  Probe probe;
+  probe.Send(std::make_shared<JsonMsgGetDevInfo>(), control);
+  const auto answer = probe.Wait(Is<JsonMsgDevInfo>(), common.timeoutMs);
+  if (answer) return ToUnit(static_cast<const JsonMsgDevInfo&>(*answer->msg), control);
+  throw Failure{kNoAnswer, name +
+                               " has not answered \"get_dev_info\": is a unit running there, and "
+                               "does a firewall let UDP through?"};
+}
+
 int RunCheck(const std::string& name, const CommonOptions& common, Output& out) {
-  const Unit unit = FindUnit(name, common);
+  const Unit unit = FindUnitToCheck(name, common);
   out.Line("checking " + unit.Id() + " (" + unit.Type() + ") at " + unit.Control());
   CheckReport report(out);
   ControlTour(unit, common, report).Run();
   try {
     CheckStreams(unit, common, report);
   } catch (const Failure& failure) {
+    if (platform::WaitForStop(0)) throw;
     report.Add("streams", Verdict::Fail, failure.text);
   }
   report.Summarise();

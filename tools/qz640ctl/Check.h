@@ -16,6 +16,7 @@ class CheckReport {
  public:
   explicit CheckReport(Output& out) : out_(out) {}
 
+  // Throws Failure once Ctrl-C has come.
   void Add(const std::string& name, Verdict verdict, const std::string& figure);
   void Summarise();
   Verdict Worst() const { return worst_; }

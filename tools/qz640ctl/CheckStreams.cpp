@@ -96,6 +96,7 @@ void StreamTour::Input(uint32_t input) {
   double peak = 0;
   const int64_t end = ClockRead(nullptr) + int64_t{kListenMs} * 10'000;
   while (ClockRead(nullptr) < end) {
+    CheckStop();
     for (const auto& [packet, time] : receiver.Take(50)) {
       if (fault.empty()) fault = HeaderFault(packet, before.get());
       before = std::make_unique<RtpPacket>(packet);

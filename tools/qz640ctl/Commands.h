@@ -32,6 +32,9 @@ Network::NetAddr LocalFor(const Unit& unit, const CommonOptions& common);
 void CheckInput(const Unit& unit, uint32_t input);
 void CheckOutput(const Unit& unit, uint32_t output);
 
+// Throws Failure once Ctrl-C has come: whatever is on loan returns on the way out.
+void CheckStop();
+
 // Takes an input's stream to this program for its lifetime and gives the input its former
 // destination back at the end.
 class InputLoan {
@@ -46,6 +49,7 @@ class InputLoan {
 
  private:
   void Set(const Network::NetAddr& to);
+  void TryReturn();
 
   UnitLink& link_;
   const Unit unit_;
@@ -83,7 +87,8 @@ struct UpOptions {
   std::string units = "QZ610,QZ820";
   int32_t mode = 0;
   std::string addr = "127.0.0.1";
-  std::string emulator;  // path; empty: the one beside this program
+  std::optional<int32_t> port;  // of discovery, the units' from 2 further on; none: free ones
+  std::string emulator;         // path; empty: the one beside this program
   bool showLog = false;
   std::vector<std::string> command;  // empty: until Ctrl-C
 };
@@ -107,7 +112,7 @@ int RunRecord(const RecordOptions& options, const CommonOptions& common, Output&
 int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out);
 int RunWatch(const WatchOptions& options, const CommonOptions& common, Output& out);
 int RunRelay(const RelayOptions& options, Output& out);
-int RunDoctor(const std::string& settingsPath, Output& out);
+int RunDoctor(const std::string& settingsPath, const CommonOptions& common, Output& out);
 int RunCheck(const std::string& unit, const CommonOptions& common, Output& out);
 int RunUp(const UpOptions& options, const CommonOptions& common, Output& out);
 

@@ -9,9 +9,9 @@
 #include "ISyncManager.h"
 #include "RtpPacket.h"
 #include "Streams.h"
-#include "platform/clock.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
+#include "platform/startup.h"
 #include "platform/text.h"
 #include "runtime/Clocks.h"
 #include "runtime/Paths.h"
@@ -23,6 +23,7 @@ namespace files = std::filesystem;
 
 namespace {
 
+constexpr uint32_t kFindMs = 600;  // on each interface
 constexpr uint32_t kClockTestMs = 3000;
 constexpr double kLateGoodMs = 2.0;  // p99; later ticks shrink what a peer's buffer is there for
 
@@ -32,7 +33,7 @@ std::string Text(const platform::SocketAddress& address) {
 
 class Doctor {
  public:
-  explicit Doctor(Output& out) : out_(out) {}
+  Doctor(uint32_t timeoutMs, Output& out) : timeoutMs_(timeoutMs), out_(out) {}
 
   int Run(const std::string& settingsPath) {
     Interfaces();
@@ -52,24 +53,26 @@ class Doctor {
   void Ports();
   void Scheduling();
 
-  void Print(const char* topic, const std::string& text, bool problem) {
-    JSON::Value object;
-    object.ItemForWrite(L"topic").SetString(platform::Utf8ToWideLossy(topic));
-    object.ItemForWrite(L"finding").SetString(platform::Utf8ToWideLossy(text));
-    object.ItemForWrite(L"problem").SetInt(problem ? 1 : 0);
-    out_.Object(object);
+  void Print(const char* topic, const std::string& text, bool problem, Fields fields) {
+    fields.Add("topic", topic).Add("finding", text).Add("problem", problem ? 1 : 0);
+    out_.Object(fields);
     out_.Line((problem ? out_.Paint(Colour::Red, "! ") : "  ") + text);
   }
 
-  void Report(const char* topic, const std::string& text) { Print(topic, text, false); }
-
-  void Problem(const char* topic, const std::string& text) {
-    ++problems_;
-    Print(topic, text, true);
+  // `fields` are for programs, beside topic and text.
+  void Report(const char* topic, const std::string& text, const Fields& fields = {}) {
+    Print(topic, text, false, fields);
   }
 
+  void Problem(const char* topic, const std::string& text, const Fields& fields = {}) {
+    ++problems_;
+    Print(topic, text, true, fields);
+  }
+
+  const uint32_t timeoutMs_;
   Output& out_;
   unsigned problems_ = 0;
+  std::string addr_ = "0.0.0.0";  // that the units listen on
   std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", kDiscoveryPort}};
 };
 
@@ -77,17 +80,21 @@ void Doctor::Interfaces() {
   out_.Line("interfaces");
   for (const platform::Interface& interface : platform::ListInterfaces()) {
     NetAddr broadcast(interface.broadcast);
-    std::string line = interface.name + "  " + Text(interface.address) + "  broadcast " +
-                       (broadcast.IsDefined() ? ToText(broadcast) : "none");
+    const std::string to = broadcast.IsDefined() ? ToText(broadcast) : "none";
+    std::string line = interface.name + "  " + Text(interface.address) + "  broadcast " + to;
+    std::string names;
     if (broadcast.IsDefined()) {
       broadcast.SetFromTextAndPort(broadcast.ToText(), kDiscoveryPort);
-      const std::vector<Unit> units = Discovery().Find({broadcast}, 600);
-      std::string names;
-      for (const Unit& unit : units)
-        names += " " + unit.Id() + " (" + unit.Control() + ")";
-      line += units.empty() ? "  nobody answers" : "  answers:" + names;
+      for (const Unit& unit : Discovery().Find({broadcast}, std::min(timeoutMs_, kFindMs)))
+        names += (names.empty() ? "" : ", ") + unit.Id() + " (" + unit.Control() + ")";
+      line += names.empty() ? "  nobody answers" : "  answers: " + names;
     }
-    Report("interfaces", line);
+    Report("interfaces", line,
+           Fields()
+               .Add("interface", interface.name)
+               .Add("address", Text(interface.address))
+               .Add("broadcast", to)
+               .Add("answers", names));
   }
 }
 
@@ -100,16 +107,23 @@ void Doctor::Settings(const std::string& given) {
   }
   std::error_code ignored;
   if (!files::exists(path, ignored)) {
-    const std::string text = path.string() +
-                             " doesn't exist; the emulator makes it at its first "
-                             "start, deaf until \"AddrStr\" is set";
-    given.empty() ? Report("settings", text) : Problem("settings", text);
+    const std::string text = path.string() + " doesn't exist";
+    if (given.empty()) {
+      Report("settings", text +
+                             "; the emulator makes it at its first start, deaf until \"AddrStr\" "
+                             "is set");
+    } else {
+      Problem("settings", text + "; give the path of the file beside the emulator");
+    }
     return;
   }
   EmuSettings settings;
   const ErrInfo err = settings.FromFile(platform::Utf8ToWideLossy(path.string()));
   if (!err.IsOk()) {
-    Problem("settings", "can't be taken in:" + platform::WideToUtf8Lossy(err.ToString()));
+    Problem("settings", path.string() +
+                            " can't be taken in; mend it, or remove it and the emulator writes a "
+                            "new one:" +
+                            platform::WideToUtf8Lossy(err.ToString()));
     return;
   }
   Report("settings", path.string() + ": " + std::to_string(settings.units.size()) + " unit(s)");
@@ -128,8 +142,8 @@ void Doctor::CheckAddress(const EmuSettings& settings) {
   }
   if (!addr.SetFromTextAndPort(settings.AddrStr, 0)) {
     Problem("settings", "\"AddrStr\" is \"" + text +
-                            "\", which is no address; the units hear "
-                            "nothing");
+                            "\", which is no address: these units can't be found. Set it to "
+                            "an address of this machine, or to 0.0.0.0 for all of them");
     return;
   }
   const auto interfaces = platform::ListInterfaces();
@@ -137,7 +151,13 @@ void Doctor::CheckAddress(const EmuSettings& settings) {
                    std::any_of(interfaces.begin(), interfaces.end(), [&](const auto& interface) {
                      return Text(interface.address) == text;
                    });
-  if (!own) Problem("settings", "\"AddrStr\" is " + text + ", which this machine doesn't have");
+  if (own) {
+    addr_ = text;
+  } else {
+    Problem("settings", "\"AddrStr\" is " + text +
+                            ", which this machine doesn't have; set it to one of the addresses "
+                            "above, or to 0.0.0.0 for all of them");
+  }
 }
 
 void Doctor::CheckSettings(const EmuSettings& settings) {
@@ -176,11 +196,29 @@ void Doctor::Ports() {
   for (const auto& [name, port] : ports_) {
     if (port < 1 || port > 65535) continue;
     std::string owners;
+    bool byEmulator = true;
     for (const std::string& owner : platform::UdpPortOwners(static_cast<uint16_t>(port))) {
       owners += (owners.empty() ? "" : ", ") + owner;
+      byEmulator = byEmulator && owner.starts_with("qz640emu");
     }
-    Report("ports", "UDP " + std::to_string(port) + " (" + name + ") " +
-                        (owners.empty() ? "is free" : "is taken by " + owners));
+    const bool isFree = IsPortFree(addr_, static_cast<uint32_t>(port));
+    const std::string text = "UDP " + std::to_string(port) + " (" + name + ") ";
+    const Fields fields = Fields()
+                              .Add("port", port)
+                              .Add("use", name)
+                              .Add("free", isFree ? 1 : 0)
+                              .Add("owner", owners);
+    if (isFree) {
+      Report("ports", text + "is free" + (owners.empty() ? "" : " here; elsewhere " + owners),
+             fields);
+    } else if (byEmulator && !owners.empty()) {
+      Report("ports", text + "is taken by " + owners, fields);
+    } else {
+      Problem("ports",
+              text + "is taken by " + (owners.empty() ? "an unknown program" : owners) +
+                  "; end that, or change \"BasePort\" or \"BroadcastPort\"",
+              fields);
+    }
   }
 }
 
@@ -217,7 +255,7 @@ void Doctor::Scheduling() {
   sync->AddTarget(&target);
   sync->SetSyncFreq(48000, kPacketFrames);
   sync->Start();
-  platform::GetClock().Sleep(kClockTestMs);
+  platform::WaitForStop(kClockTestMs);
   sync->Stop();
   const std::vector<double> late = target.Lateness();
   if (late.empty()) {
@@ -230,12 +268,19 @@ void Doctor::Scheduling() {
   const std::string figures = "ticks late: p50 " + FormatNumber(at(0.5), 2) + " ms, p99 " +
                               FormatNumber(at(0.99), 2) + " ms, max " +
                               FormatNumber(late.back(), 2) + " ms";
+  const Fields fields = Fields()
+                            .Add("p50_ms", at(0.5))
+                            .Add("p99_ms", at(0.99))
+                            .Add("max_ms", late.back())
+                            .Add("ticks", late.size());
   if (at(0.99) > kLateGoodMs) {
-    Problem("scheduling", figures +
-                              "; the machine is busy or gives no real-time priority (on "
-                              "Linux: CAP_SYS_NICE or an rtprio limit)");
+    Problem("scheduling",
+            figures +
+                "; the machine is busy or gives no real-time priority (on "
+                "Linux: CAP_SYS_NICE or an rtprio limit)",
+            fields);
   } else {
-    Report("scheduling", figures);
+    Report("scheduling", figures, fields);
   }
   const double edges[] = {0.25, 0.5, 1, 2, 4, 8, 1e9};
   double from = 0;
@@ -244,6 +289,7 @@ void Doctor::Scheduling() {
         std::count_if(late.begin(), late.end(), [&](double ms) { return ms >= from && ms < edge; });
     const auto width = static_cast<size_t>(
         std::ceil(40.0 * static_cast<double>(count) / static_cast<double>(late.size())));
+    out_.Object(Fields().Add("topic", "histogram").Add("from_ms", from).Add("ticks", count));
     out_.Line("  " + FormatNumber(from, 2) + " ms+  " + std::string(width, '#') + " " +
               std::to_string(count));
     from = edge;
@@ -252,8 +298,8 @@ void Doctor::Scheduling() {
 
 }  // namespace
 
-int RunDoctor(const std::string& settingsPath, Output& out) {
-  return Doctor(out).Run(settingsPath);
+int RunDoctor(const std::string& settingsPath, const CommonOptions& common, Output& out) {
+  return Doctor(common.timeoutMs, out).Run(settingsPath);
 }
 
 }  // namespace ctl

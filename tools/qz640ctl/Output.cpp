@@ -15,11 +15,16 @@ namespace ctl {
 
 namespace {
 
-// Columns of a UTF-8 text, counting a code point as one.
+// Columns of a UTF-8 text, counting a code point as one and a colour as none.
 size_t Columns(const std::string& text) {
-  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-  }));
+  size_t columns = 0;
+  bool inColour = false;
+  for (const char c : text) {
+    if (c == '\033') inColour = true;
+    if (!inColour && (static_cast<unsigned char>(c) & 0xC0) != 0x80) ++columns;
+    if (c == 'm') inColour = false;
+  }
+  return columns;
 }
 
 void WriteError(const std::string& text) {
@@ -28,6 +33,20 @@ void WriteError(const std::string& text) {
 }
 
 }  // namespace
+
+JSON::Value& Fields::Item(const char* key) {
+  return object_.ItemForWrite(platform::Utf8ToWideLossy(key));
+}
+
+Fields& Fields::Add(const char* key, const std::string& text) {
+  Item(key).SetString(platform::Utf8ToWideLossy(text));
+  return *this;
+}
+
+Fields& Fields::Add(const char* key, double number) {
+  Item(key).SetDouble(number);
+  return *this;
+}
 
 Output::Output(bool json) : json_(json) {
   const bool outTerminal = platform::IsTerminal(platform::Stream::Output);
@@ -43,9 +62,9 @@ void Output::Line(const std::string& text) {
   platform::WriteOutput(text + "\n");
 }
 
-void Output::Object(const JSON::Value& object) {
+void Output::Object(const Fields& object) {
   if (!json_) return;
-  platform::WriteOutput(platform::WideToUtf8Lossy(object.ToWString()) + "\n");
+  platform::WriteOutput(platform::WideToUtf8Lossy(object.Value().ToWString()) + "\n");
 }
 
 void Output::Progress(const std::string& text) {
@@ -66,10 +85,7 @@ void Output::EndProgress() {
 void Output::Error(const std::string& text) {
   EndProgress();
   WriteError("qz640ctl: " + text + "\n");
-  if (!json_) return;
-  JSON::Value object;
-  object.ItemForWrite(L"error").SetString(platform::Utf8ToWideLossy(text));
-  Object(object);
+  Object(Fields().Add("error", text));
 }
 
 std::string Output::Paint(Colour colour, const std::string& text) const {

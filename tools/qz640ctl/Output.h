@@ -2,6 +2,7 @@
 // holds results alone; progress and errors go to standard error.
 #pragma once
 
+#include <concepts>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,24 @@
 namespace ctl {
 
 enum class Colour { None, Green, Yellow, Red, Dim };
+
+// An object for programs, put together key by key. Texts are UTF-8.
+class Fields {
+ public:
+  Fields& Add(const char* key, const std::string& text);
+  Fields& Add(const char* key, double number);
+  Fields& Add(const char* key, std::integral auto number) {
+    Item(key).SetInt64(static_cast<int64_t>(number));
+    return *this;
+  }
+
+  const JSON::Value& Value() const { return object_; }
+
+ private:
+  JSON::Value& Item(const char* key);
+
+  JSON::Value object_;
+};
 
 class Output {
  public:
@@ -25,7 +44,7 @@ class Output {
   void Line(const std::string& text);
 
   // A line for programs; nothing without --json.
-  void Object(const JSON::Value& object);
+  void Object(const Fields& object);
 
   // A line on standard error that the next one overwrites on a terminal. Elsewhere nothing: a log
   // file has no use for it.
@@ -47,7 +66,7 @@ class Output {
   size_t progressWidth_ = 0;
 };
 
-// Columns padded to the widest cell; the first row is the heading.
+// Columns padded to the widest cell. Painted cells are as wide as they look.
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows);
 
 // "12.5 %", "-18.2 dB" and the like: `value` with `decimals` digits behind the point, whatever the

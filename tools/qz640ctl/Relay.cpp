@@ -32,23 +32,24 @@ relay::RelayInfo ParseWay(const std::string& way, const RelayOptions& options, u
   return info;
 }
 
+Fields ToFields(const relay::RelayInfo& way) {
+  return Fields().Add("listen", ToText(way.listen)).Add("target", ToText(way.target));
+}
+
 void Print(const relay::RelayInfo& way, const char* direction, const relay::LinkCounts& counts,
            Output& out) {
-  JSON::Value object;
-  object.ItemForWrite(L"listen").SetString(way.listen.ToText());
-  object.ItemForWrite(L"target").SetString(way.target.ToText());
-  object.ItemForWrite(L"direction").SetString(platform::Utf8ToWideLossy(direction));
-  const std::pair<const wchar_t*, uint64_t> values[] = {{L"taken", counts.taken},
-                                                        {L"lost", counts.lost},
-                                                        {L"duplicated", counts.duplicated},
-                                                        {L"held_back", counts.heldBack},
-                                                        {L"corrupted", counts.corrupted}};
+  const std::pair<const char*, uint64_t> values[] = {{"taken", counts.taken},
+                                                     {"lost", counts.lost},
+                                                     {"duplicated", counts.duplicated},
+                                                     {"held_back", counts.heldBack},
+                                                     {"corrupted", counts.corrupted}};
+  Fields fields = ToFields(way).Add("direction", direction);
   std::string line = ToText(way.listen) + " = " + ToText(way.target) + " " + direction + ":";
   for (const auto& [key, value] : values) {
-    object.ItemForWrite(key).SetInt64(static_cast<int64_t>(value));
-    line += " " + platform::WideToUtf8Lossy(key) + " " + std::to_string(value);
+    fields.Add(key, value);
+    line += std::string(" ") + key + " " + std::to_string(value);
   }
-  out.Object(object);
+  out.Object(fields);
   out.Line(line);
 }
 
@@ -63,9 +64,13 @@ int RunRelay(const RelayOptions& options, Output& out) {
     relays.push_back(std::make_unique<relay::LossyRelay>(net.get()));
     const ErrInfo err = relays.back()->Start(ways.back());
     if (!err.IsOk()) {
-      throw Failure{kNoPort, "can't listen on " + ToText(ways.back().listen) + ":" +
+      throw Failure{kNoPort, "can't listen on " + ToText(ways.back().listen) +
+                                 "; give a free port on an address of this machine (qz640ctl "
+                                 "doctor tells who has a port):" +
                                  platform::WideToUtf8Lossy(err.ToString())};
     }
+    // Programs wait for this before they send.
+    out.Object(ToFields(ways.back()).Add("seed", options.seed));
     out.Line("relaying " + ToText(ways.back().listen) + " = " + ToText(ways.back().target) +
              ", seed " + std::to_string(options.seed));
   }

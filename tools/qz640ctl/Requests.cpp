@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "platform/socket.h"
+#include "platform/startup.h"
 #include "platform/text.h"
 
 namespace ctl {
@@ -11,15 +12,14 @@ using namespace Network;
 
 namespace {
 
-JSON::Value ToObject(const Unit& unit) {
-  JSON::Value object;
-  object.ItemForWrite(L"unit_id").SetString(unit.id);
-  object.ItemForWrite(L"unit_type").SetString(unit.type);
-  object.ItemForWrite(L"control").SetString(unit.control.ToText());
-  object.ItemForWrite(L"rtp_port").SetUInt(unit.rtpPort);
-  object.ItemForWrite(L"inputs").SetUInt(unit.inputs);
-  object.ItemForWrite(L"outputs").SetUInt(unit.outputs);
-  return object;
+Fields ToFields(const Unit& unit) {
+  return Fields()
+      .Add("unit_id", unit.Id())
+      .Add("unit_type", unit.Type())
+      .Add("control", unit.Control())
+      .Add("rtp_port", unit.rtpPort)
+      .Add("inputs", unit.inputs)
+      .Add("outputs", unit.outputs);
 }
 
 std::vector<std::string> ToRow(const Unit& unit) {
@@ -34,7 +34,7 @@ std::vector<std::string> ToRow(const Unit& unit) {
 void PrintUnits(const std::vector<Unit>& units, Output& out) {
   std::vector<std::vector<std::string>> rows{{"ID", "MODEL", "CONTROL", "RTP", "IN", "OUT"}};
   for (const Unit& unit : units) {
-    out.Object(ToObject(unit));
+    out.Object(ToFields(unit));
     rows.push_back(ToRow(unit));
   }
   out.Line(FormatTable(rows));
@@ -61,11 +61,7 @@ std::string Destination(const NetAddr& addr) {
 void PrintInputs(const std::vector<NetAddr>& inputs, Output& out) {
   std::vector<std::vector<std::string>> rows{{"INPUT", "DESTINATION"}};
   for (size_t i = 0; i < inputs.size(); ++i) {
-    JSON::Value object;
-    object.ItemForWrite(L"input").SetInt64(static_cast<int64_t>(i));
-    object.ItemForWrite(L"destination")
-        .SetString(platform::Utf8ToWideLossy(Destination(inputs[i])));
-    out.Object(object);
+    out.Object(Fields().Add("input", i).Add("destination", Destination(inputs[i])));
     rows.push_back({std::to_string(i), Destination(inputs[i])});
   }
   out.Line(inputs.empty() ? "the unit has no inputs" : FormatTable(rows));
@@ -78,13 +74,18 @@ std::vector<NetAddr> AskInputs(UnitLink& link) {
 void PrintFreqs(const std::vector<int32_t>& freqs, Output& out) {
   std::vector<std::vector<std::string>> rows{{"TUNER", "FREQUENCY"}};
   for (size_t i = 0; i < freqs.size(); ++i) {
-    JSON::Value object;
-    object.ItemForWrite(L"tuner").SetInt64(static_cast<int64_t>(i));
-    object.ItemForWrite(L"freq").SetInt(freqs[i]);
-    out.Object(object);
+    out.Object(Fields().Add("tuner", i).Add("freq", freqs[i]));
     rows.push_back({std::to_string(i), std::to_string(freqs[i])});
   }
-  out.Line(FormatTable(rows));
+  out.Line(freqs.empty() ? "the unit has no tuners" : FormatTable(rows));
+}
+
+int32_t ParseFreq(const std::string& change, const std::string& text) {
+  int32_t freq = 0;
+  const char* end = text.data() + text.size();
+  const auto parsed = std::from_chars(text.data(), end, freq);
+  if (parsed.ec == std::errc() && parsed.ptr == end && freq != 0) return freq;
+  throw Failure{kUsage, "\"" + change + "\": give a frequency other than 0, as in 2=98700"};
 }
 
 }  // namespace
@@ -135,14 +136,28 @@ void CheckOutput(const Unit& unit, uint32_t output) {
                             std::to_string(output)};
 }
 
+void CheckStop() {
+  if (platform::WaitForStop(0)) throw Failure{kRefused, "stopped before it was done"};
+}
+
 InputLoan::InputLoan(UnitLink& link, const Unit& unit, uint32_t input, const NetAddr& to)
     : link_(link), unit_(unit), input_(input) {
   const std::vector<NetAddr> inputs = AskInputs(link_);
   if (input < inputs.size()) former_ = inputs[input];
-  Set(to);
+  try {
+    Set(to);
+  } catch (const Failure&) {
+    // The request may have arrived though its acknowledgement didn't.
+    TryReturn();
+    throw;
+  }
 }
 
 InputLoan::~InputLoan() {
+  TryReturn();
+}
+
+void InputLoan::TryReturn() {
   try {
     Return();
   } catch (const Failure&) {
@@ -183,24 +198,24 @@ int RunInfo(const std::string& name, const CommonOptions& common, Output& out) {
   const Unit unit = FindUnit(name, common);
   UnitLink link(unit.control, common.timeoutMs);
   const auto info = link.Ask<JsonMsgDevInfo>(std::make_shared<JsonMsgGetDevInfo>());
-  JSON::Value object = ToObject(unit);
+  Fields fields = ToFields(unit);
   std::vector<std::vector<std::string>> rows{{"id", unit.Id()},
                                              {"model", unit.Type()},
                                              {"control", unit.Control()},
                                              {"rtp port", std::to_string(info->rtp_port)},
                                              {"inputs", std::to_string(info->inputs)},
                                              {"outputs", std::to_string(info->outputs)}};
-  const std::pair<const wchar_t*, uint32_t> versions[] = {
-      {L"hardware", info->hardware},
-      {L"firmware", info->firmware},
-      {L"software", info->software},
-      {L"audio_protocol", info->audio_protocol},
-      {L"control_protocol", info->control_protocol}};
+  const std::pair<const char*, uint32_t> versions[] = {
+      {"hardware", info->hardware},
+      {"firmware", info->firmware},
+      {"software", info->software},
+      {"audio_protocol", info->audio_protocol},
+      {"control_protocol", info->control_protocol}};
   for (const auto& [key, value] : versions) {
-    object.ItemForWrite(key).SetUInt(value);
-    rows.push_back({platform::WideToUtf8Lossy(key), std::to_string(value)});
+    fields.Add(key, value);
+    rows.push_back({key, std::to_string(value)});
   }
-  out.Object(object);
+  out.Object(fields);
   out.Line(FormatTable(rows));
   return kDone;
 }
@@ -251,13 +266,9 @@ int RunFreq(const std::string& name, uint32_t freq, const CommonOptions& common,
   auto request = std::make_shared<JsonMsgSetState>();
   request->device_freq = freq;
   link.Tell(request);
-  JSON::Value object;
-  object.ItemForWrite(L"unit_id").SetString(unit.id);
-  object.ItemForWrite(L"device_freq").SetUInt(freq);
-  out.Object(object);
+  out.Object(Fields().Add("unit_id", unit.Id()).Add("device_freq", freq));
   out.Line(unit.Id() + " acknowledged " + std::to_string(freq) +
-           " Hz. A change switches all its inputs off; set them again. (Units report no state: a "
-           "frequency that they don't have shows in their own log alone.)");
+           " Hz. A change switches all its inputs off; set them again.");
   return kDone;
 }
 
@@ -274,15 +285,12 @@ int RunFm(const std::string& name, const std::vector<std::string>& changes,
     request->freq.assign(freqs.size(), 0);  // 0 leaves a tuner as it is
     for (const std::string& change : changes) {
       const auto [index, value] = SplitChange(change);
-      int32_t freq = 0;
-      const auto parsed = std::from_chars(value.data(), value.data() + value.size(), freq);
-      if (index >= freqs.size() || parsed.ec != std::errc() ||
-          parsed.ptr != value.data() + value.size() || freq == 0) {
-        throw Failure{kUsage, "\"" + change + "\": give a tuner from 0 to " +
-                                  std::to_string(freqs.size() - 1) +
-                                  " and a frequency other than 0, as in 2=98700"};
+      if (index >= freqs.size()) {
+        throw Failure{kUsage, unit.Id() + " has " + std::to_string(freqs.size()) +
+                                  " tuner(s), counted from 0; there is no tuner " +
+                                  std::to_string(index)};
       }
-      request->freq[index] = freq;
+      request->freq[index] = ParseFreq(change, value);
     }
     link.Tell(request);
     freqs = ask();
@@ -300,18 +308,18 @@ int RunFmQuality(const std::string& name, const CommonOptions& common, Output& o
   };
   std::vector<std::vector<std::string>> rows{{"TUNER", "RSSI", "SNR", "MULTIPATH", "PILOT"}};
   for (size_t i = 0; i < quality->rssi.size(); ++i) {
-    const std::pair<const wchar_t*, int32_t> values[] = {{L"rssi", quality->rssi[i]},
-                                                         {L"snr", at(quality->snr, i)},
-                                                         {L"multipath", at(quality->multipath, i)},
-                                                         {L"pilot", at(quality->pilot, i)}};
-    JSON::Value object;
-    object.ItemForWrite(L"tuner").SetInt64(static_cast<int64_t>(i));
+    const std::pair<const char*, int32_t> values[] = {{"rssi", quality->rssi[i]},
+                                                      {"snr", at(quality->snr, i)},
+                                                      {"multipath", at(quality->multipath, i)},
+                                                      {"pilot", at(quality->pilot, i)}};
+    Fields fields;
+    fields.Add("tuner", i);
     std::vector<std::string> row{std::to_string(i)};
     for (const auto& [key, value] : values) {
-      object.ItemForWrite(key).SetInt(value);
+      fields.Add(key, value);
       row.push_back(std::to_string(value));
     }
-    out.Object(object);
+    out.Object(fields);
     rows.push_back(row);
   }
   out.Line(FormatTable(rows));

@@ -1,10 +1,13 @@
 #include "Units.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <utility>
 
-#include "platform/clock.h"
 #include "platform/interfaces.h"
+#include "platform/socket.h"
+#include "platform/startup.h"
 #include "platform/text.h"
 
 namespace ctl {
@@ -22,19 +25,41 @@ NetAddr AnyAddr() {
   return addr;
 }
 
-Unit ToUnit(const JsonMsgDevInfo& info, const NetAddr& from) {
-  return {from, info.unit_id, info.unit_type, info.rtp_port, info.inputs, info.outputs};
+// The same unit, answering from two addresses of this machine because it hears at all of them.
+bool IsSameUnit(const Unit& a, const Unit& b, const std::vector<platform::Interface>& own) {
+  const auto isOwn = [&own](const NetAddr& addr) {
+    return std::any_of(own.begin(), own.end(), [&](const platform::Interface& interface) {
+      return std::ranges::equal(interface.address.address, addr.Raw().address);
+    });
+  };
+  return a.id == b.id && a.type == b.type && a.rtpPort == b.rtpPort &&
+         a.control.Port() == b.control.Port() && isOwn(a.control) && isOwn(b.control);
 }
 
 [[noreturn]] void NoSocket(const ErrInfo& err) {
-  throw Failure{kNoPort,
-                "can't open a control socket:" + platform::WideToUtf8Lossy(err.ToString())};
+  throw Failure{
+      kNoPort, "can't open a control socket; have too many sockets been opened? (qz640ctl doctor)" +
+                   platform::WideToUtf8Lossy(err.ToString())};
 }
 
 }  // namespace
 
 std::string ToText(const NetAddr& addr) {
   return platform::WideToUtf8Lossy(addr.ToText());
+}
+
+bool IsBefore(const NetAddr& a, const NetAddr& b) {
+  const auto key = [](const NetAddr& addr) {
+    return std::pair(std::to_array(addr.Raw().address), addr.Port());
+  };
+  return key(a) < key(b);
+}
+
+bool IsPortFree(const std::string& addr, uint32_t port) {
+  NetAddr local;
+  local.SetFromTextAndPort(platform::Utf8ToWideLossy(addr), port);
+  platform::Socket sock;
+  return sock.OpenUdp().Ok() && sock.Bind(local.Raw()).Ok();
 }
 
 std::string Unit::Id() const {
@@ -102,7 +127,7 @@ std::vector<Unit> Discovery::Find(const std::vector<NetAddr>& to, uint32_t timeo
     before = after;
     for (const NetAddr& addr : to)
       manager_->SendDirect(std::make_shared<JsonMsgDevFind>(), addr);
-    platform::GetClock().Sleep(roundMs);
+    if (platform::WaitForStop(roundMs)) break;
     std::lock_guard lock(mutex_);
     after = units_.size();
   } while ((after == 0 || after > before) && steady_clock::now() < end);
@@ -110,8 +135,14 @@ std::vector<Unit> Discovery::Find(const std::vector<NetAddr>& to, uint32_t timeo
 
   std::lock_guard lock(mutex_);
   std::sort(units_.begin(), units_.end(),
-            [](const Unit& a, const Unit& b) { return a.Control() < b.Control(); });
-  return units_;
+            [](const Unit& a, const Unit& b) { return IsBefore(a.control, b.control); });
+  const std::vector<platform::Interface> own = platform::ListInterfaces();
+  std::vector<Unit> found;
+  for (const Unit& unit : units_) {
+    const auto same = [&](const Unit& other) { return IsSameUnit(unit, other, own); };
+    if (std::none_of(found.begin(), found.end(), same)) found.push_back(unit);
+  }
+  return found;
 }
 
 void Discovery::OnMsgReceived(IJsonUdpManager* manager, const std::shared_ptr<JsonMsg>& msg,
@@ -127,9 +158,19 @@ void Discovery::OnMsgReceived(IJsonUdpManager* manager, const std::shared_ptr<Js
   units_.push_back(ToUnit(*info, from));
 }
 
-Unit FindUnit(const std::string& name, const std::vector<NetAddr>& discoverAt, uint32_t timeoutMs) {
+NetAddr ControlAddr(const std::string& name) {
   NetAddr addr;
-  if (addr.SetFromText(platform::Utf8ToWideLossy(name)) && addr.Port() != 0) {
+  if (!addr.SetFromText(platform::Utf8ToWideLossy(name)) || addr.Port() == 0) return {};
+  return addr;
+}
+
+Unit ToUnit(const JsonMsgDevInfo& info, const NetAddr& from) {
+  return {from, info.unit_id, info.unit_type, info.rtp_port, info.inputs, info.outputs};
+}
+
+Unit FindUnit(const std::string& name, const std::vector<NetAddr>& discoverAt, uint32_t timeoutMs) {
+  const NetAddr addr = ControlAddr(name);
+  if (addr.IsDefined()) {
     UnitLink link(addr, timeoutMs);
     return ToUnit(*link.Ask<JsonMsgDevInfo>(std::make_shared<JsonMsgGetDevInfo>()), addr);
   }
@@ -151,7 +192,8 @@ Unit FindUnit(const std::string& name, const std::vector<NetAddr>& discoverAt, u
                   "no unit answered the discovery; is one running, with \"AddrStr\" set "
                   "to an address of this network? (qz640ctl doctor looks closer)"};
   }
-  throw Failure{kNoAnswer, "no unit \"" + name + "\" answered; these did: " + others};
+  throw Failure{kNoAnswer,
+                "no unit \"" + name + "\" answered; name one of these that did: " + others};
 }
 
 UnitLink::UnitLink(const NetAddr& control, uint32_t timeoutMs)
@@ -199,7 +241,8 @@ std::shared_ptr<JsonMsg> UnitLink::Exchange(const std::shared_ptr<JsonMsg>& requ
   }
   if (!done || wanted) {
     throw Failure{kNoAnswer, ToText(control_) + " has not answered \"" + name + "\" within " +
-                                 std::to_string(timeoutMs_) + " ms"};
+                                 std::to_string(timeoutMs_) +
+                                 " ms; give it longer with --timeout, or look at the unit's log"};
   }
   return nullptr;
 }

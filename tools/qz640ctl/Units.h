@@ -36,6 +36,12 @@ struct Unit {
 
 std::string ToText(const Network::NetAddr& addr);
 
+// By address, then by port.
+bool IsBefore(const Network::NetAddr& a, const Network::NetAddr& b);
+
+// A UDP socket can be bound there now: another program could still take it.
+bool IsPortFree(const std::string& addr, uint32_t port);
+
 // a.b.c.d[:port]; throws Failure (kUsage) for anything else. `defaultPort` where the text has none.
 Network::NetAddr ParseAddr(const std::string& text, uint16_t defaultPort);
 
@@ -48,8 +54,10 @@ class Discovery final : public Network::IJsonUdpReceiver {
   Discovery();
   ~Discovery();
 
-  // Asks at every address, again until a round of `roundMs` brings no new unit or `timeoutMs` are
-  // over. Sorted by control address. Throws Failure when no socket can be had.
+  // Asks at every address, again until a round of `roundMs` brings no new unit, `timeoutMs` are
+  // over or Ctrl-C comes. Sorted by control address; a unit of this machine that hears at all of
+  // its addresses, and so answers from several, comes once. Throws Failure when no socket can be
+  // had.
   std::vector<Unit> Find(const std::vector<Network::NetAddr>& to, uint32_t timeoutMs,
                          uint32_t roundMs = 300);
 
@@ -68,6 +76,11 @@ class Discovery final : public Network::IJsonUdpReceiver {
   std::unique_ptr<Network::INetManager> net_;
   std::shared_ptr<Network::IJsonUdpManager> manager_;
 };
+
+// The control address that UNIT gives on a command line; undefined when it is a unit id.
+Network::NetAddr ControlAddr(const std::string& name);
+
+Unit ToUnit(const Network::JsonMsgDevInfo& info, const Network::NetAddr& from);
 
 // Finds the unit that UNIT names on a command line: a unit id, found by discovery at `discoverAt`,
 // or address:port, which is asked itself. Throws Failure: nobody answered, or several have the id.

@@ -12,7 +12,6 @@
 #include "Commands.h"
 #include "EmuSettings.h"
 #include "platform/child.h"
-#include "platform/socket.h"
 #include "platform/startup.h"
 #include "platform/text.h"
 #include "runtime/Paths.h"
@@ -55,14 +54,6 @@ std::vector<UnitSettings> ParseUnits(const std::string& text, int32_t mode) {
     begin = end + 1;
   }
   return units;
-}
-
-// Free now: another program could still take it before the emulator does.
-bool IsPortFree(const std::string& addr, uint32_t port) {
-  NetAddr local;
-  local.SetFromTextAndPort(platform::Utf8ToWideLossy(addr), port);
-  platform::Socket sock;
-  return sock.OpenUdp().Ok() && sock.Bind(local.Raw()).Ok();
 }
 
 // A block of `count` free ports and one more for discovery, somewhere in the range that no service
@@ -192,7 +183,9 @@ class Running {
 
  private:
   void Launch();
+  void WaitStart(OutputReader& reader);
   void WaitReady();
+  int WaitCtrlC();
   int RunCommand();
   void Stop();
   void Announce();
@@ -216,9 +209,11 @@ Running::Running(const UpOptions& options, const CommonOptions& common, Output& 
   for (const UnitSettings& unit : settings_.units) {
     ports += 2 * static_cast<uint32_t>(unit.GetInputCount() + unit.GetOutputCount()) + 2;
   }
-  settings_.BroadcastPort = FindFreePorts(options_.addr, ports);
+  settings_.BroadcastPort = options_.port ? *options_.port : FindFreePorts(options_.addr, ports);
   settings_.BasePort = settings_.BroadcastPort + 2;
-  discovery_.SetFromTextAndPort(settings_.AddrStr, static_cast<uint32_t>(settings_.BroadcastPort));
+  // Units that listen on all addresses are reached at loopback too.
+  discovery_.SetFromTextAndPort(options_.addr == "0.0.0.0" ? L"127.0.0.1" : settings_.AddrStr,
+                                static_cast<uint32_t>(settings_.BroadcastPort));
 }
 
 int Running::Run() {
@@ -226,21 +221,11 @@ int Running::Run() {
   OutputReader reader(emulator_, options_.showLog);
   int status = kDone;
   try {
-    const std::string line = reader.WaitFor({" Start OK", " FAILED. ERR="}, kReadyMs);
-    if (line.find(" FAILED. ERR=") != std::string::npos) {
-      const bool port = line.find("bind socket failed") != std::string::npos;
-      throw Failure{port ? kNoPort : kRefused,
-                    "the emulator failed:" + line.substr(line.find(" @ ") + 13)};
-    }
-    if (line.empty()) throw Failure{kNoAnswer, "the emulator didn't get ready; see its log"};
+    WaitStart(reader);
     WaitReady();
     reader.Forget();
     Announce();
-    status = options_.command.empty() ? kDone : RunCommand();
-    if (options_.command.empty()) {
-      while (!platform::WaitForStop(200) && !emulator_.Wait(0)) {
-      }
-    }
+    status = options_.command.empty() ? WaitCtrlC() : RunCommand();
   } catch (const Failure&) {
     Stop();
     throw;
@@ -255,9 +240,39 @@ void Running::Launch() {
   options.piped = true;
   const uint32_t error = emulator_.Start(options);
   if (error != 0) {
-    throw Failure{kRefused,
-                  "can't start " + options.command.front() + ": error " + std::to_string(error)};
+    throw Failure{kRefused, "can't start " + options.command.front() + ": error " +
+                                std::to_string(error) + "; is it the emulator of this system?"};
   }
+}
+
+void Running::WaitStart(OutputReader& reader) {
+  constexpr std::string_view kFailed = " FAILED. ERR=";
+  const std::string line = reader.WaitFor({" Start OK", std::string(kFailed)}, kReadyMs);
+  if (line.empty()) {
+    throw Failure{kRefused,
+                  "the emulator didn't say that it is ready; --show-log shows what "
+                  "it says, --emulator PATH names another"};
+  }
+  const size_t failed = line.find(kFailed);
+  if (failed == std::string::npos) return;
+  const std::string reason = line.substr(failed + kFailed.size());
+  if (reason.find("bind socket failed") == std::string::npos) {
+    throw Failure{kRefused, "the emulator could not start; --show-log shows more:" + reason};
+  }
+  throw Failure{kNoPort, "a port of the emulator, from " + std::to_string(settings_.BroadcastPort) +
+                             " on " + options_.addr +
+                             ", is taken, or the address isn't this machine's (qz640ctl doctor "
+                             "tells); leave --port out for free ones:" +
+                             reason};
+}
+
+int Running::WaitCtrlC() {
+  while (!platform::WaitForStop(200)) {
+    if (emulator_.Wait(0)) {
+      throw Failure{kRefused, "the emulator has ended by itself; --show-log shows why"};
+    }
+  }
+  return kDone;
 }
 
 // " Start OK" is the emulator's word; an answered discovery shows that it is reached.
@@ -266,7 +281,8 @@ void Running::WaitReady() {
   if (found_.size() == settings_.units.size()) return;
   throw Failure{kNoAnswer, std::to_string(found_.size()) + " of " +
                                std::to_string(settings_.units.size()) +
-                               " units answered the discovery at " + ToText(discovery_)};
+                               " units answered the discovery at " + ToText(discovery_) +
+                               " in time; give it longer with --timeout, or look with --show-log"};
 }
 
 std::vector<std::pair<std::string, std::string>> Running::Environment() const {
@@ -284,11 +300,10 @@ std::vector<std::pair<std::string, std::string>> Running::Environment() const {
 }
 
 void Running::Announce() {
-  JSON::Value object;
-  for (const auto& [key, value] : Environment()) {
-    object.ItemForWrite(platform::Utf8ToWideLossy(key)).SetString(platform::Utf8ToWideLossy(value));
-  }
-  out_.Object(object);
+  Fields fields;
+  for (const auto& [key, value] : Environment())
+    fields.Add(key.c_str(), value);
+  out_.Object(fields);
   if (!options_.command.empty()) return;
   for (const auto& [key, value] : Environment())
     out_.Line(key + "=" + value);
@@ -299,14 +314,20 @@ int Running::RunCommand() {
   platform::ChildOptions options;
   options.command = options_.command;
   options.environment = Environment();
+  options.outputToError = out_.Json();
   platform::Child command;
   const uint32_t error = command.Start(options);
   if (error != 0) {
-    throw Failure{
-        kUsage, "can't start \"" + options_.command.front() + "\": error " + std::to_string(error)};
+    throw Failure{kUsage, "can't start \"" + options_.command.front() + "\": error " +
+                              std::to_string(error) + "; give a program in PATH, or its path"};
   }
   for (;;) {
-    if (const auto status = command.Wait(100)) return *status;
+    if (const auto status = command.Wait(100)) {
+      if (emulator_.Wait(0)) {
+        out_.Error("the emulator ended before the command did; --show-log shows why");
+      }
+      return *status;
+    }
     // The terminal has told the command too; from elsewhere it is told here.
     if (platform::WaitForStop(0)) command.Terminate();
   }

@@ -10,6 +10,13 @@ namespace {
 
 using namespace ctl;
 
+const char kExamples[] = R"(Examples:
+  qz640ctl find
+  qz640ctl check studio-a
+  qz640ctl up --units 2xQZ820 -- ./run-my-tests
+
+)";
+
 const char kFooter[] =
     R"(UNIT is a unit id, found by discovery, or address:port of its control port.
 
@@ -20,7 +27,7 @@ Exit status: 0 done, 1 refused or a check failed, 2 usage, 3 nobody answered,
 class CommandLine {
  public:
   CommandLine() : app_("Finds, drives and hears QZ-640 network audio units.", "qz640ctl") {
-    app_.footer(kFooter);
+    app_.footer(std::string(kExamples) + kFooter);
     app_.require_subcommand(1);
     AddRequests();
     AddAudio();
@@ -56,25 +63,32 @@ class CommandLine {
     CLI::App* command = app_.add_subcommand(name, what);
     command->footer(std::string("Example:\n  ") + example + "\n\n" + kFooter);
     command->add_flag("--json", common_.json, "One JSON object a line on standard output");
-    command->add_option("--timeout", common_.timeoutMs, "Milliseconds to wait for an answer")
+    command->add_option("--timeout", common_.timeoutMs, "Milliseconds to wait for answers")
         ->check(CLI::Range(50, 600000))
         ->capture_default_str();
-    command->add_option("--to", common_.to,
-                        "Ask here for units (default: the broadcast address of every interface)");
     command->add_flag("--verbose", verbose_, "Show the protocol log on standard error");
     command->callback([this, action] { run_ = action; });
     return command;
   }
 
+  // Where to look for units.
+  CLI::App* AddTo(CLI::App* command) {
+    command
+        ->add_option("--to", common_.to,
+                     "Ask here for units (default: the broadcast address of every interface)")
+        ->allow_extra_args(false);
+    return command;
+  }
+
   CLI::App* AddForUnit(const char* name, const char* what, const char* example, Action action) {
-    CLI::App* command = Add(name, what, example, std::move(action));
+    CLI::App* command = AddTo(Add(name, what, example, std::move(action)));
     command->add_option("UNIT", unit_, "Unit id or address:port")->required();
     return command;
   }
 
   void AddRequests() {
-    Add("find", "Find the units of the network", "qz640ctl find --to 127.0.0.1",
-        [this](Output& out) { return RunFind(common_, out); });
+    AddTo(Add("find", "Find the units of the network", "qz640ctl find --to 127.0.0.1",
+              [this](Output& out) { return RunFind(common_, out); }));
     AddForUnit("info", "What a unit says of itself", "qz640ctl info 127.0.0.1:8000",
                [this](Output& out) { return RunInfo(unit_, common_, out); });
     AddForUnit("inputs", "Where a unit's inputs go", "qz640ctl inputs studio-a",
@@ -87,6 +101,7 @@ class CommandLine {
     AddForUnit("freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
                [this](Output& out) { return RunFreq(unit_, freq_, common_, out); })
         ->add_option("HZ", freq_, "48000 or 44100")
+        ->check(CLI::IsMember({48000, 44100}))
         ->required();
     AddForUnit("fm", "Show or set FM frequencies", "qz640ctl fm tuner-1 2=98700",
                [this](Output& out) { return RunFm(unit_, changes_, common_, out); })
@@ -100,7 +115,8 @@ class CommandLine {
                "qz640ctl check studio-a",
                [this](Output& out) { return RunCheck(unit_, common_, out); });
     Add("doctor", "Look at interfaces, ports, a settings file and the clock of this machine",
-        "qz640ctl doctor qz640emu.json", [this](Output& out) { return RunDoctor(settings_, out); })
+        "qz640ctl doctor qz640emu.json",
+        [this](Output& out) { return RunDoctor(settings_, common_, out); })
         ->add_option("SETTINGS", settings_,
                      "The settings file (default: that of the emulator beside qz640ctl)");
   }
@@ -109,6 +125,7 @@ class CommandLine {
     CLI::App* record = Add("record", "Record an input, bit for bit, as 24-bit stereo",
                            "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
                            [this](Output& out) { return RunRecord(record_, common_, out); });
+    AddTo(record);
     record->add_option("UNIT", record_.unit, "Unit id or address:port")->required();
     record->add_option("FILE", record_.file, "The WAV file to write")->required();
     record->add_option("--input", record_.input, "Input, counted from 0")->capture_default_str();
@@ -120,6 +137,7 @@ class CommandLine {
     CLI::App* play = Add("play", "Send audio to an output",
                          "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3",
                          [this](Output& out) { return RunPlay(play_, common_, out); });
+    AddTo(play);
     play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
     auto* file = play->add_option("FILE", play_.file, "A stereo file at the unit's frequency");
     auto* tone = play->add_option("--tone", play_.toneHz, "A sine of so many Hz instead of a file");
@@ -134,7 +152,8 @@ class CommandLine {
     play->add_option("--seconds", play_.seconds, "Length of tone or pattern")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    play->add_option("--freq", play_.sampleFreq, "The unit's sample frequency")
+    play->add_option("--freq", play_.sampleFreq, "The unit's sample frequency, 48000 or 44100")
+        ->check(CLI::IsMember({48000, 44100}))
         ->capture_default_str();
     play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
         ->check(CLI::Range(-100000.0, 100000.0));
@@ -148,6 +167,7 @@ class CommandLine {
     CLI::App* watch =
         Add("watch", "Live view of inputs: levels, rate, jitter, loss", "qz640ctl watch studio-a",
             [this](Output& out) { return RunWatch(watch_, common_, out); });
+    AddTo(watch);
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
         ->check(CLI::PositiveNumber);
@@ -162,6 +182,9 @@ class CommandLine {
         ->capture_default_str();
     up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4")->capture_default_str();
     up->add_option("--addr", up_.addr, "Local address of the units")->capture_default_str();
+    up->add_option("--port", up_.port,
+                   "Discovery port; the units' ports follow from 2 further on (default: free ones)")
+        ->check(CLI::Range(1, 65000));
     up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)");
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
     up->add_option("COMMAND", up_.command,

@@ -93,6 +93,9 @@ uint32_t Child::Start(const ChildOptions& options) {
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
   }
+  if (options.outputToError) {
+    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+  }
   ResetSignals(attributes, options.piped);
 
   std::vector<std::string> command = options.command;

@@ -81,6 +81,11 @@ uint32_t Child::Start(const ChildOptions& options) {
     startup.hStdOutput = childOutput;
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   }
+  if (options.outputToError) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+  }
   std::wstring command;
   for (const std::string& argument : options.command) {
     command += (command.empty() ? L"" : L" ") + Quoted(argument);
@@ -89,8 +94,9 @@ uint32_t Child::Start(const ChildOptions& options) {
   PROCESS_INFORMATION started{};
   const DWORD flags =
       CREATE_UNICODE_ENVIRONMENT | (options.piped ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0);
-  const BOOL ok = CreateProcessW(nullptr, command.data(), nullptr, nullptr, options.piped, flags,
-                                 environment.data(), nullptr, &startup, &started);
+  const BOOL ok = CreateProcessW(nullptr, command.data(), nullptr, nullptr,
+                                 options.piped || options.outputToError, flags, environment.data(),
+                                 nullptr, &startup, &started);
   const DWORD error = ok ? 0 : GetLastError();
   CloseIfOpen(childInput);
   CloseIfOpen(childOutput);

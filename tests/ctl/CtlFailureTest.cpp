@@ -1,0 +1,89 @@
+// What qz640ctl does when something is wrong: its status, and a line that says what to do next.
+#include "ctl/CtlFixture.h"
+
+namespace wire {
+namespace {
+
+// A WAV file of 16-bit silence without a frame (RIFF, as Microsoft and IBM defined it in 1991).
+std::string EmptyWav(char channels, uint32_t rate) {
+  const auto number = [](uint32_t value) {
+    return std::string{static_cast<char>(value), static_cast<char>(value >> 8),
+                       static_cast<char>(value >> 16), static_cast<char>(value >> 24)};
+  };
+  return "RIFF" + number(36) + "WAVEfmt " + number(16) + std::string{1, 0, channels, 0} +
+         number(rate) + number(rate * 2 * static_cast<uint32_t>(channels)) +
+         std::string{static_cast<char>(2 * channels), 0, 16, 0} + "data" + number(0);
+}
+
+TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
+  const TestFile exists("x.wav");
+  const TestFile mono("m.wav");
+  exists.Write(EmptyWav(2, 44100));
+  mono.Write(EmptyWav(1, 48000));
+  const std::string nobody = OwnAddress() + ":9";
+  const std::string taken = emulator_.Control().ToText();
+  const std::string port = std::to_string(emulator_.Discovery().port);
+  struct {
+    std::vector<std::string> arguments;
+    int status;
+    std::string says;
+  } const failures[] = {
+      {{"fm", "studio-a"}, 1, "Not supported"},
+      {{"record", "studio-a", exists.Text()}, 1, "--force"},
+      {{"record", "studio-a", "no/such/folder/x.wav"}, 1, "can't write"},
+      {{"play", "studio-a", exists.Text()}, 1, "it has 44100 Hz"},
+      {{"play", "studio-a", mono.Text()}, 1, "it has 1 channel(s)"},
+      {{"set-inputs", "studio-a", "1=off"}, 2, "there is no input 1"},
+      {{"set-inputs", "studio-a", "0=nonsense"}, 2, "must read a.b.c.d"},
+      {{"set-inputs", "studio-a", "0=127.0.0.1"}, 2, "has no port"},
+      {{"fm", "tuner-b", "4=98700"}, 2, "there is no tuner 4"},
+      {{"record", "odd-c", "x.wav"}, 2, "there is no input 0"},
+      {{"play", "tuner-b", "--pattern"}, 2, "there is no output 0"},
+      {{"info", "no-such-unit", "--timeout", "500"}, 3, "studio-a, tuner-b, odd-c"},
+      {{"record", "studio-a", "x.wav", "--local", "192.0.2.1"}, 4, "can't open a socket"},
+  };
+  for (const auto& failure : failures) {
+    if (NamesAudioFile(failure.arguments) && !HasAudioFiles()) continue;
+    std::vector<std::string> arguments = failure.arguments;
+    arguments.push_back("--json");
+    const Result result = Run(arguments);
+    EXPECT_EQ(result.status, failure.status) << failure.says << result.err;
+    EXPECT_NE(result.err.find(failure.says), std::string::npos) << result.err;
+    ASSERT_EQ(result.Objects().size(), 1u) << result.out;
+    EXPECT_NE(result.Objects()[0]["error"].string.find(failure.says), std::string::npos);
+  }
+
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    std::string says;
+  } alone[] = {
+      {{"no-such-command"}, 2, "--help"},
+      {{"find", "--timeout", "none"}, 2, "--timeout"},
+      {{"freq", taken, "96000"}, 2, "48000"},
+      {{"find", "--to", nobody, "--timeout", "300"}, 3, "asked at " + nobody},
+      {{"watch", "--to", nobody, "--timeout", "300"}, 3, "qz640ctl doctor"},
+      {{"info", nobody, "--timeout", "500"}, 3, "firewall"},
+      {{"check", nobody, "--timeout", "300"}, 3, "firewall"},
+      {{"relay", taken + "=" + nobody}, 4, "free port"},
+      {{"relay", "nonsense"}, 2, "LISTEN=TARGET"},
+      {{"doctor", "no-such-file"}, 1, ""},
+      {{"up", "--emulator", "/no/such/emulator"}, 2, "--emulator PATH"},
+      {{"up", "--emulator", QZ_CTL}, 1, "--show-log"},
+      {{"up", "--units", ",", "--emulator", QZ_EMULATOR}, 2, "2xQZ820,QZ610"},
+      {{"up", "--emulator", QZ_EMULATOR, "--", "no-such-command"}, 2, "in PATH"},
+      {{"up", "--addr", "192.0.2.1", "--emulator", QZ_EMULATOR}, 4, "qz640ctl doctor"},
+      {{"up", "--addr", emulator_.Discovery().ip, "--port", port, "--emulator", QZ_EMULATOR},
+       4,
+       "is taken"},
+  };
+  for (const auto& failure : alone) {
+    const Result result = Ctl(failure.arguments);
+    EXPECT_EQ(result.status, failure.status) << failure.says << result.err;
+    EXPECT_NE(result.err.find(failure.says), std::string::npos) << result.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists("x.wav"));  // nothing was taken, so nothing was written
+}
+
+}  // namespace
+}  // namespace wire
