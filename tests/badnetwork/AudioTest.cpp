@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "RtpAudioManager.h"
-#include "badnetwork/Party.h"
-#include "platform/text.h"
+#include "badnetwork/RunSeed.h"
 #include "relay/LossyLink.h"
 #include "support/CapturedLog.h"
+#include "support/ControlDoubles.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
 #include "support/RingModel.h"

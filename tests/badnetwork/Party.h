@@ -5,16 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "JsonUdpConnect.h"
+#include "badnetwork/RunSeed.h"
 #include "support/ControlDoubles.h"
 
 // What a party may rely on.
@@ -178,14 +176,3 @@ class Party final : public Network::IJsonUdpReceiver {
 
   Network::JsonUdpConnect connect_;  // last: it calls the rest
 };
-
-// The seed of this run, from the environment or the clock, printed so that it can be repeated.
-inline uint64_t RunSeed() {
-  static const uint64_t seed = [] {
-    const char* given = std::getenv("QZ_SEED");
-    const uint64_t value = given ? std::strtoull(given, nullptr, 10) : std::random_device()();
-    std::cout << "QZ_SEED=" << value << " repeats this run\n";
-    return value;
-  }();
-  return seed;
-}
