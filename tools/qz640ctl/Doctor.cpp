@@ -216,7 +216,8 @@ void Doctor::Ports() {
     } else {
       Problem("ports",
               text + "is taken by " + (owners.empty() ? "an unknown program" : owners) +
-                  "; end that, or change \"BasePort\" or \"BroadcastPort\"",
+                  "; end that, or change " +
+                  (name == "discovery" ? "\"BroadcastPort\"" : "\"BasePort\""),
               fields);
     }
   }
