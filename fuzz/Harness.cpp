@@ -6,25 +6,16 @@
 #include <memory>
 
 #include "runtime/Environment.h"
-#include "runtime/IDebugLog.h"
+#include "runtime/LogForms.h"
 
 namespace {
 
-class SilentLog final : public IDebugLog {
+class SilentLog final : public LogForms {
  public:
-  void Write(const std::string&) override {}
-  void Write(const char*, size_t) override {}
-  void Write(const char*) override {}
-  void Write(const std::wstring&) override {}
-  void Write(const wchar_t*, size_t) override {}
-  void Write(const wchar_t*) override {}
-  void WriteDebug(const std::string&) override {}
-  void WriteDebug(const char*, size_t) override {}
-  void WriteDebug(const char*) override {}
-  void WriteDebug(const std::wstring&) override {}
-  void WriteDebug(const wchar_t*, size_t) override {}
-  void WriteDebug(const wchar_t*) override {}
   void SetSniffer(IDebugLogSniffer*) override {}
+
+ private:
+  void WriteText(std::wstring_view) override {}
 };
 
 class SilentEnvironment final : public IEnvironment {

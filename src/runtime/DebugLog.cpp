@@ -1,7 +1,6 @@
 #include "runtime/DebugLog.h"
 
 #include <chrono>
-#include <cwchar>
 #include <system_error>
 
 #include "platform/startup.h"
@@ -63,27 +62,11 @@ CDebugLog::~CDebugLog() {
   if (thread_.joinable()) thread_.join();
 }
 
-void CDebugLog::Write(const std::string& text) {
-  Write(Utf8ToWide(text));
-}
-void CDebugLog::Write(const char* text, size_t length) {
-  Write(std::string(text, length));
-}
-void CDebugLog::Write(const char* text) {
-  Write(Utf8ToWide(text));
-}
-void CDebugLog::Write(const std::wstring& text) {
-  Write(text.data(), text.size());
-}
-void CDebugLog::Write(const wchar_t* text) {
-  Write(text, std::wcslen(text));
-}
-
-void CDebugLog::Write(const wchar_t* text, size_t length) {
-  while (length > 0 && text[length - 1] == L'\0')
-    --length;
-  if (length == 0) return;
-  std::wstring line = FormatLogLine(text, length);
+void CDebugLog::WriteText(std::wstring_view text) {
+  while (text.ends_with(L'\0'))
+    text.remove_suffix(1);
+  if (text.empty()) return;
+  std::wstring line = FormatLogLine(text.data(), text.size());
   bool first = false;
   {
     std::lock_guard lock(queueLock_);
@@ -92,23 +75,6 @@ void CDebugLog::Write(const wchar_t* text, size_t length) {
     ++queued_;
   }
   if (first) queueSignal_.notify_one();
-}
-
-void CDebugLog::WriteDebug(const std::string& text) {
-  WriteDebug(Utf8ToWide(text));
-}
-void CDebugLog::WriteDebug(const char* text, size_t length) {
-  WriteDebug(std::string(text, length));
-}
-void CDebugLog::WriteDebug(const char* text) {
-  WriteDebug(Utf8ToWide(text));
-}
-void CDebugLog::WriteDebug(const std::wstring& text) {
-  WriteDebug(text.data(), text.size());
-}
-void CDebugLog::WriteDebug(const wchar_t*, size_t) {}
-void CDebugLog::WriteDebug(const wchar_t* text) {
-  WriteDebug(text, std::wcslen(text));
 }
 
 void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {

@@ -13,15 +13,15 @@
 #include <string>
 #include <thread>
 
-#include "runtime/IDebugLog.h"
 #include "runtime/LogFiles.h"
+#include "runtime/LogForms.h"
 #include "runtime/LogLine.h"
 
 // Starts a log with its writer thread, which opens the first file. The last holder of the pointer
 // ends it: the queue is then emptied and the file closed first.
 std::shared_ptr<IDebugLog> CreateDebugLog(const LogParams& params);
 
-class CDebugLog final : public IDebugLog {
+class CDebugLog final : public LogForms {
  public:
   CDebugLog();  // without files
   explicit CDebugLog(const LogParams& params);
@@ -29,23 +29,10 @@ class CDebugLog final : public IDebugLog {
   CDebugLog(const CDebugLog&) = delete;
   CDebugLog& operator=(const CDebugLog&) = delete;
 
-  void Write(const std::string& text) override;
-  void Write(const char* text, size_t length) override;
-  void Write(const char* text) override;
-  void Write(const std::wstring& text) override;
-  void Write(const wchar_t* text, size_t length) override;
-  void Write(const wchar_t* text) override;
-
-  void WriteDebug(const std::string& text) override;
-  void WriteDebug(const char* text, size_t length) override;
-  void WriteDebug(const char* text) override;
-  void WriteDebug(const std::wstring& text) override;
-  void WriteDebug(const wchar_t* text, size_t length) override;
-  void WriteDebug(const wchar_t* text) override;
-
   void SetSniffer(IDebugLogSniffer* sniffer) override;
 
  private:
+  void WriteText(std::wstring_view text) override;
   void StartWriter();
   void RunWriter();
   void DrainQueue(std::unique_lock<std::mutex>& lock);

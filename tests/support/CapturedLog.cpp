@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cwchar>
 
 #include "platform/text.h"
 
@@ -77,24 +76,8 @@ std::vector<std::wstring> CapturedLog::UntakenFailures() const {
   return failures;
 }
 
-void CapturedLog::Write(const std::string& text) {
-  Write(Utf8ToWide(text));
-}
-void CapturedLog::Write(const char* text, size_t length) {
-  Write(std::string(text, length));
-}
-void CapturedLog::Write(const char* text) {
-  Write(Utf8ToWide(text));
-}
-void CapturedLog::Write(const wchar_t* text, size_t length) {
-  Write(std::wstring(text, length));
-}
-void CapturedLog::Write(const wchar_t* text) {
-  Write(text, std::wcslen(text));
-}
-
-void CapturedLog::Write(const std::wstring& text) {
+void CapturedLog::WriteText(std::wstring_view text) {
   std::lock_guard lock(mutex_);
-  entries_.push_back({text, false});
+  entries_.push_back({std::wstring(text), false});
   written_.notify_all();
 }

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "runtime/IDebugLog.h"
+#include "runtime/LogForms.h"
 
-class CapturedLog final : public IDebugLog {
+class CapturedLog final : public LogForms {
  public:
   // The one log of the test program.
   static CapturedLog& Get();
@@ -37,21 +37,11 @@ class CapturedLog final : public IDebugLog {
   // The failure reports that nobody has taken.
   std::vector<std::wstring> UntakenFailures() const;
 
-  void Write(const std::string& text) override;
-  void Write(const char* text, size_t length) override;
-  void Write(const char* text) override;
-  void Write(const std::wstring& text) override;
-  void Write(const wchar_t* text, size_t length) override;
-  void Write(const wchar_t* text) override;
-  void WriteDebug(const std::string&) override {}
-  void WriteDebug(const char*, size_t) override {}
-  void WriteDebug(const char*) override {}
-  void WriteDebug(const std::wstring&) override {}
-  void WriteDebug(const wchar_t*, size_t) override {}
-  void WriteDebug(const wchar_t*) override {}
   void SetSniffer(IDebugLogSniffer*) override {}
 
  private:
+  void WriteText(std::wstring_view text) override;
+
   struct Entry {
     std::wstring text;
     bool taken = false;

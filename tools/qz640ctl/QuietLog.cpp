@@ -1,12 +1,12 @@
 #include "QuietLog.h"
 
 #include <cstdio>
-#include <cwchar>
 #include <mutex>
 
 #include "platform/text.h"
-#include "runtime/DebugLog.h"
 #include "runtime/Environment.h"
+#include "runtime/LogForms.h"
+#include "runtime/LogLine.h"
 
 namespace ctl {
 
@@ -14,31 +14,19 @@ namespace {
 
 bool verboseLog = false;
 
-class QuietLog final : public IDebugLog {
+class QuietLog final : public LogForms {
  public:
-  void Write(const std::string& text) override { Write(Utf8ToWide(text)); }
-  void Write(const char* text, size_t length) override { Write(std::string(text, length)); }
-  void Write(const char* text) override { Write(Utf8ToWide(text)); }
-  void Write(const std::wstring& text) override { Write(text.data(), text.size()); }
-  void Write(const wchar_t* text) override { Write(text, std::wcslen(text)); }
+  void SetSniffer(IDebugLogSniffer*) override {}
 
-  void Write(const wchar_t* text, size_t length) override {
-    if (!verboseLog || length == 0) return;
-    std::string line = platform::WideToUtf8Lossy(FormatLogLine(text, length));
+ private:
+  void WriteText(std::wstring_view text) override {
+    if (!verboseLog || text.empty()) return;
+    std::string line = platform::WideToUtf8Lossy(FormatLogLine(text.data(), text.size()));
     line.replace(line.size() - 2, 2, "\n");  // one line end is enough here
     std::lock_guard lock(mutex_);
     std::fwrite(line.data(), 1, line.size(), stderr);
   }
 
-  void WriteDebug(const std::string&) override {}
-  void WriteDebug(const char*, size_t) override {}
-  void WriteDebug(const char*) override {}
-  void WriteDebug(const std::wstring&) override {}
-  void WriteDebug(const wchar_t*, size_t) override {}
-  void WriteDebug(const wchar_t*) override {}
-  void SetSniffer(IDebugLogSniffer*) override {}
-
- private:
   std::mutex mutex_;
 };
 
