@@ -22,7 +22,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr size_t kLargestInput = 4096;
+constexpr size_t kLargestInput = 512;
 constexpr int kMaxSends = 40;
 constexpr int kTransmissions = 5;
 constexpr int64_t kAckTimeoutMs = 50;
