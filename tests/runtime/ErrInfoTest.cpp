@@ -47,19 +47,9 @@ TEST(ErrInfo, TextForms) {
             L" ErrType=1 ErrCode=2733 ErrStr=bind" + place);
   EXPECT_EQ(err.SetCode(0, std::wstring()).ToString(), L" ErrType=1 ErrCode=0" + place);
   EXPECT_EQ(err.SetCode(0xFFABCDEF, L"").ToString(), L" ErrType=1 ErrCode=ffabcdef" + place);
-
-  // A text failure shows no code, but keeps the one that it had.
-  EXPECT_EQ(err.SetText(L"again").ToString(), L" ErrStr=again" + place);
-  EXPECT_EQ(err.Code(), 0xFFABCDEFu);
+  EXPECT_EQ(err.SetText(L"again").ToString(), L" ErrStr=again" + place) << "it shows no code";
+  EXPECT_EQ(err.Code(), 0xFFABCDEFu) << "but keeps the one that it had";
   Log().Allow(L"Network::Emulator::Init");
-}
-
-TEST(ErrInfo, LocationIsThatOfTheMacro) {
-  const ErrInfo err = ERR_HERE("Network::Sample::Fail").SetText(L"x");
-  const int line = __LINE__ - 1;
-  EXPECT_EQ(err.ToString(), L" ErrStr=x Method=Network::Sample::Fail File=src\\Sample Line=" +
-                                std::to_wstring(line));
-  Log().Allow(L"Sample::Fail");
 }
 
 TEST(ErrInfo, DroppedFailureIsLoggedOnceInItsTextForm) {
@@ -73,33 +63,38 @@ TEST(ErrInfo, DroppedFailureIsLoggedOnceInItsTextForm) {
   Log().Allow(L"A::B");
 }
 
-TEST(ErrInfo, SuccessIsNeverLogged) {
+TEST(ErrInfo, OfAllHoldersOneReports) {
   {
-    ErrInfo err = ERR_HERE("A::B");
-    const ErrInfo copy = err;
-    err = copy;
-  }
-  EXPECT_TRUE(Log().Lines().empty());
-}
-
-TEST(ErrInfo, FailureThatIsHandedUpIsLoggedByTheLastHolderAlone) {
-  {
-    const ErrInfo err = Through(5);
-    EXPECT_FALSE(err.IsOk());
+    const ErrInfo handedUp = Through(5);
+    EXPECT_FALSE(handedUp.IsOk());
     EXPECT_EQ(Reports(), 0);
   }
   EXPECT_EQ(Reports(), 1);
-}
 
-TEST(ErrInfo, FirstCopyTakesTheDutyAndLaterOnesHaveNone) {
+  // The first copy takes the duty, later ones have none.
   auto first = std::make_unique<ErrInfo>(Failure());
   auto second = std::make_unique<ErrInfo>(*first);
   auto third = std::make_unique<ErrInfo>(*first);
+  const ErrInfo& same = *second;
+  *second = same;
   first.reset();
   third.reset();
   EXPECT_EQ(Reports(), 0);
   second.reset();
   EXPECT_EQ(Reports(), 1);
+
+  {
+    std::vector<ErrInfo> kept;
+    for (int i = 0; i < 10; ++i)
+      kept.push_back(Failure());  // growing copies what is there already
+    const std::function<bool()> call = [err = Failure()] { return err.IsOk(); };
+    const std::function<bool()> copy = call;
+    EXPECT_FALSE(copy());
+    for (const ErrInfo& err : kept)
+      EXPECT_FALSE(err.IsOk()) << "a failure became a success on the way";
+    EXPECT_EQ(Reports(), 0);
+  }
+  EXPECT_EQ(Reports(), 11);
 }
 
 TEST(ErrInfo, AssignmentDropsTheOldFailureUnreported) {
@@ -112,42 +107,6 @@ TEST(ErrInfo, AssignmentDropsTheOldFailureUnreported) {
     EXPECT_TRUE(err.IsOk());
   }
   EXPECT_TRUE(Log().Lines().empty());
-}
-
-TEST(ErrInfo, SelfAssignmentKeepsFailureAndDuty) {
-  {
-    ErrInfo err = Failure();
-    const ErrInfo& same = err;
-    err = same;
-    EXPECT_FALSE(err.IsOk());
-  }
-  EXPECT_EQ(Reports(), 1);
-}
-
-TEST(ErrInfo, CopiesShareWhatTheyHold) {
-  {
-    ErrInfo err = Failure();
-    const ErrInfo copy = err;
-    err.SetText(L"more exactly");
-    EXPECT_NE(copy.ToString().find(L"more exactly"), std::wstring::npos);
-  }
-  EXPECT_EQ(Reports(), 1);
-}
-
-TEST(ErrInfo, DutyLivesOnInContainersAndLambdas) {
-  {
-    std::vector<ErrInfo> kept;
-    for (int i = 0; i < 10; ++i)
-      kept.push_back(Failure());  // growing copies what is there already
-    std::function<bool()> call = [err = Failure()] { return err.IsOk(); };
-    std::function<bool()> copy = call;
-    EXPECT_FALSE(call());
-    EXPECT_FALSE(copy());
-    for (const ErrInfo& err : kept)
-      EXPECT_FALSE(err.IsOk()) << "a failure became a success on the way";
-    EXPECT_EQ(Reports(), 0);
-  }
-  EXPECT_EQ(Reports(), 11);
 }
 
 class EnvironmentWithoutLog final : public IEnvironment {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 namespace {
 
 std::wstring Windows(std::wstring path) {
@@ -13,44 +15,30 @@ std::wstring Posix(std::wstring path) {
 
 }  // namespace
 
-TEST(NormalizePath, ResolvesDotsInWindowsPaths) {
-  EXPECT_EQ(Windows(L"C:/a/./b/../c"), L"C:\\a\\c");
-  EXPECT_EQ(Windows(L"a\\..\\b"), L"b");
-  EXPECT_EQ(Windows(L".\\a\\."), L"a");
-  EXPECT_EQ(Windows(L"a\\b\\c\\..\\.."), L"a");
-  EXPECT_EQ(Windows(L"a\\.b\\..c\\d."), L"a\\.b\\..c\\d.");
-}
-
-TEST(NormalizePath, LeavesTheRootAlone) {
-  EXPECT_EQ(Windows(L"\\"), L"\\");
-  EXPECT_EQ(Windows(L"\\a\\.."), L"\\");
-  EXPECT_EQ(Windows(L"\\.\\a"), L"\\a");
-  EXPECT_EQ(Windows(L"C:\\a\\.."), L"C:\\");
-  EXPECT_EQ(Windows(L"C:\\a\\..\\b"), L"C:\\b");
-  EXPECT_EQ(Windows(L"\\\\server\\share\\x\\..\\y"), L"\\\\server\\share\\y");
-  EXPECT_EQ(Windows(L"//server/share/x/../../y"), L"\\\\server\\share\\..\\y");
-  EXPECT_EQ(Windows(L"\\\\server\\.."), L"\\\\server\\..");
-}
-
-TEST(NormalizePath, KeepsWhatLeadsAboveTheStart) {
-  EXPECT_EQ(Windows(L"..\\a"), L"..\\a");
-  EXPECT_EQ(Windows(L"a\\..\\..\\..\\b"), L"..\\..\\b");
-  EXPECT_EQ(Windows(L"..\\a\\..\\..\\b"), L"..\\..\\b");
-  EXPECT_EQ(Posix(L"/../a"), L"/../a");
-}
-
-TEST(NormalizePath, CountsAnEmptySegmentAsOne) {
-  EXPECT_EQ(Windows(L"a\\\\b"), L"a\\\\b");
-  EXPECT_EQ(Windows(L"a\\\\..\\b"), L"a\\b");
-  EXPECT_EQ(Posix(L"a//../b/"), L"a/b/");
-}
-
-TEST(NormalizePath, KnowsOnlyTheSlashOnPosix) {
-  EXPECT_EQ(Posix(L"/tmp/x/../y/./z"), L"/tmp/y/z");
-  EXPECT_EQ(Posix(L"/a/.."), L"/");
-  EXPECT_EQ(Posix(L"a\\..\\b"), L"a\\..\\b");
-  EXPECT_EQ(Posix(L"C:/../b"), L"b");
-  EXPECT_EQ(Posix(L""), L"");
+// The plain cases are held to a model by FuzzNormalizePath; these are the ones that it leaves out.
+TEST(NormalizePath, RootsDrivesSharesAndEmptySegments) {
+  const std::pair<const wchar_t*, const wchar_t*> windows[] = {
+      {L"C:/a/./b/../c", L"C:\\a\\c"},
+      {L".\\a\\.", L"a"},
+      {L"a\\b\\c\\..\\..", L"a"},
+      {L"a\\..\\..\\..\\b", L"..\\..\\b"},
+      {L"a\\.b\\..c\\d.", L"a\\.b\\..c\\d."},
+      {L"\\a\\..", L"\\"},
+      {L"C:\\a\\..", L"C:\\"},
+      {L"C:\\a\\..\\b", L"C:\\b"},
+      {L"//server/share/x/../../y", L"\\\\server\\share\\..\\y"},
+      {L"\\\\server\\..", L"\\\\server\\.."},
+      {L"a\\\\b", L"a\\\\b"},
+      {L"a\\\\..\\b", L"a\\b"},
+  };
+  for (const auto& [path, expected] : windows)
+    EXPECT_EQ(Windows(path), expected);
+  const std::pair<const wchar_t*, const wchar_t*> posix[] = {
+      {L"/tmp/x/../y/./z", L"/tmp/y/z"}, {L"/../a", L"/../a"}, {L"a//../b/", L"a/b/"},
+      {L"a\\..\\b", L"a\\..\\b"},        {L"C:/../b", L"b"},
+  };
+  for (const auto& [path, expected] : posix)
+    EXPECT_EQ(Posix(path), expected);
 }
 
 TEST(ModulePath, IsCutAtTheLastSeparatorAndTheLastDot) {
@@ -67,10 +55,8 @@ TEST(ModulePath, IsCutAtTheLastSeparatorAndTheLastDot) {
 }
 
 TEST(ModulePath, NamesThisProgram) {
-  const std::wstring full = GetModulePath(true, true);
-  const std::wstring name = GetModulePath(false, true);
   EXPECT_EQ(GetModulePath(false, false), L"runtime_tests");
-  EXPECT_TRUE(full.ends_with(GetPathSeparator() + name)) << "the name ends the full path";
+  EXPECT_TRUE(GetModulePath(true, true).ends_with(GetPathSeparator() + GetModulePath(false, true)));
 }
 
 TEST(TrailingSeparator, IsAddedOnceAndRemovedOnce) {
@@ -80,19 +66,11 @@ TEST(TrailingSeparator, IsAddedOnceAndRemovedOnce) {
   const std::wstring nul(1, L'\0');
 
   EXPECT_EQ(add(L""), separator);
-  EXPECT_EQ(add(L"x"), L"x" + separator);
   EXPECT_EQ(add(L"x" + separator), L"x" + separator);
   EXPECT_EQ(add(L"x" + nul), L"x" + separator);
   EXPECT_EQ(add(nul), L"");
 
   EXPECT_EQ(remove(L"x" + separator + nul), L"x");
   EXPECT_EQ(remove(L"x" + separator + separator), L"x" + separator);
-  EXPECT_EQ(remove(L"x"), L"x");
   EXPECT_EQ(remove(L""), L"");
-}
-
-TEST(TempDir, EndsInASeparator) {
-  const std::wstring dir = GetTempDir();
-  ASSERT_FALSE(dir.empty());
-  EXPECT_EQ(dir.back(), GetPathSeparator());
 }

@@ -37,23 +37,4 @@ TEST(TrackedMutex, LineTellsWaitingFromOwningAndReleasing) {
   EXPECT_EQ(Log().TryTake(L"LOCK"), L"LOCK: x: Total=12 Waiting=3 Owning=1 Release=7");
 }
 
-// The line is written behind the unlock, so a slow log doesn't prolong what it complains of; the
-// holder of a recursive mutex may lock it again.
-TEST(TrackedMutex, RecursiveMutexIsWatchedInEachOfItsLocks) {
-  ManualClock clock;
-  TrackedRecursiveMutex mutex(L"UdpSock::_SockMutex");
-  {
-    ScopedLock outer(mutex);
-    {
-      ScopedLock inner(mutex);
-      clock.AdvanceMs(6);
-    }
-    clock.AdvanceMs(1);
-  }
-  EXPECT_EQ(Log().TryTake(L"Total=6 "),
-            L"LOCK: UdpSock::_SockMutex: Total=6 Waiting=0 Owning=6 Release=0");
-  EXPECT_EQ(Log().TryTake(L"Total=7 "),
-            L"LOCK: UdpSock::_SockMutex: Total=7 Waiting=0 Owning=7 Release=0");
-}
-
 }  // namespace
