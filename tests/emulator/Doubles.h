@@ -18,11 +18,6 @@
 #include "platform/text.h"
 #include "support/FakeNetwork.h"
 
-struct Answer {
-  std::shared_ptr<Network::JsonMsg> msg;
-  Network::NetAddr to;
-};
-
 class FakeConnect;
 class FakeListener;
 class FakeRtp;
@@ -44,16 +39,6 @@ class Bench {
     return std::exchange(story_, {});
   }
 
-  void Sent(const std::shared_ptr<Network::JsonMsg>& msg, const Network::NetAddr& to) {
-    std::lock_guard lock(mutex_);
-    answers_.push_back({msg, to});
-  }
-
-  std::vector<Answer> TakeAnswers() {
-    std::lock_guard lock(mutex_);
-    return std::exchange(answers_, {});
-  }
-
   // The latest that were made; they die with their owner.
   FakeSync* sync = nullptr;
   FakeRtp* rtp = nullptr;
@@ -69,7 +54,6 @@ class Bench {
  private:
   std::mutex mutex_;
   std::vector<std::string> story_;
-  std::vector<Answer> answers_;
 };
 
 // A double's name and its place in the story.
@@ -167,7 +151,6 @@ class FakeSync final : public Network::ISyncManager, private Actor {
     for (Network::ISyncTarget* target : targets_)
       target->OnSync(this, 0, freq_);
   }
-  size_t TargetCount() const { return targets_.size(); }
 
  private:
   std::vector<Network::ISyncTarget*> targets_;
@@ -177,7 +160,7 @@ class FakeSync final : public Network::ISyncManager, private Actor {
   Repeater ticks_;
 };
 
-// Hands out `received` and keeps what was sent, both without allocating.
+// Receives silence and keeps what was sent, both without allocating.
 class FakeRtp final : public Network::IRtpAudioManager, private Actor {
  public:
   using Channel = std::array<float, 192>;
@@ -188,15 +171,14 @@ class FakeRtp final : public Network::IRtpAudioManager, private Actor {
   void AddTarget(Network::ISyncTarget*) override { Act("AddTarget"); }
   ErrInfo DelTarget(Network::ISyncTarget*) override { return Act("DelTarget"); }
   ErrInfo Init(const Network::RtpManagerInfo& newInfo) override {
-    ErrInfo err = Act("Init");
-    if (err.IsOk()) info = newInfo;
-    return err;
+    info_ = newInfo;
+    return Act("Init");
   }
   ErrInfo Start() override { return Act("Start"); }
   void Stop() override { Act("Stop"); }
   bool IsStarted() override { return false; }
-  uint64_t GetRecvChanCount() override { return info.RecvAddrs.size(); }
-  uint64_t GetSendChanCount() override { return info.SendChans.size(); }
+  uint64_t GetRecvChanCount() override { return info_.RecvAddrs.size(); }
+  uint64_t GetSendChanCount() override { return info_.SendChans.size(); }
   ErrInfo SetSendChanAddr(uint64_t index, const Network::NetAddr& addr) override {
     return Act("SetSendChanAddr " + std::to_string(index) + " " + WideToUtf8(addr.ToText()));
   }
@@ -204,20 +186,12 @@ class FakeRtp final : public Network::IRtpAudioManager, private Actor {
   ErrInfo SendPackets(std::vector<Network::RtpPacket>&) override { return Act("SendPackets"); }
   void SetSendFilter(Network::IRtpSendFilter*) override {}
 
-  ErrInfo RecvAudio(const std::vector<float*>& buffers, uint32_t count) override {
-    recvBuffers = buffers.size();
-    recvCount = count;
-    for (size_t i = 0; i < buffers.size() && i < received.size(); ++i) {
-      std::copy(received[i].begin(), received[i].end(), buffers[i]);
-    }
+  ErrInfo RecvAudio(const std::vector<float*>&, uint32_t) override {
     ErrInfo err("FakeRtp::RecvAudio", "tests\\Doubles", 0);
     if (failAudio) err.SetText(L"RecvAudio failed");
     return err;
   }
-  ErrInfo SendAudio(const std::vector<float*>& buffers, uint32_t count) override {
-    ++ticks;
-    sentBuffers = buffers.size();
-    sentCount = count;
+  ErrInfo SendAudio(const std::vector<float*>& buffers, uint32_t) override {
     for (size_t i = 0; i < buffers.size() && i < sent.size(); ++i) {
       std::copy(buffers[i], buffers[i] + sent[i].size(), sent[i].begin());
     }
@@ -226,13 +200,11 @@ class FakeRtp final : public Network::IRtpAudioManager, private Actor {
     return err;
   }
 
-  Network::RtpManagerInfo info;
   bool failAudio = false;
-  std::vector<Channel> received;  // left, right of each output; nothing arrived where it's missing
   std::array<Channel, 8> sent{};  // left, right of each input
-  size_t recvBuffers = 0, sentBuffers = 0;
-  uint32_t recvCount = 0, sentCount = 0;
-  std::atomic<int> ticks{0};
+
+ private:
+  Network::RtpManagerInfo info_;
 };
 
 class FakeConnect final : public Network::IJsonUdpConnect, private Actor {
@@ -264,8 +236,7 @@ class FakeConnect final : public Network::IJsonUdpConnect, private Actor {
   ErrInfo SendDirect(const std::shared_ptr<Network::JsonMsg>&, const Network::NetAddr&) override {
     return Act("SendDirect");
   }
-  ErrInfo Send(const std::shared_ptr<Network::JsonMsg>& msg, const Network::NetAddr& to) override {
-    if (bench_.telling) bench_.Sent(msg, to);
+  ErrInfo Send(const std::shared_ptr<Network::JsonMsg>&, const Network::NetAddr&) override {
     return Act("Send");
   }
 
@@ -296,10 +267,6 @@ class FakeListener final : public Network::IJsonUdpManager, private Actor {
   ErrInfo SetDefaultSendAddr(const Network::NetAddr&) override { return Act("SetDefaultSendAddr"); }
   ErrInfo SendDirect(const std::shared_ptr<Network::JsonMsg>&, const Network::NetAddr&) override {
     return Act("SendDirect");
-  }
-
-  void Deliver(const std::shared_ptr<Network::JsonMsg>& msg, const Network::NetAddr& from) {
-    info.Receiver->OnMsgReceived(this, msg, from);
   }
 
   Network::JsonUdpInfo info;

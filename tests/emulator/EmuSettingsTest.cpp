@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <ostream>
 
 #include "emulator/SettingsFile.h"
 #include "support/CapturedLog.h"
@@ -40,25 +39,18 @@ TEST(EmuSettings, TakesEveryKeyAndForgetsOthers) {
   ASSERT_TRUE(settings
                   .FromString(L"{\"extra\":[1],\"BroadcastPort\":7,\"AddrStr\":\"10.0.0.1\","
                               L"\"units\":[{\"UnitType\":\"QZ820\",\"UnitId\":\"a\",\"Mode\":-3,"
-                              L"\"SampleFreq\":-1,\"Speed\":2,\"BasePort\":1}]}")
+                              L"\"SampleFreq\":-1,\"Speed\":1.234567,\"BasePort\":1}]}")
                   .IsOk());
   EXPECT_EQ(settings.AddrStr, L"10.0.0.1");
   EXPECT_EQ(settings.units.at(0).SampleFreq, 4294967295u);
   EXPECT_EQ(settings.units.at(0).BasePort, 8000);  // computed, whatever the file says
-  EXPECT_EQ(settings.units.at(0).Speed, 2.0);
-  EXPECT_EQ(settings.ToString(),
+  const std::wstring text = settings.ToString();
+  EXPECT_EQ(text,
             L"{\"AddrStr\":\"10.0.0.1\",\"BasePort\":8000,\"BroadcastPort\":7,\"units\":["
-            L"{\"Mode\":-3,\"SampleFreq\":-1,\"Speed\":2.00000,\"UnitId\":\"a\","
+            L"{\"Mode\":-3,\"SampleFreq\":-1,\"Speed\":1.23457,\"UnitId\":\"a\","
             L"\"UnitType\":\"QZ820\"}]}");
-}
-
-TEST(EmuSettings, SpeedTextIsStableFromTheFirstRewriteOn) {
-  EmuSettings settings;
-  ASSERT_TRUE(settings.FromString(L"{\"units\":[{\"Speed\":1.234567}]}").IsOk());
-  const std::wstring first = settings.ToString();
-  EXPECT_NE(first.find(L"\"Speed\":1.23457,"), std::wstring::npos);
-  ASSERT_TRUE(settings.FromString(first).IsOk());
-  EXPECT_EQ(settings.ToString(), first);
+  ASSERT_TRUE(settings.FromString(text).IsOk());
+  EXPECT_EQ(settings.ToString(), text) << "stable from the first rewrite on";
 }
 
 TEST(EmuSettings, HandsOutPortsByModel) {
@@ -70,83 +62,63 @@ TEST(EmuSettings, HandsOutPortsByModel) {
   const std::vector<int32_t> ports = {9000, 9006, 9016, 9022, 9024};
   for (size_t i = 0; i < ports.size(); ++i)
     EXPECT_EQ(settings.units.at(i).BasePort, ports[i]);
-  EXPECT_EQ(settings.units[1].GetInputCount(), 4);
-  EXPECT_EQ(settings.units[1].GetOutputCount(), 0);
   EXPECT_EQ(settings.units[3].GetInputCount(), 0);
-  EXPECT_EQ(settings.units[3].GetOutputCount(), 0);
-}
-
-TEST(EmuSettings, PortsBeyondTheRangeWrapInsteadOfOverflowing) {
-  EmuSettings settings;
   ASSERT_TRUE(settings.FromString(L"{\"BasePort\":2147483647,\"units\":[{},{}]}").IsOk());
-  EXPECT_EQ(settings.units.at(1).BasePort, std::numeric_limits<int32_t>::min() + 5);
+  EXPECT_EQ(settings.units.at(1).BasePort, std::numeric_limits<int32_t>::min() + 5) << "wraps";
 }
 
 // A file with a mistake must cost the user nothing but a clear line: not the process, not the file,
 // not half of the settings.
-struct BadText {
-  const char* name;
-  std::string bytes;
-  const wchar_t* words;  // what the failure has to tell
-
-  friend void PrintTo(const BadText& text, std::ostream* out) { *out << text.name; }
-};
-
-class BadSettings : public testing::TestWithParam<BadText> {};
-
-TEST_P(BadSettings, AreRefusedWholeByNameOfFileAndMistake) {
-  SettingsFile file;
-  file.Write(GetParam().bytes);
-  EmuSettings settings;
-  settings.AddrStr = L"10.0.0.1";
-  settings.BasePort = 4000;
-  settings.units.resize(3);
-  const std::wstring before = settings.ToString();
-
-  const std::wstring failure = FailureOf(settings.FromFile(file.Path()));
-
-  EXPECT_NE(failure.find(GetParam().words), std::wstring::npos) << WideToUtf8(failure);
-  EXPECT_NE(failure.find(L"\"" + file.Path() + L"\""), std::wstring::npos);
-  EXPECT_EQ(settings.ToString(), before);
-  EXPECT_EQ(file.Read(), GetParam().bytes);
+TEST(EmuSettings, BadTextIsRefusedWholeByNameOfFileAndMistake) {
+  const struct {
+    std::string bytes;
+    const wchar_t* words;  // what the failure has to tell
+  } table[] = {
+      {"", L"Parse error"},
+      {"{\"units\":[{}", L"Parse error"},
+      {"{\"BasePort\":many}", L"Parse error"},
+      {"{\"BasePort\":1,}", L"key string expected"},
+      {"\xEF\xBB\xBF{}", L"Parse error"},
+      {"{\"AddrStr\":\"\xFF\"}", L"bad conversion"},
+      {"{\"units\":[{\"UnitId\":\"a\"}]}\xC3", L"bad conversion"},
+      {"[]", L"non-object"},
+      {"{\"AddrStr\":\"1.1.1.1\",\"BasePort\":\"8000\"}", L"BasePort: "},
+      {"{\"BroadcastPort\":1.0}", L"BroadcastPort: "},
+      {"{\"units\":[{},{\"UnitId\":7}]}", L"units[1]: UnitId: "},
+      {"{\"units\":[\"QZ610\"]}", L"units[0]: "},
+      {"{\"units\":{}}", L"units: "},
+      {"{\"units\":[{\"SampleFreq\":2147483648}]}", L"SampleFreq: overflow"},
+      {"{\"units\":[{\"Speed\":true}]}", L"Speed: "},
+      {std::string(200000, '['), L"Parse error"},
+  };
+  for (const auto& [bytes, words] : table) {
+    SCOPED_TRACE(bytes.substr(0, 60));
+    SettingsFile file;
+    file.Write(bytes);
+    EmuSettings settings;
+    settings.AddrStr = L"10.0.0.1";
+    settings.units.resize(3);
+    const std::wstring before = settings.ToString();
+    const std::wstring failure = FailureOf(settings.FromFile(file.Path()));
+    EXPECT_NE(failure.find(words), std::wstring::npos) << WideToUtf8(failure);
+    EXPECT_NE(failure.find(L"\"" + file.Path() + L"\""), std::wstring::npos);
+    EXPECT_EQ(settings.ToString(), before);
+    EXPECT_EQ(file.Read(), bytes);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, BadSettings,
-    testing::Values(BadText{"Empty", "", L"Parse error"},
-                    BadText{"CutShort", "{\"units\":[{}", L"Parse error"},
-                    BadText{"Syntax", "{\"BasePort\":1,}", L"key string expected"},
-                    BadText{"ByteOrderMark", "\xEF\xBB\xBF{}", L"Parse error"},
-                    BadText{"NotUtf8", "{\"AddrStr\":\"\xFF\"}", L"bad conversion"},
-                    BadText{"ArrayAsRoot", "[]", L"non-object"},
-                    BadText{"TextAsPort", "{\"AddrStr\":\"1.1.1.1\",\"BasePort\":\"8000\"}",
-                            L"BasePort: "},
-                    BadText{"FractionAsPort", "{\"BroadcastPort\":1.0}", L"BroadcastPort: "},
-                    BadText{"NumberAsId", "{\"units\":[{},{\"UnitId\":7}]}", L"units[1]: UnitId: "},
-                    BadText{"TextAsUnit", "{\"units\":[\"QZ610\"]}", L"units[0]: "},
-                    BadText{"ObjectAsUnits", "{\"units\":{}}", L"units: "},
-                    BadText{"TooLargeFreq", "{\"units\":[{\"SampleFreq\":2147483648}]}",
-                            L"SampleFreq: overflow"},
-                    BadText{"ConstantAsSpeed", "{\"units\":[{\"Speed\":true}]}", L"Speed: "},
-                    BadText{"Deep", std::string(200000, '['), L"Parse error"}),
-    [](const auto& param) { return param.param.name; });
 
 TEST(EmuSettings, FailuresOfTheFileItselfAreThoseOfTheFileLayer) {
   SettingsFile file;
   EmuSettings settings;
   EXPECT_NE(FailureOf(settings.FromFile(file.Path())).find(L"open error: file"),
             std::wstring::npos);
-  std::filesystem::create_directory(file.NativePath());
-  EXPECT_NE(FailureOf(settings.FromFile(file.Path())).find(file.Path()), std::wstring::npos);
-  EXPECT_NE(FailureOf(settings.ToFile(file.Path())).find(file.Path()), std::wstring::npos);
-}
-
-TEST(EmuSettings, EmptyTextIsAParseError) {
-  EmuSettings settings;
   EXPECT_EQ(FailureOf(settings.FromString(L""))
                 .find(L" ErrStr=Parse error Method=Network::EmuSettings::FromString "
                       L"File=src\\AudioCardEmu Line="),
             0u);
+  std::filesystem::create_directory(file.NativePath());
+  EXPECT_NE(FailureOf(settings.FromFile(file.Path())).find(file.Path()), std::wstring::npos);
+  EXPECT_NE(FailureOf(settings.ToFile(file.Path())).find(file.Path()), std::wstring::npos);
 }
 
 TEST(EmuSettings, FileIsWrittenOnlyWhenItChanges) {

@@ -1,4 +1,4 @@
-// The emulator's life: settings at the start, order of its steps, and what a failure does to them.
+// The emulator's life: order of its steps, and what a failure does to them.
 #include "Emulator.h"
 
 #include <gtest/gtest.h>
@@ -14,9 +14,8 @@ using Story = std::vector<std::string>;
 
 class EmulatorTest : public testing::Test {
  protected:
-  // An emulator with this settings file; without one if `settings` is null.
   void Make(const char* settings) {
-    if (settings) file_.Write(settings);
+    file_.Write(settings);
     EmulatorParts parts = bench_.EmulatorParts();
     parts.SettingsPath = file_.Path();
     emulator_ = std::make_unique<Emulator>(parts);
@@ -39,34 +38,6 @@ class EmulatorTest : public testing::Test {
 
 constexpr char kTwoUnits[] = R"({"AddrStr":"127.0.0.5","BroadcastPort":16000,)"
                              R"("units":[{"UnitId":"a"},{"UnitId":"b","UnitType":"QZ820"}]})";
-
-TEST_F(EmulatorTest, FirstRunHasNoUnitAndTheSecondHasOne) {
-  Make(nullptr);
-  EXPECT_NE(Log().TryTake(L"open error: file"), L"");
-  EXPECT_EQ(file_.Read(), R"({"AddrStr":"","BasePort":8000,"BroadcastPort":15001})");
-  EXPECT_TRUE(emulator_->GetSettings().units.empty());
-  ASSERT_TRUE(emulator_->Init().IsOk());
-  ASSERT_TRUE(emulator_->Start().IsOk());
-  EXPECT_EQ(bench_.TakeStory(), (Story{"BroadcastCatcher Init", "BroadcastCatcher Start"}));
-  bench_.listener->Deliver(std::make_shared<JsonMsgDevFind>(), Addr(L"127.0.0.9:7"));
-  EXPECT_TRUE(bench_.TakeAnswers().empty());
-  ASSERT_TRUE(emulator_->Stop().IsOk());
-  emulator_.reset();
-
-  Make(nullptr);
-  EXPECT_EQ(emulator_->GetSettings().units.size(), 1u);
-  EXPECT_NE(file_.Read().find("\"units\":[{"), std::string::npos);
-  EXPECT_EQ(Log().UntakenFailures().size(), 0u);
-}
-
-TEST_F(EmulatorTest, RefusedSettingsStayInTheFile) {
-  const std::string mistake = "{\"BasePort\":9000,\"units\":[{\"Mode\":\"loop\"}]}";
-  Make(mistake.c_str());
-  EXPECT_NE(Log().TryTake(L"Mode: "), L"");
-  EXPECT_EQ(file_.Read(), mistake);
-  EXPECT_EQ(emulator_->GetSettings().BasePort, 8000);
-  EXPECT_TRUE(emulator_->Init().IsOk());  // as without a file
-}
 
 TEST_F(EmulatorTest, StartsAndEndsInOrder) {
   Make(kTwoUnits);
@@ -98,22 +69,6 @@ TEST_F(EmulatorTest, StartsAndEndsInOrder) {
   EXPECT_EQ(bench_.TakeStory(), (Story{"control net gone", "BroadcastCatcher gone"}));
 }
 
-TEST_F(EmulatorTest, EveryUnitAnswersABroadcastInOrder) {
-  Make(kTwoUnits);
-  ASSERT_TRUE(emulator_->Init().IsOk());
-  ASSERT_TRUE(emulator_->Start().IsOk());
-  bench_.listener->Deliver(std::make_shared<JsonMsgDevFind>(), Addr(L"127.0.0.9:7"));
-  bench_.listener->Deliver(std::make_shared<JsonMsgGetDevInfo>(), Addr(L"127.0.0.9:7"));
-  const std::vector<Answer> answers = bench_.TakeAnswers();
-  ASSERT_EQ(answers.size(), 2u);
-  for (size_t i = 0; i < 2; ++i) {
-    const auto* info = dynamic_cast<const JsonMsgDevInfo*>(answers[i].msg.get());
-    ASSERT_TRUE(info);
-    EXPECT_EQ(info->unit_id, i == 0 ? L"a" : L"b");
-    EXPECT_EQ(answers[i].to, Addr(L"127.0.0.9:7"));
-  }
-}
-
 TEST_F(EmulatorTest, UnitThatFailsInitEndsTheOthersAndTheListenerNeverComes) {
   Make(R"({"units":[{"UnitId":"a"},{"UnitId":"b","SampleFreq":96000},{"UnitId":"c"}]})");
   { EXPECT_FALSE(emulator_->Init().IsOk()); }
@@ -142,12 +97,6 @@ TEST_F(EmulatorTest, FailedStartEndsAllUnits) {
     EXPECT_TRUE(emulator_->Stop().IsOk());
     EXPECT_EQ(bench_.TakeStory(), Story{}) << failing;
   }
-}
-
-TEST_F(EmulatorTest, ErrorsOfTheListenerEndInTheLog) {
-  Make(kTwoUnits);
-  emulator_->OnError(bench_.listener, ErrInfo("A::B", "tests\\Here", 1).SetText(L"Bad message"));
-  EXPECT_NE(Log().TryTake(L"ErrStr=Bad message"), L"");
 }
 
 }  // namespace

@@ -106,36 +106,5 @@ TEST(TestSignal, RampIsRoundedStepByStep) {
   EXPECT_GT(differentInDouble, 0);  // the difference is real
 }
 
-int64_t QuarterSweep() {
-  return 25'000'000;
-}
-int64_t NotAsked() {
-  ADD_FAILURE() << "the clock was read";
-  return 0;
-}
-
-TEST(TestSignal, ModesWriteTheChannelsThatTheyOwn) {
-  Channel full, quarter, as;
-  WriteRamp(full.data(), 1.0f);
-  WriteRamp(quarter.data(), 0.25f);
-  as.fill(0.5f);
-  struct Row {
-    int32_t mode;
-    const Channel& left;
-    const Channel& right;
-    int64_t (*clock)();
-  };
-  const Row rows[] = {{0, as, as, NotAsked},          {1, full, full, NotAsked},
-                      {2, full, as, NotAsked},        {3, quarter, quarter, QuarterSweep},
-                      {4, quarter, as, QuarterSweep}, {5, as, as, NotAsked},
-                      {7, as, as, NotAsked},          {-1, as, as, NotAsked}};
-  for (const Row& row : rows) {
-    Channel left = as, right = as;
-    WriteTestSignal(row.mode, left.data(), right.data(), row.clock);
-    EXPECT_EQ(left, row.left) << row.mode;
-    EXPECT_EQ(right, row.right) << row.mode;
-  }
-}
-
 }  // namespace
 }  // namespace Network
