@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr int kReady = 'r';
-
 struct Pipe {
   Pipe() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
   ~Pipe() {
@@ -133,61 +131,25 @@ TEST(Startup, ConsoleGetsAllBytes) {
   EXPECT_EQ(got, bytes);
 }
 
-// A child that waits for input on a pipe and reports when it is about to.
-class WaitForInputTest : public testing::Test {
- protected:
-  WaitForInputTest()
-      : child_([this] {
-          dup2(input_.Read(), STDIN_FILENO);
-          input_.CloseWrite();
-          platform::Startup();
-          const char ready = kReady;
-          if (write(ready_.Write(), &ready, 1) != 1) return 1;
-          platform::WaitForInput();
-          return 42;
-        }) {
-    ready_.CloseWrite();
-    char ready = 0;
-    EXPECT_EQ(read(ready_.Read(), &ready, 1), 1);
-  }
-
-  Pipe input_;
-  Pipe ready_;
-  Child child_;
-};
-
-TEST_F(WaitForInputTest, EndsOnACharacter) {
-  EXPECT_EQ(write(input_.Write(), "q", 1), 1);
-  EXPECT_EQ(child_.Wait(), 42);
-}
-
-TEST_F(WaitForInputTest, EndsOnTheEndOfInput) {
-  input_.CloseWrite();
-  EXPECT_EQ(child_.Wait(), 42);
-}
-
-TEST_F(WaitForInputTest, EndsOnSigterm) {
-  child_.Signal(SIGTERM);
-  EXPECT_EQ(child_.Wait(), 42);
-}
-
-TEST_F(WaitForInputTest, EndsOnCtrlC) {
-  child_.Signal(SIGINT);
-  EXPECT_EQ(child_.Wait(), 42);
-}
-
-TEST_F(WaitForInputTest, EndsWithItsTerminal) {
-  child_.Signal(SIGHUP);
-  EXPECT_EQ(child_.Wait(), 42);
-}
-
-// Another signal neither ends the wait nor the input: the character still does.
-TEST_F(WaitForInputTest, OutlastsOtherSignals) {
-  child_.Signal(SIGWINCH);
-  child_.Signal(SIGSTOP);
-  child_.Signal(SIGCONT);
-  EXPECT_EQ(write(input_.Write(), "q", 1), 1);
-  EXPECT_EQ(child_.Wait(), 42);
+// What ends a wait is driven end to end. Another signal neither ends it nor the input.
+TEST(Startup, WaitOutlastsOtherSignals) {
+  Pipe input;
+  Pipe ready;
+  const Child child([&] {
+    dup2(input.Read(), STDIN_FILENO);
+    input.CloseWrite();
+    platform::Startup();
+    if (write(ready.Write(), "r", 1) != 1) return 1;
+    platform::WaitForInput();
+    return 42;
+  });
+  ready.CloseWrite();
+  char byte = 0;
+  EXPECT_EQ(read(ready.Read(), &byte, 1), 1);
+  for (const int number : {SIGWINCH, SIGSTOP, SIGCONT})
+    child.Signal(number);
+  EXPECT_EQ(write(input.Write(), "q", 1), 1);
+  EXPECT_EQ(child.Wait(), 42);
 }
 
 TEST(Startup, SignalBeforeTheWaitEndsItAtOnce) {

@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint32_t kLongMs = 60'000;
 
-// How long a Wait of `milliseconds` took, in milliseconds.
+// In milliseconds.
 int64_t WaitTime(platform::WakeSet& wakeSet, uint32_t milliseconds) {
   const int64_t start = platform::SystemClock().Counter();
   wakeSet.Wait(milliseconds);
