@@ -13,4 +13,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_CROSSCOMPILING_EMULATOR wine)
+
+# The tests run under Wine. Not by Debian's script "wine", which looks for a 32-bit Wine first.
+find_program(QZ_WINE NAMES wine64 wine PATHS /usr/lib/wine)
+if(QZ_WINE)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${QZ_WINE})
+endif()

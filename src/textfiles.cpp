@@ -103,7 +103,7 @@ Replaced TryReplace(const std::wstring& beside, const std::wstring& target, cons
   const FsRef fileSystem;
   IFS& files = *fileSystem.Get();
   FilePointer file(files.Open(beside.c_str(), kWrite | kMustBeNew, 0));
-  if (!file && files.GetLastError() == platform::kAlreadyExists) {
+  if (!file && files.GetLastError() == platform::kFileExists) {
     // Left behind by a crash. Removed and not reused: it could be a link to anywhere.
     if (files.Remove(beside.c_str())) {
       file.reset(files.Open(beside.c_str(), kWrite | kMustBeNew, 0));

@@ -14,7 +14,8 @@ constexpr uint32_t kNoTranslation = 1113;  // a name that can't be converted to 
 // The numbers of the running system. Constant-initialised: usable before main.
 extern const uint32_t kFileNotFound;
 extern const uint32_t kPathNotFound;   // a missing directory; some systems give kFileNotFound
-extern const uint32_t kAlreadyExists;  // the file is there already
+extern const uint32_t kFileExists;     // a file that was to be new is there
+extern const uint32_t kAlreadyExists;  // told of a file that was there; or the target of a move is
 extern const uint32_t kAccessDenied;
 extern const uint32_t kBusy;           // somebody else writes the file
 extern const uint32_t kLocked;         // TryLock found the file locked

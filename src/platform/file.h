@@ -39,7 +39,7 @@ constexpr uint32_t kAttributeNotIndexed = 0x2000;
 constexpr uint32_t kAttributeEncrypted = 0x4000;
 
 enum class Disposition {
-  CreateNew,        // fails with kAlreadyExists if the file is there
+  CreateNew,        // fails with kFileExists if the file is there
   CreateAlways,     // an existing file is emptied
   OpenExisting,     // fails with kFileNotFound if it isn't there
   OpenAlways,       // made if it isn't there

@@ -11,6 +11,7 @@
 
 #include "support/EmulatorProcess.h"
 #include "support/Process.h"
+#include "support/System.h"
 #include "support/WireAudio.h"
 #include "support/WireJson.h"
 

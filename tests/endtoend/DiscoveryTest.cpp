@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "endtoend/EndToEnd.h"
+#include "support/System.h"
 
 namespace {
 

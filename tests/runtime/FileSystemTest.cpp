@@ -49,7 +49,7 @@ TEST_F(FileSystemTest, AccessModesDecideWhatHappensToTheFile) {
   EXPECT_EQ(ReadAll(*Open("a", fs::kRead | fs::kTruncate | fs::kMustBeNew)), "0123456789")
       << "reading alone empties nothing, whatever the other bits say";
   EXPECT_FALSE(Open("a", fs::kWrite | fs::kMustBeNew));
-  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
+  EXPECT_EQ(fs_.GetLastError(), platform::kFileExists);
 
   WriteText(*Open("a", fs::kWrite), "xy");
   EXPECT_EQ(dir_.Read("a"), "xy23456789");

@@ -98,20 +98,6 @@ TEST_F(TextFilesTest, ReplacingLeavesOneFileWithTheNewText) {
   EXPECT_FALSE(dir_.Has("a.new"));
 }
 
-TEST_F(TextFilesTest, ReplacingKeepsTheLinkAndThePermissions) {
-  using std::filesystem::perms;
-  const perms mode = perms::owner_read | perms::owner_write | perms::group_read;
-  std::filesystem::create_directory(dir_.File("d"));
-  dir_.Write("d/target", "old");
-  std::filesystem::permissions(dir_.File("d/target"), mode);
-  std::filesystem::create_symlink("d/target", dir_.File("link"));
-
-  EXPECT_TRUE(fs::ReplaceWholeFile(Path("link").c_str(), L"new").IsOk());
-  EXPECT_EQ(dir_.Read("d/target"), "new");
-  EXPECT_TRUE(std::filesystem::is_symlink(dir_.File("link")));
-  EXPECT_EQ(std::filesystem::status(dir_.File("d/target")).permissions(), mode);
-}
-
 TEST_F(TextFilesTest, ReplacingFallsBackToWritingWhereNoFileCanStandBeside) {
   dir_.Write("a", "the old text");
   // Nobody can make or remove this one, not even root.

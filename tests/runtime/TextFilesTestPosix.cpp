@@ -46,3 +46,18 @@ TEST(TextFilesPosix, AWriteThatFailsHalfWayLeavesTheOldFile) {
                           L"\" Method=fs::WriteWholeFile"),
             L"");
 }
+
+TEST(TextFilesPosix, ReplacingKeepsTheLinkAndThePermissions) {
+  using std::filesystem::perms;
+  const TempDir dir;
+  const perms mode = perms::owner_read | perms::owner_write | perms::group_read;
+  std::filesystem::create_directory(dir.File("d"));
+  dir.Write("d/target", "old");
+  std::filesystem::permissions(dir.File("d/target"), mode);
+  std::filesystem::create_symlink("d/target", dir.File("link"));
+
+  EXPECT_TRUE(fs::ReplaceWholeFile(dir.Wide("link").c_str(), L"new").IsOk());
+  EXPECT_EQ(dir.Read("d/target"), "new");
+  EXPECT_TRUE(std::filesystem::is_symlink(dir.File("link")));
+  EXPECT_EQ(std::filesystem::status(dir.File("d/target")).permissions(), mode);
+}

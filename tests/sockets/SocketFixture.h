@@ -18,22 +18,18 @@
 #include "IUdpSock.h"
 #include "NetManager.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
+#include "platform/text.h"
 #include "support/CapturedLog.h"
+#include "support/WireSocket.h"
 
 using Bytes = std::vector<uint8_t>;
 
 constexpr std::chrono::seconds kPatience{20};
 
-// 127.x.y.z:port with x, y, z from the number of this process, so that tests that run beside each
-// other don't meet.
+// The own address of this process at `port`, so that tests that run beside each other don't meet.
 inline Network::NetAddr OwnAddr(uint32_t port) {
-  static const uint32_t number = platform::ThreadNumber();
-  const std::wstring text = L"127." + std::to_wstring(1 + (number >> 16) % 200) + L"." +
-                            std::to_wstring((number >> 8) & 0xFF) + L"." +
-                            std::to_wstring(number & 0xFF);
   Network::NetAddr addr;
-  EXPECT_TRUE(addr.SetFromTextAndPort(text, port));
+  EXPECT_TRUE(addr.SetFromTextAndPort(Utf8ToWide(wire::OwnAddress()), port));
   return addr;
 }
 

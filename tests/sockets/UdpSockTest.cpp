@@ -6,6 +6,7 @@
 
 #include "SocketFixture.h"
 #include "platform/errors.h"
+#include "support/System.h"
 
 using Network::IUdpSock;
 using Network::NetAddr;
@@ -160,7 +161,7 @@ TEST_F(UdpSock, HearsTheBroadcastsOfItsInterface) {
   info.BindAddr = OwnAddr(0);
   auto sender = manager->CreateUdpSock();
   ASSERT_EQ(FailureOf(sender->Open(info)).text, L"");
-  const Bytes bytes = BytesOf("dev_find " + std::to_string(platform::ThreadNumber()));
+  const Bytes bytes = BytesOf("dev_find " + std::to_string(OwnProcessId()));
 
   EXPECT_TRUE(FailureOf(sender->Send(bytes.data(), bytes.size(), broadcast))
                   .Says(L"Can not send UDP datagram"))

@@ -8,6 +8,7 @@
 #include <regex>
 #include <sstream>
 
+#include "support/System.h"
 #include "support/WireJson.h"
 
 namespace {

@@ -77,6 +77,3 @@ class Process {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
-
-// A number that no other process has now, for addresses and names of a test's own.
-int OwnProcessId();

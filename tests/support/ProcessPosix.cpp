@@ -312,7 +312,3 @@ std::string Process::ErrorOutput() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->errors;
 }
-
-int OwnProcessId() {
-  return getpid();
-}

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <mutex>
@@ -29,14 +30,30 @@ class Handle {
   HANDLE handle_ = nullptr;
 };
 
-// A pipe whose child's end alone is inherited.
-void MakePipe(Handle& readEnd, Handle& writeEnd, const Handle& inherited) {
-  SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
+// A pipe for the child's input, whose reading end alone is inherited.
+void MakeInput(Handle& readEnd, Handle& writeEnd) {
   HANDLE ends[2]{};
-  if (!CreatePipe(&ends[0], &ends[1], &inherit, 0)) throw std::runtime_error("CreatePipe failed");
+  if (!CreatePipe(&ends[0], &ends[1], nullptr, 0)) throw std::runtime_error("CreatePipe failed");
   readEnd.Reset(ends[0]);
   writeEnd.Reset(ends[1]);
-  SetHandleInformation(inherited.Get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
+  SetHandleInformation(readEnd.Get(), HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
+}
+
+// A pipe for the child's output, whose writing end alone is inherited. Only a pipe with a name has
+// a reading end whose read can be given up halfway.
+void MakeOutput(Handle& readEnd, Handle& writeEnd) {
+  static std::atomic<int> number{0};
+  const std::wstring name = L"\\\\.\\pipe\\qz-test-" + std::to_wstring(GetCurrentProcessId()) +
+                            L"-" + std::to_wstring(number++);
+  const HANDLE reading = CreateNamedPipeW(name.c_str(), PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
+                                          PIPE_TYPE_BYTE, 1, 0, 65536, 0, nullptr);
+  if (reading == INVALID_HANDLE_VALUE) throw std::runtime_error("CreateNamedPipe failed");
+  readEnd.Reset(reading);
+  SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  const HANDLE writing =
+      CreateFileW(name.c_str(), GENERIC_WRITE, 0, &inherited, OPEN_EXISTING, 0, nullptr);
+  if (writing == INVALID_HANDLE_VALUE) throw std::runtime_error("can't open the pipe");
+  writeEnd.Reset(writing);
 }
 
 std::wstring Wide(const std::string& ascii) {
@@ -76,7 +93,6 @@ struct Process::Impl {
   std::function<void(std::string_view)> takeOutput;
   bool outputEnded = false;
   bool errorsEnded = false;
-  bool stopReading = false;
   std::optional<int> status;
   DWORD id = 0;
 
@@ -84,21 +100,24 @@ struct Process::Impl {
   Handle input;      // our writing end of the child's input
   Handle outputEnd;  // our reading ends
   Handle errorsEnd;
+  Handle stop;  // event of StopReading, manual-reset
   std::thread outputReader;
   std::thread errorReader;
   std::thread waiter;
 
   void Spawn(const std::filesystem::path& program, const Options& options);
+  size_t ReadSome(HANDLE end, std::array<char, 65536>& buffer);
   void Read(Handle& end, std::string& bytes, bool& ended);
   void SplitLines();
   void Wait();
 };
 
 void Process::Impl::Spawn(const std::filesystem::path& program, const Options& options) {
+  stop.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   Handle childInput, childOutput, childErrors;
-  MakePipe(childInput, input, childInput);
-  MakePipe(outputEnd, childOutput, childOutput);
-  MakePipe(errorsEnd, childErrors, childErrors);
+  MakeInput(childInput, input);
+  MakeOutput(outputEnd, childOutput);
+  MakeOutput(errorsEnd, childErrors);
 
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
@@ -136,18 +155,29 @@ void Process::Impl::SplitLines() {
   }
 }
 
+// The next bytes; none: the child has closed its end, or reading was stopped.
+size_t Process::Impl::ReadSome(HANDLE end, std::array<char, 65536>& buffer) {
+  Handle done;
+  done.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  OVERLAPPED read{};
+  read.hEvent = done.Get();
+  DWORD got = 0;
+  const BOOL now = ReadFile(end, buffer.data(), static_cast<DWORD>(buffer.size()), nullptr, &read);
+  if (!now && GetLastError() != ERROR_IO_PENDING) return 0;
+  const HANDLE either[] = {done.Get(), stop.Get()};
+  const DWORD count = end == outputEnd.Get() ? 2 : 1;
+  if (WaitForMultipleObjects(count, either, FALSE, INFINITE) != WAIT_OBJECT_0) CancelIo(end);
+  return GetOverlappedResult(end, &read, &got, TRUE) ? got : 0;
+}
+
 void Process::Impl::Read(Handle& end, std::string& bytes, bool& ended) {
   std::array<char, 65536> buffer;
-  for (;;) {
-    DWORD got = 0;
-    const BOOL ok =
-        ReadFile(end.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &got, nullptr);
-    if (ok && takeOutput && &bytes == &output) {
+  while (const size_t got = ReadSome(end.Get(), buffer)) {
+    if (takeOutput && &bytes == &output) {
       takeOutput({buffer.data(), got});
       continue;
     }
     std::lock_guard lock(mutex);
-    if (!ok || got == 0 || (stopReading && &bytes == &output)) break;
     bytes.append(buffer.data(), got);
     if (&bytes == &output) SplitLines();
     changed.notify_all();
@@ -203,13 +233,9 @@ void Process::CloseInput() {
 }
 
 void Process::StopReading() {
+  SetEvent(impl_->stop.Get());
   std::unique_lock lock(impl_->mutex);
-  impl_->stopReading = true;
-  while (!impl_->outputEnded) {
-    // Again until it is caught inside its read.
-    CancelSynchronousIo(reinterpret_cast<HANDLE>(impl_->outputReader.native_handle()));
-    impl_->changed.wait_for(lock, std::chrono::milliseconds(10));
-  }
+  impl_->changed.wait(lock, [&] { return impl_->outputEnded; });
 }
 
 void Process::Send(Signal signal) {
@@ -282,8 +308,4 @@ std::string Process::Output() const {
 std::string Process::ErrorOutput() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->errors;
-}
-
-int OwnProcessId() {
-  return static_cast<int>(GetCurrentProcessId());
 }

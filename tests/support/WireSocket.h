@@ -54,7 +54,7 @@ class Socket {
   std::unique_ptr<Impl> impl_;
 };
 
-// A loopback address that no other test process uses now.
+// A loopback address that no test process beside this one uses.
 std::string OwnAddress();
 
 // A port for everything that hears broadcasts, where the address alone doesn't tell tests apart.

@@ -120,14 +120,4 @@ void Socket::Send(const Bytes& bytes, const Endpoint& to) {
   }
 }
 
-std::string OwnAddress() {
-  const auto id = static_cast<uint32_t>(getpid());
-  return "127." + std::to_string(1 + (id >> 16) % 200) + "." + std::to_string((id >> 8) & 0xFF) +
-         "." + std::to_string(id & 0xFF);
-}
-
-uint16_t OwnBroadcastPort() {
-  return static_cast<uint16_t>(20000 + getpid() % 10000);
-}
-
 }  // namespace wire

@@ -6,6 +6,7 @@ namespace platform {
 
 const uint32_t kFileNotFound = ENOENT;
 const uint32_t kPathNotFound = ENOENT;
+const uint32_t kFileExists = EEXIST;
 const uint32_t kAlreadyExists = EEXIST;
 const uint32_t kAccessDenied = EACCES;
 const uint32_t kBusy = EBUSY;

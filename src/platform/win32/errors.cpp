@@ -6,6 +6,7 @@ namespace platform {
 
 const uint32_t kFileNotFound = ERROR_FILE_NOT_FOUND;
 const uint32_t kPathNotFound = ERROR_PATH_NOT_FOUND;
+const uint32_t kFileExists = ERROR_FILE_EXISTS;
 const uint32_t kAlreadyExists = ERROR_ALREADY_EXISTS;
 const uint32_t kAccessDenied = ERROR_ACCESS_DENIED;
 const uint32_t kBusy = ERROR_SHARING_VIOLATION;

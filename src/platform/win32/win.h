@@ -13,7 +13,3 @@
 #include <ws2tcpip.h>
 
 #include <windows.h>
-
-// A macro that would give the platform layer's function of this name another one, in this folder
-// alone.
-#undef WriteConsole

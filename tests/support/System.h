@@ -1,0 +1,15 @@
+// What the tests have to know of the system below them. All else about it stands in the files that
+// are named for their system, so that every test is the same everywhere.
+#pragma once
+
+// A number that no other process has now, for addresses and names of a test's own.
+int OwnProcessId();
+
+// Whether this is a Windows program on Wine.
+bool UnderWine();
+
+// By how much a bound on a time is wider here. Every system call is a round trip to another process
+// under Wine.
+inline double TimeFactor() {
+  return UnderWine() ? 5 : 1;
+}

@@ -1,0 +1,11 @@
+#include <unistd.h>
+
+#include "support/System.h"
+
+int OwnProcessId() {
+  return getpid();
+}
+
+bool UnderWine() {
+  return false;
+}

@@ -1,0 +1,14 @@
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+#include <windows.h>
+
+#include "support/System.h"
+
+int OwnProcessId() {
+  return static_cast<int>(GetCurrentProcessId());
+}
+
+// As Wine's developers advise for programs that have to know.
+bool UnderWine() {
+  return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
