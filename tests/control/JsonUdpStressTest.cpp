@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -69,6 +68,25 @@ bool SpinUntil(Condition condition) {
   return true;
 }
 
+// Lets two threads go at the same moment, again and again. std::barrier of mingw's library sleeps,
+// and has been seen not to wake up.
+class StartLine {
+ public:
+  void ArriveAndWait() {
+    const int round = round_;
+    if (++arrived_ == 2) {
+      arrived_ = 0;
+      ++round_;
+    }
+    while (round_ == round)
+      std::this_thread::yield();
+  }
+
+ private:
+  std::atomic<int> arrived_{0};
+  std::atomic<int> round_{0};
+};
+
 JsonUdpInfo InfoFor(IJsonUdpReceiver* receiver) {
   JsonUdpInfo info;
   info.Receiver = receiver;
@@ -90,15 +108,15 @@ TEST(ConnectionStress, AcknowledgementRacesWithTheRepeatAndTheEnd) {
   ASSERT_TRUE(connect.Open().IsOk());
   FakeUdpSock& sock = *net.LastSock();
 
-  std::barrier<> line(2);
+  StartLine line;
   DatagramBytes ack;
   bool stop = false;
   std::thread worker([&] {
     for (;;) {
-      line.arrive_and_wait();
+      line.ArriveAndWait();
       if (stop) return;
       sock.Deliver(ack, Addr(kPeer));
-      line.arrive_and_wait();
+      line.ArriveAndWait();
     }
   });
 
@@ -114,16 +132,16 @@ TEST(ConnectionStress, AcknowledgementRacesWithTheRepeatAndTheEnd) {
       connect.Pass();
     }
     clock.AdvanceMs(51);
-    line.arrive_and_wait();
+    line.ArriveAndWait();
     connect.Pass();
-    line.arrive_and_wait();
+    line.ArriveAndWait();
     connect.Pass();  // tells of the acknowledgement, if the end hasn't come before
     if (user.sent + user.errors == round + 1) continue;
     ADD_FAILURE() << "message " << round << " ended twice or not at all";
     break;
   }
   stop = true;
-  line.arrive_and_wait();
+  line.ArriveAndWait();
   worker.join();
 
   const JsonUdpStatistics counted = connect.Statistics();

@@ -45,6 +45,11 @@ TEST_F(FilePosix, APipeIsNeverOpened) {
   EXPECT_NE(Open("pipe", creating_), 0u);
 }
 
+TEST_F(FilePosix, APathThatIsNoTextFails) {
+  const wchar_t lone[] = {0xD800, 0};
+  EXPECT_EQ(platform::PathRemove(lone), platform::kNoTranslation);
+}
+
 TEST_F(FilePosix, DevicesAreWrittenButNotRead) {
   FileHandle file = platform::kNoFile;
   EXPECT_EQ(platform::FileOpen(L"/dev/zero", reading_, &file, nullptr), platform::kInvalidArgument);

@@ -29,11 +29,16 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& Path() const { return path_; }
-  std::filesystem::path File(const std::string& name) const { return path_ / name; }
+  // `name` is UTF-8.
+  std::filesystem::path File(const std::string& name) const {
+    return path_ / std::u8string(name.begin(), name.end());
+  }
 
-  // The same as the program's text.
-  std::wstring Wide() const { return Utf8ToWide(path_.string()); }
-  std::wstring Wide(const std::string& name) const { return Utf8ToWide(File(name).string()); }
+  // The same in UTF-8 and as the program's text.
+  std::string Utf8() const { return Utf8Of(path_); }
+  std::string Utf8(const std::string& name) const { return Utf8Of(File(name)); }
+  std::wstring Wide() const { return Utf8ToWide(Utf8()); }
+  std::wstring Wide(const std::string& name) const { return Utf8ToWide(Utf8(name)); }
 
   void Write(const std::string& name, const std::string& bytes) const {
     std::ofstream(File(name), std::ios::binary) << bytes;
@@ -45,5 +50,10 @@ class TempDir {
   bool Has(const std::string& name) const { return std::filesystem::exists(File(name)); }
 
  private:
+  static std::string Utf8Of(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+  }
+
   std::filesystem::path path_;
 };
