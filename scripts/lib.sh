@@ -59,6 +59,30 @@ apt_get() {
 
 need_compiler() { need cmake=cmake ninja=ninja-build g++=g++; }
 
+need_windows() {
+  need cmake=cmake ninja=ninja-build x86_64-w64-mingw32-g++-posix=g++-mingw-w64-x86-64-posix \
+    "$QZ_WINE/wine64=wine64" /usr/src/googletest/CMakeLists.txt=googletest \
+    /usr/include/CLI/CLI.hpp=libcli11-dev
+}
+
+# Where Debian's package wine64 puts it.
+QZ_WINE=/usr/lib/wine
+
+# wine_begin: one Wine for all Windows programs that this script starts from here on, with a home
+# of its own in build/windows. It ends with the script.
+wine_begin() {
+  export WINEPREFIX=$QZ_ROOT/build/windows/wine WINEDEBUG=-all WINEDLLOVERRIDES='mscoree,mshtml='
+  mkdir -p "$WINEPREFIX"
+  trap '"$QZ_WINE/wineserver64" -k || true' EXIT
+  say "Starting Wine"
+  # The server stays: else each program would wait for a new one. What Wine itself leaves running
+  # keeps the streams that it was started with, so they mustn't be the caller's pipe.
+  {
+    "$QZ_WINE/wineserver64" -p || true
+    "$QZ_WINE/wine64" wineboot
+  } </dev/null >"$WINEPREFIX/start.log" 2>&1 || die "Wine doesn't start: see $WINEPREFIX/start.log"
+}
+
 # build PRESET [TARGET...]: configures and builds, in the repository's build/PRESET. One try with a
 # fresh cache follows a failed configuration, for a build folder that another CMake left behind.
 build() {

@@ -23,6 +23,7 @@
 #include "soak/Machine.h"
 #include "soak/Streams.h"
 #include "support/Process.h"
+#include "support/System.h"
 #include "support/WireController.h"
 
 namespace {
