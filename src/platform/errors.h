@@ -20,7 +20,8 @@ extern const uint32_t kAccessDenied;
 extern const uint32_t kBusy;           // somebody else writes the file
 extern const uint32_t kLocked;         // TryLock found the file locked
 extern const uint32_t kNotAFile;       // a directory, or something that would block a reader
-extern const uint32_t kInvalidHandle;  // the file or socket is closed
+extern const uint32_t kInvalidHandle;  // the file is closed
+extern const uint32_t kSocketClosed;   // the socket is
 extern const uint32_t kInvalidArgument;
 extern const uint32_t kNotSupported;
 

@@ -18,6 +18,7 @@ constexpr size_t kConsoleBytes = 65536;
 // waited: allocators keep it, and a program that runs for weeks would stay as large as its worst
 // moment.
 constexpr uint64_t kFloodLines = 10'000;
+constexpr uint32_t kQuietMs = 1000;
 
 // One line that can't be shown or stored mustn't end the log, and what can't be shown is stored.
 template <typename Action>
@@ -58,7 +59,7 @@ CDebugLog::~CDebugLog() {
     std::lock_guard lock(queueLock_);
     stopRequested_ = true;
   }
-  queueSignal_.notify_one();
+  wake_.Set();
   if (thread_.joinable()) thread_.join();
 }
 
@@ -74,7 +75,7 @@ void CDebugLog::WriteText(std::wstring_view text) {
     queue_.push_back(std::move(line));
     ++queued_;
   }
-  if (first) queueSignal_.notify_one();
+  if (first) wake_.Set();
 }
 
 void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {
@@ -100,14 +101,12 @@ void CDebugLog::RunWriter() {
   for (;;) {
     DrainQueue(lock);
     if (stopRequested_) break;
-    const bool quiet = !queueSignal_.wait_for(lock, std::chrono::seconds(1),
-                                              [this] { return !queue_.empty() || stopRequested_; });
-    if (quiet && handled_ - handledAtTrim >= kFloodLines) {
-      handledAtTrim = handled_;
-      lock.unlock();
-      platform::ReturnFreeMemory();
-      lock.lock();
-    }
+    const bool flooded = handled_ - handledAtTrim >= kFloodLines;
+    lock.unlock();
+    const bool quiet = !wake_.Wait(kQuietMs);
+    if (quiet && flooded) platform::ReturnFreeMemory();
+    lock.lock();
+    if (quiet && flooded) handledAtTrim = handled_;
   }
   lock.unlock();
   try {

@@ -37,8 +37,8 @@ struct Result {
 inline Result ResultOf(Process& child) {
   Result result;
   result.status = child.WaitExit().value_or(-1);
-  result.out = child.Output();
-  result.err = child.ErrorOutput();
+  result.out = FromConsole(child.Output());
+  result.err = FromConsole(child.ErrorOutput());
   return result;
 }
 

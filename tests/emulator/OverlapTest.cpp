@@ -5,11 +5,12 @@
 #include "emulator/Doubles.h"
 #include "emulator/SettingsFile.h"
 #include "support/CapturedLog.h"
+#include "support/System.h"
 
 namespace Network {
 namespace {
 
-constexpr int kRounds = 2000;
+const int kRounds = static_cast<int>(2000 / TimeFactor());
 
 const NetAddr kController = Addr(L"127.0.0.9:7000");
 

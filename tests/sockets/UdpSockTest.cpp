@@ -147,7 +147,7 @@ TEST_F(UdpSock, SendsWithoutBeingBound) {
   sock->Close();
   const Failure closed = send("closed", OwnAddr(kPort));
   EXPECT_TRUE(closed.Says(L"Can not send UDP datagram"));
-  EXPECT_EQ(closed.code, platform::kInvalidHandle);
+  EXPECT_EQ(closed.code, platform::kSocketClosed);
   target->Close();
 }
 

@@ -141,7 +141,8 @@ std::vector<std::string> EmulatorProcess::LinesWith(const std::string& part) con
 }
 
 std::vector<files::path> EmulatorProcess::LogFiles() const {
-  const files::path folder = folder_ / "tmp" / (files::path(QZ_EMULATOR).stem().string() + ".logs");
+  const files::path folder =
+      folder_ / "tmp" / (files::path(QZ_EMULATOR).filename().string() + ".logs");
   std::vector<files::path> found;
   for (const auto& entry : files::directory_iterator(folder))
     found.push_back(entry.path());

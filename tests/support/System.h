@@ -2,11 +2,17 @@
 // are named for their system, so that every test is the same everywhere.
 #pragma once
 
+#include <string>
+
 // A number that no other process has now, for addresses and names of a test's own.
 int OwnProcessId();
 
 // Whether this is a Windows program on Wine.
 bool UnderWine();
+
+// What a program wrote, from the bytes on its standard output: Windows puts a carriage return in
+// front of each line feed there.
+std::string FromConsole(const std::string& bytes);
 
 // By how much a bound on a time is wider here. Every system call is a round trip to another process
 // under Wine.

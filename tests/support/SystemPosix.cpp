@@ -9,3 +9,7 @@ int OwnProcessId() {
 bool UnderWine() {
   return false;
 }
+
+std::string FromConsole(const std::string& bytes) {
+  return bytes;
+}

@@ -12,3 +12,11 @@ int OwnProcessId() {
 bool UnderWine() {
   return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 }
+
+std::string FromConsole(const std::string& bytes) {
+  std::string text;
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    if (bytes.compare(i, 2, "\r\n") != 0) text += bytes[i];
+  }
+  return text;
+}

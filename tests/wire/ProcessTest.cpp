@@ -2,15 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/System.h"
+
 namespace {
 
 using std::chrono::milliseconds;
-
-// The child's text as it wrote it: its C library may make line ends of the system of it.
-std::string Plain(std::string text) {
-  std::erase(text, '\r');
-  return text;
-}
 
 TEST(Process, TakesLinesAndGivesThemBackUntilTheEndOfItsInput) {
   Process child(QZ_ECHO_CHILD, {.environment = {{"QZ_ECHO", "variable"}}});
@@ -24,7 +20,7 @@ TEST(Process, TakesLinesAndGivesThemBackUntilTheEndOfItsInput) {
 
   child.CloseInput();
   EXPECT_EQ(child.WaitExit(), 7);
-  EXPECT_EQ(Plain(child.Output()), "ready variable\n\none\ntwo\none more\n");
+  EXPECT_EQ(FromConsole(child.Output()), "ready variable\r\n\none\ntwo\none more\n");
   EXPECT_FALSE(child.WaitLine("never"));  // at once, as nothing can come any more
 }
 
@@ -32,7 +28,7 @@ TEST(Process, TellsHowItEnded) {
   Process child(QZ_ECHO_CHILD, {});
   child.Write("complain\nexit 3\n");
   EXPECT_EQ(child.WaitExit(), 3);
-  EXPECT_EQ(Plain(child.ErrorOutput()), "complaint\n");
+  EXPECT_EQ(FromConsole(child.ErrorOutput()), "complaint\n");
   EXPECT_TRUE(child.HasEnded());
   child.Send(Process::Signal::Kill);  // nobody there any more
 
@@ -48,7 +44,7 @@ TEST(Process, TellsHowItEnded) {
 TEST(Process, StartsWithDescriptorsClosed) {
   Process deaf(QZ_ECHO_CHILD, {.withoutInput = true});
   EXPECT_EQ(deaf.WaitExit(), 7);
-  EXPECT_EQ(Plain(deaf.Output()), "ready \n\n");
+  EXPECT_EQ(FromConsole(deaf.Output()), "ready \r\n\n");
 
   Process mute(QZ_ECHO_CHILD, {.withoutOutput = true});
   mute.Write("anything\n");

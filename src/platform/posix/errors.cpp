@@ -13,6 +13,7 @@ const uint32_t kBusy = EBUSY;
 const uint32_t kLocked = EAGAIN;
 const uint32_t kNotAFile = EISDIR;
 const uint32_t kInvalidHandle = EBADF;
+const uint32_t kSocketClosed = EBADF;
 const uint32_t kInvalidArgument = EINVAL;
 const uint32_t kNotSupported = ENOSYS;
 

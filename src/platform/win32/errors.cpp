@@ -13,6 +13,7 @@ const uint32_t kBusy = ERROR_SHARING_VIOLATION;
 const uint32_t kLocked = ERROR_LOCK_VIOLATION;
 const uint32_t kNotAFile = ERROR_ACCESS_DENIED;
 const uint32_t kInvalidHandle = ERROR_INVALID_HANDLE;
+const uint32_t kSocketClosed = WSAENOTSOCK;
 const uint32_t kInvalidArgument = ERROR_INVALID_PARAMETER;
 const uint32_t kNotSupported = ERROR_NOT_SUPPORTED;
 

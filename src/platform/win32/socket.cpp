@@ -167,12 +167,18 @@ SocketResult Socket::Accept(Socket* connection) {
 }
 
 SocketResult Socket::Watch(const std::shared_ptr<WakeSet>& wakeSet, uint32_t events) {
+  // Before the system may signal: the worker that it wakes mustn't pass this socket over, as there
+  // is no second signal.
+  impl_->wakeSet = wakeSet;
+  impl_->watched = true;
   // The bits of SocketEvent are those of the system (FD_READ and so on).
   const SocketResult result =
       Outcome(WSAEventSelect(impl_->handle, wakeSet->GetImpl().event, static_cast<long>(events)));
-  if (!result.Ok()) return result;
-  impl_->wakeSet = wakeSet;
-  impl_->watched = true;
+  if (!result.Ok()) {
+    impl_->watched = false;
+    impl_->wakeSet.reset();
+    return result;
+  }
   // What came before the selection has no event of its own any more.
   if (impl_->connected) wakeSet->Signal();
   return result;
@@ -197,7 +203,9 @@ Socket::Events Socket::Pending() {
     impl_->closeError = static_cast<uint32_t>(reported.iErrorCode[FD_CLOSE_BIT]);
   }
   if (impl_->closeWaits) {
-    // A peer that has sent and closed: its data is received first.
+    // A peer that has sent and closed: its data is received first. Behind a broken connection it
+    // isn't looked at any more.
+    if (impl_->closeError != 0) events.events &= ~uint32_t{kSocketRead};
     const bool drained = impl_->closeError != 0 || !impl_->HasData();
     events.events |= drained ? kSocketClose : kSocketRead;
   }
