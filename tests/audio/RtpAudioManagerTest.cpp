@@ -68,20 +68,6 @@ TEST_F(RtpAudioManagerTest, WhatComesInGoesOutUnchanged) {
   EXPECT_EQ(net_.Sock(3)->Sent().at(0).bytes, wire::MakeAudioDatagram(0, 0, 0xC8, ramp));
 }
 
-TEST_F(RtpAudioManagerTest, LostPacketsAreSilenceInTheirPairAlone) {
-  Init(2, 0);
-  Deliver(1, 5, wire::PatternPayload());
-  Buffers buffers(2);
-  buffers.floats[0].push_back(9.0f);
-  buffers.pointers[0] = buffers.floats[0].data();
-  ASSERT_TRUE(manager_->RecvAudio(buffers.pointers, kCount).IsOk());
-  EXPECT_EQ(buffers.floats[0].back(), 9.0f);
-  buffers.floats[0].pop_back();
-  EXPECT_TRUE(AllAre(buffers.floats[0], 0.0f));
-  EXPECT_TRUE(AllAre(buffers.floats[1], 0.0f));
-  EXPECT_FLOAT_EQ(buffers.floats[2].back(), 1.0f);
-}
-
 TEST_F(RtpAudioManagerTest, AWrongNumberOfBuffersStillSpendsTheTick) {
   Init(1, 1);
   Deliver(0, 5, wire::PatternPayload());
@@ -118,23 +104,6 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   Deliver(0, 7, wire::PatternPayload(), 99 << 1);
   manager_->RecvAudio(buffers.pointers, 0);
   EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
-}
-
-TEST_F(RtpAudioManagerTest, WithoutChannelsTheTicksStillCount) {
-  Init(0, 0);
-  EXPECT_TRUE(manager_->RecvAudio({}, kCount).IsOk());
-  for (int i = 0; i < 3; ++i) {
-    clock_.AdvanceMs(4);
-    EXPECT_TRUE(manager_->SendAudio({}, kCount).IsOk());
-  }
-  manager_->Stop();
-  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.Send: N=2, E=4"), L"");
-  Init(0, 1);
-  Buffers buffers(1);
-  ASSERT_TRUE(manager_->SendAudio(buffers.pointers, kCount).IsOk());
-  const wire::Bytes header(net_.Sock(0)->Sent().at(0).bytes);
-  EXPECT_EQ(header[3], 3);
-  EXPECT_EQ(header[6] << 8 | header[7], 3 * 192);
 }
 
 TEST_F(RtpAudioManagerTest, ATickWithAPacketThatCanNotBeMadeSendsNothing) {

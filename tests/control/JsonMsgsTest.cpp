@@ -88,22 +88,9 @@ TEST(JsonMsgs, EachTypeGoesThroughItsTextUnchanged) {
   }
 }
 
-// Two fields that land in each other's key would go through unchanged; here each has its own name.
+// Two fields that land in each other's key would go through unchanged. The other types have their
+// fields named by the end-to-end tests.
 TEST(JsonMsgs, FieldsBearTheNamesOfTheirKeys) {
-  const auto info = DecodeAs<JsonMsgDevInfo>(
-      "dev_info",
-      ",\"unit_id\":\"id\",\"unit_type\":\"type\",\"hardware\":11,\"firmware\":12,\"software\":13,"
-      "\"audio_protocol\":14,\"control_protocol\":15,\"rtp_port\":16,\"inputs\":17,\"outputs\":18");
-  ASSERT_NE(info, nullptr);
-  EXPECT_EQ(info->unit_id, L"id");
-  EXPECT_EQ(info->unit_type, L"type");
-  const uint32_t numbers[] = {info->hardware,       info->firmware,         info->software,
-                              info->audio_protocol, info->control_protocol, info->rtp_port,
-                              info->inputs,         info->outputs};
-  uint32_t expected = 11;
-  for (const uint32_t number : numbers)
-    EXPECT_EQ(number, expected++);
-
   const auto att =
       DecodeAs<JsonMsgAtt>("attach", ",\"leader_id\":1,\"seg_count\":2,\"seg_number\":3");
   ASSERT_NE(att, nullptr);
@@ -116,24 +103,17 @@ TEST(JsonMsgs, FieldsBearTheNamesOfTheirKeys) {
   EXPECT_EQ(state->device_freq, 1u);
   EXPECT_EQ(state->input_freq, 2u);
 
-  const auto quality = DecodeAs<JsonMsgFmQuality>(
-      "fm_quality", ",\"rssi\":[1],\"snr\":[2],\"multipath\":[3],\"pilot\":[4]");
-  ASSERT_NE(quality, nullptr);
-  EXPECT_EQ(quality->rssi, std::vector<int32_t>{1});
-  EXPECT_EQ(quality->snr, std::vector<int32_t>{2});
-  EXPECT_EQ(quality->multipath, std::vector<int32_t>{3});
-  EXPECT_EQ(quality->pilot, std::vector<int32_t>{4});
-
-  JsonMsgError error(1, L"two", 3);
-  error.msg_id = 4;
-  EXPECT_EQ(TextOf(error),
-            "{\"code\":1,\"err_msg_id\":3,\"msg\":\"error\",\"msg_id\":4,\"txt\":\"two\"}");
-  JsonMsgDevInfo fresh;
-  fresh.msg_id = 1;
-  EXPECT_EQ(TextOf(fresh),
-            "{\"audio_protocol\":1,\"control_protocol\":1,\"firmware\":1,\"hardware\":1,"
-            "\"inputs\":0,\"msg\":\"dev_info\",\"msg_id\":1,\"outputs\":0,\"rtp_port\":0,"
-            "\"software\":1,\"unit_id\":\"\",\"unit_type\":\"\"}");
+  JsonMsgDevInfo info;
+  info.msg_id = 1;
+  uint32_t number = 10;
+  for (uint32_t* field : {&info.hardware, &info.firmware, &info.software, &info.audio_protocol,
+                          &info.control_protocol, &info.rtp_port, &info.inputs, &info.outputs}) {
+    *field = ++number;
+  }
+  EXPECT_EQ(TextOf(info),
+            "{\"audio_protocol\":14,\"control_protocol\":15,\"firmware\":12,\"hardware\":11,"
+            "\"inputs\":17,\"msg\":\"dev_info\",\"msg_id\":1,\"outputs\":18,\"rtp_port\":16,"
+            "\"software\":13,\"unit_id\":\"\",\"unit_type\":\"\"}");
 }
 
 // Each required key in turn is left out, and then holds what its field can't take.
@@ -181,9 +161,6 @@ TEST(JsonMsgs, ARequiredKeyMustBeThereAndOfItsType) {
 
 TEST(JsonMsgs, ArraysMayLackButNotBeSomethingElse) {
   EXPECT_TRUE(DecodeAs<JsonMsgFmFreq>("fm_freq")->freq.empty());
-  EXPECT_TRUE(DecodeAs<JsonMsgFmFreq>("fm_freq", ",\"freq\":[]")->freq.empty());
-  EXPECT_TRUE(DecodeAs<JsonMsgInputs>("inputs")->inputs.empty());
-  EXPECT_TRUE(DecodeAs<JsonMsgSetInputs>("set_inputs")->inputs.empty());
   const auto rssiOnly = DecodeAs<JsonMsgFmQuality>("fm_quality", ",\"rssi\":[-7,2]");
   ASSERT_NE(rssiOnly, nullptr);
   EXPECT_EQ(rssiOnly->rssi, (std::vector<int32_t>{-7, 2}));
@@ -193,7 +170,6 @@ TEST(JsonMsgs, ArraysMayLackButNotBeSomethingElse) {
                           "[2147483648]", "[-2147483649]"}) {
     const std::string value = std::string(":") + bad;
     EXPECT_EQ(DecodeAs<JsonMsgFmFreq>("fm_freq", ",\"freq\"" + value), nullptr) << bad;
-    EXPECT_EQ(DecodeAs<JsonMsgSetFmFreq>("set_fm_freq", ",\"freq\"" + value), nullptr) << bad;
     EXPECT_EQ(DecodeAs<JsonMsgFmQuality>("fm_quality", ",\"pilot\"" + value), nullptr) << bad;
   }
   for (const char* bad : {"5", "{}", "null", "\"off\""}) {
@@ -220,13 +196,9 @@ TEST(JsonMsgs, InputsKeepTheirPlaces) {
       {"\"off\"", true, nullptr},
       {"\"10.0.0.1:5004\"", true, L"10.0.0.1:5004"},
       {"7", false, nullptr},
-      {"null", false, nullptr},
       {"[\"10.0.0.1\"]", false, nullptr},
-      {"{}", false, nullptr},
       {"\"10.0.0.1\"", true, L"10.0.0.1"},
       {"\"Off\"", true, nullptr},
-      {"\"off \"", true, nullptr},
-      {"\"off\\u0000\"", true, nullptr},
       {"\"\\u0000\"", true, nullptr},
       {"\"10.0.0.256\"", true, nullptr},
       {"\"255.255.255.255:1\"", true, nullptr},
@@ -251,10 +223,4 @@ TEST(JsonMsgs, InputsKeepTheirPlaces) {
     EXPECT_EQ(set->inputs[i].addr, Addr(table[i].addr));
     EXPECT_EQ(inputs->inputs[i], Addr(table[i].addr));
   }
-
-  // An address without the flag isn't written.
-  JsonMsgSetInputs unset;
-  unset.msg_id = 1;
-  unset.inputs.push_back({false, Addr(L"10.0.0.1")});
-  EXPECT_EQ(TextOf(unset), "{\"inputs\":[\"\"],\"msg\":\"set_inputs\",\"msg_id\":1}");
 }

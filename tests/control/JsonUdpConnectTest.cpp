@@ -8,29 +8,6 @@ namespace {
 
 using Restarting = Connection;
 
-TEST_F(Restarting, CarriesOnWithWhatWasOnItsWay) {
-  const auto first = std::make_shared<JsonMsgGetState>();
-  const auto second = std::make_shared<JsonMsgGetState>();
-  Send(first);
-  connect.Pass();
-  RunIntoTimeout();
-  connect.Stop();
-  Send(second);  // while stopped: it waits
-  EXPECT_TRUE(connect.Open().IsOk());
-  EXPECT_EQ(connect.Statistics().RepeatMsgSent, 0U);
-
-  for (int i = 0; i < 5; ++i) {
-    clock.AdvanceTicks(kAckTimeout + 1);
-    const auto out = PassOut();
-    ASSERT_TRUE(out) << "it has five transmissions again";
-    EXPECT_EQ(out->msg_id, first->msg_id);
-  }
-  EXPECT_EQ(connect.Statistics().RepeatMsgSent, 5U);
-  Ack(first->msg_id);
-  EXPECT_EQ(PassOut()->msg_id, second->msg_id);
-  EXPECT_EQ(user.Sent().size(), 1U);
-}
-
 TEST_F(Restarting, RemembersTheLatestNumberAndTheHalfMessage) {
   Request(12);
   connect.Stop();

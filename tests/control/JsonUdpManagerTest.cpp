@@ -74,36 +74,19 @@ TEST_F(DatagramManager, ReceivesLogsThenDelivers) {
       L"unit: MSG: <- (10.1.2.3:4567) ack : {\"ack_msg_id\":41,\"msg\":\"ack\",\"msg_id\":42}");
 }
 
-TEST_F(DatagramManager, EmptyNameGetsTheClassName) {
-  JsonUdpManager nameless(L"", &net);
-  EXPECT_TRUE(nameless.Init(info).IsOk());
-  EXPECT_TRUE(nameless.Start().IsOk());
-  EXPECT_TRUE(nameless.SendDirect(msg, peer).IsOk());
-  EXPECT_EQ(Log().Count(L"JsonUdpManager: MSG: -> "), 1U);
-}
-
-TEST_F(DatagramManager, FailsWithoutSocketAndWithoutAddress) {
+TEST_F(DatagramManager, TellsWhyItCannotSend) {
   ExpectSendFails(peer, L"Bad socket Method=Network::JsonUdpManager::SendDirect");
   // Both are missing: the later test has the word.
   ExpectSendFails(NetAddr(), L"Bad send address Method=Network::JsonUdpManager::SendDirect");
   Start();
   ExpectSendFails(NetAddr(), L"Bad send address");
-  manager.Stop();
-  manager.Stop();
-  ExpectSendFails(peer, L"Bad socket");
-}
-
-TEST_F(DatagramManager, RefusesWhatDoesNotFitBeforeItLooksForSocketOrAddress) {
-  msg->attachment.resize(500);
-  info.SendAddr = peer;
-  EXPECT_TRUE(manager.Init(info).IsOk());
-  ExpectSendFails(NetAddr(), L"Can not deserialize msg. Packet too small");
-}
-
-TEST_F(DatagramManager, ReportsTheSocketsFailure) {
-  Start();
   net.LastSock()->failSend = true;
   ExpectSendFails(peer, L"send failed");
+  manager.Stop();
+  ExpectSendFails(peer, L"Bad socket");
+  // What doesn't fit is refused before a socket or an address is looked for.
+  msg->attachment.resize(500);
+  ExpectSendFails(NetAddr(), L"Can not deserialize msg. Packet too small");
 }
 
 TEST_F(DatagramManager, GivenAddressBeatsTheDefault) {
@@ -166,15 +149,6 @@ TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
   EXPECT_FALSE(manager.Start().IsOk());
   EXPECT_NE(Log().TryTake(L"open failed"), L"");
   EXPECT_FALSE(manager.IsStarted());
-}
-
-TEST_F(DatagramManager, ClosesItsSocketWhenItDies) {
-  auto dying = std::make_unique<JsonUdpManager>(L"dying", &net);
-  EXPECT_TRUE(dying->Init(info).IsOk());
-  EXPECT_TRUE(dying->Start().IsOk());
-  EXPECT_TRUE(net.LastSock()->IsOpen());
-  dying.reset();
-  EXPECT_FALSE(net.LastSock()->IsOpen()) << "it would deliver to a dead receiver";
 }
 
 // A datagram can be there the moment a socket opens, and its receiver answers at once.

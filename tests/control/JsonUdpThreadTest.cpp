@@ -26,18 +26,6 @@ class ConnectionThread : public testing::Test {
   JsonUdpConnect connect{L"unit", &net};
 };
 
-TEST_F(ConnectionThread, GivesUpInAboutAQuarterOfASecond) {
-  EXPECT_TRUE(connect.Start().IsOk());
-  EXPECT_TRUE(connect.IsStarted());
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), peer).IsOk());
-  EXPECT_NE(Log().Take(L"No ack received"), L"");
-  const auto took = std::chrono::steady_clock::now() - begin;
-  EXPECT_EQ(net.LastSock()->Sent().size(), 5U);
-  EXPECT_GE(took, std::chrono::milliseconds(250));
-  EXPECT_LT(took, std::chrono::seconds(2)) << "far slower than a loaded machine explains";
-}
-
 TEST_F(ConnectionThread, DeliversManyWithoutWaitingBetweenThem) {
   EXPECT_TRUE(connect.Start().IsOk());
   const auto begin = std::chrono::steady_clock::now();
@@ -50,6 +38,11 @@ TEST_F(ConnectionThread, DeliversManyWithoutWaitingBetweenThem) {
 }
 
 TEST_F(ConnectionThread, StopsAtOnceAndStartsAgain) {
+  net.failOpen = true;
+  EXPECT_FALSE(connect.Start().IsOk());
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  EXPECT_FALSE(connect.IsStarted());
+  net.failOpen = false;
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 40; ++i) {
     EXPECT_TRUE(connect.Start().IsOk());
@@ -60,15 +53,6 @@ TEST_F(ConnectionThread, StopsAtOnceAndStartsAgain) {
   }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4))
       << "Stop waits for the idle thread's next look, 100 ms each";
-}
-
-TEST_F(ConnectionThread, FailedStartLeavesItStopped) {
-  net.failOpen = true;
-  EXPECT_FALSE(connect.Start().IsOk());
-  EXPECT_NE(Log().TryTake(L"open failed"), L"");
-  EXPECT_FALSE(connect.IsStarted());
-  net.failOpen = false;
-  EXPECT_TRUE(connect.Start().IsOk());
 }
 
 }  // namespace
