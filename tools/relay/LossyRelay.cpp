@@ -68,14 +68,18 @@ void LossyRelay::Stop() {
   {
     std::lock_guard lock(mutex_);
     listening = std::exchange(listening_, nullptr);
+    stop_ = true;
   }
-  // Closed first, and without the lock that its callback takes: no flow is added behind this.
+  // Before the sockets go that the thread sends on.
+  wake_.Set();
+  if (thread_.joinable()) thread_.join();
+  // Closed before the flows are taken, and without the lock that its callback takes: no flow is
+  // added behind this.
   if (listening) listening->Destroy();
 
   std::vector<std::unique_ptr<Flow>> flows;
   {
     std::lock_guard lock(mutex_);
-    stop_ = true;
     for (const auto& flow : flows_) {
       goneThere_ += flow->there.Counts();
       goneBack_ += flow->back.Counts();
@@ -84,8 +88,6 @@ void LossyRelay::Stop() {
   }
   for (const auto& flow : flows)
     flow->towardsTarget->Destroy();
-  wake_.Set();
-  if (thread_.joinable()) thread_.join();
   std::lock_guard lock(mutex_);
   underWay_ = {};
   bytesUnderWay_ = 0;
