@@ -60,10 +60,9 @@ TEST(Event, NoSignalIsLost) {
 TEST(Event, WaiterMayDestroyTheEventAtOnce) {
   for (int i = 0; i < 500; ++i) {
     auto event = std::make_unique<Event>(Event::Mode::ManualReset);
-    std::thread setter([raw = event.get()] { raw->Set(); });
+    const std::jthread setter([raw = event.get()] { raw->Set(); });
     ASSERT_TRUE(event->Wait(10'000));
     event.reset();
-    setter.join();
   }
 }
 

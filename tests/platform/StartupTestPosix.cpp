@@ -97,18 +97,6 @@ TEST(Startup, ClosedDescriptorsAreOpenedOnTheNullDevice) {
   }
 }
 
-TEST(Startup, WritingToABrokenPipeDoesNotEndTheProcess) {
-  Pipe output;
-  output.CloseRead();
-  const Child child([&] {
-    dup2(output.Write(), STDOUT_FILENO);
-    platform::Startup();
-    platform::WriteOutput("nobody hears this");
-    return 7;
-  });
-  EXPECT_EQ(child.Wait(), 7);
-}
-
 // More than a pipe holds at once, into a pipe that doesn't block: nothing may be lost.
 TEST(Startup, ConsoleGetsAllBytes) {
   std::string bytes;
@@ -164,17 +152,15 @@ TEST(Startup, SignalBeforeTheWaitEndsItAtOnce) {
   EXPECT_EQ(child.Wait(), 42);
 }
 
-// As under nohup, and as a script's background job.
+// As a script's background job.
 TEST(Startup, WhatWasIgnoredStaysIgnored) {
   Pipe input;
   const Child child([&] {
     dup2(input.Read(), STDIN_FILENO);
     signal(SIGINT, SIG_IGN);
-    signal(SIGHUP, SIG_IGN);
     signal(SIGTERM, SIG_IGN);
     platform::Startup();
     raise(SIGINT);
-    raise(SIGHUP);
     if (platform::WaitForStop(0)) return 1;
     raise(SIGTERM);
     platform::WaitForInput();

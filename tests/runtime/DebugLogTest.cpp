@@ -138,9 +138,8 @@ TEST_F(DebugLogTest, ListenerSeesAllThatWasWrittenBeforeItIsRemoved) {
   ASSERT_TRUE(listener_.WaitArrived());
   for (int i = 0; i < 100; ++i)
     log_->Write(L"more");
-  std::thread release([this] { listener_.Hold(false); });
+  const std::jthread release([this] { listener_.Hold(false); });
   log_->SetSniffer(nullptr);
-  release.join();
   EXPECT_EQ(listener_.Lines().size(), 101u);
 
   log_->Write(L"behind it");
