@@ -102,7 +102,6 @@ TEST_F(UdpSock, FailsOnATakenPortAndStaysClosed) {
   EXPECT_TRUE(failure.Says(L"src\\UdpSock"));
   EXPECT_EQ(failure.code, platform::kAddrInUse);
   second->Close();
-  second->Close();
   const Bytes bytes = BytesOf("x");
   EXPECT_TRUE(FailureOf(second->Send(bytes.data(), bytes.size(), OwnAddr(kPort)))
                   .Says(L"Can not send UDP datagram"));
@@ -127,13 +126,9 @@ TEST_F(UdpSock, SendsWithoutBeingBound) {
     return FailureOf(sock->Send(bytes.data(), bytes.size(), to));
   };
 
-  const Failure undefined = send("nowhere", NetAddr());
-  EXPECT_TRUE(undefined.Says(L"Send address undefined"));
-  EXPECT_EQ(undefined.code, 0u);
-
   EXPECT_EQ(send("given", OwnAddr(kPort)).text, L"");
   ASSERT_TRUE(recorder.WaitDatagrams(1));
-  EXPECT_TRUE(send("still nowhere", NetAddr()).Says(L"Send address undefined"));
+  EXPECT_TRUE(send("nowhere", NetAddr()).Says(L"Send address undefined"));
   EXPECT_TRUE(sock->SetSendAddr(OwnAddr(kPort)).IsOk());
   EXPECT_EQ(send("default", NetAddr()).text, L"");
   ASSERT_TRUE(recorder.WaitDatagrams(2));
@@ -213,8 +208,8 @@ TEST_F(UdpSock, MayBeUsedFromItsCallback) {
   EXPECT_FALSE(sock.lock()) << "nobody holds it any more";
 }
 
-// What is lost otherwise: the receiver dies behind Close while the worker is still in its callback.
-// Each round ends a socket with its receiver in the middle of a flood.
+// The receiver dies behind Close while the worker is still in its callback otherwise. Each round
+// ends a socket with its receiver in the middle of a flood.
 TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
   struct Receiver final : Network::IUdpReceiver {
     void OnDatagramReceived(IUdpSock*, std::shared_ptr<Network::Packet>, const NetAddr&) override {
@@ -229,9 +224,8 @@ TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
     std::atomic<int> deliveries{0};
   };
 
-  std::atomic<bool> stop{false};
-  std::thread flood([&] {
-    while (!stop)
+  const std::jthread flood([&](const std::stop_token& stop) {
+    while (!stop.stop_requested())
       peer.SendTo(BytesOf("flood"), OwnAddr(kPort));
   });
   auto sock = manager->CreateUdpSock();
@@ -248,8 +242,6 @@ TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
     sock->Close();
     receiver->closed = true;
   }
-  stop = true;
-  flood.join();
   EXPECT_GT(rounds, 100);
 }
 
