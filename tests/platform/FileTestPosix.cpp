@@ -85,29 +85,6 @@ TEST_F(FilePosix, AnOwnDirectoryIsARealOneThatNobodyElseWrites) {
   EXPECT_EQ(platform::PathCheckOwnDir(dir_.Wide("missing").c_str()), platform::kPathNotFound);
 }
 
-TEST_F(FilePosix, ReplacingKeepsThePermissionsOfTheOldFile) {
-  dir_.Write("old", "old");
-  ASSERT_EQ(chmod(dir_.File("old").c_str(), 0640), 0);
-  dir_.Write("new", "new");
-  EXPECT_EQ(platform::PathReplace(dir_.Wide("new").c_str(), dir_.Wide("old").c_str()), 0u);
-  EXPECT_EQ(dir_.Read("old"), "new");
-  EXPECT_EQ(Mode("old"), 0640u);
-  EXPECT_FALSE(dir_.Has("new"));
-}
-
-TEST_F(FilePosix, LinksAreFollowedToTheirEnd) {
-  dir_.Write("target", "");
-  std::filesystem::create_symlink("target", dir_.File("one"));
-  std::filesystem::create_symlink("one", dir_.File("two"));
-  std::filesystem::create_symlink("nowhere", dir_.File("broken"));
-  EXPECT_EQ(platform::PathFollowLinks(dir_.Wide("two").c_str()), dir_.Wide("target"));
-  EXPECT_EQ(platform::PathFollowLinks(dir_.Wide("broken").c_str()), dir_.Wide("broken"));
-
-  uint32_t attributes = 0;
-  EXPECT_EQ(platform::PathGetAttributes(dir_.Wide("broken").c_str(), &attributes), 0u);
-  EXPECT_EQ(attributes & platform::kAttributeLink, platform::kAttributeLink);
-}
-
 // A copied directory may hold names from another system; they must not hide the rest.
 TEST_F(FilePosix, AListingGoesOnBehindANameThatIsNoText) {
   const std::string bad = dir_.File("\xFF").string();

