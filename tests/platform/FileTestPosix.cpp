@@ -12,77 +12,18 @@
 
 namespace {
 
-using platform::Disposition;
 using platform::FileHandle;
-using platform::OpenOptions;
 
 class FilePosix : public testing::Test {
  protected:
-  uint32_t Open(const std::string& name, const OpenOptions& options) {
-    FileHandle file = platform::kNoFile;
-    const uint32_t error = platform::FileOpen(dir_.Wide(name).c_str(), options, &file, nullptr);
-    if (error == 0) platform::FileClose(file);
-    return error;
-  }
-
-  mode_t Mode(const std::string& name) {
-    struct stat info {};
-    EXPECT_EQ(lstat(dir_.File(name).c_str(), &info), 0);
-    return info.st_mode & 07777;
-  }
-
-  const OpenOptions reading_{.read = true};
-  const OpenOptions creating_{.write = true, .disposition = Disposition::CreateAlways};
   TempDir dir_;
 };
 
 }  // namespace
 
-// A settings file that is a pipe would hang the start for ever.
-TEST_F(FilePosix, APipeIsNeverOpened) {
-  ASSERT_EQ(mkfifo(dir_.File("pipe").c_str(), 0600), 0);
-  EXPECT_EQ(Open("pipe", reading_), platform::kInvalidArgument);
-  EXPECT_NE(Open("pipe", creating_), 0u);
-}
-
 TEST_F(FilePosix, APathThatIsNoTextFails) {
   const wchar_t lone[] = {0xD800, 0};
   EXPECT_EQ(platform::PathRemove(lone), platform::kNoTranslation);
-}
-
-TEST_F(FilePosix, DevicesAreWrittenButNotRead) {
-  FileHandle file = platform::kNoFile;
-  EXPECT_EQ(platform::FileOpen(L"/dev/zero", reading_, &file, nullptr), platform::kInvalidArgument);
-  ASSERT_EQ(platform::FileOpen(L"/dev/full", creating_, &file, nullptr), 0u);
-  uint32_t done = 1;
-  EXPECT_EQ(platform::FileWrite(file, "x", 1, &done), static_cast<uint32_t>(ENOSPC));
-  EXPECT_EQ(done, 0u);
-  platform::FileClose(file);
-}
-
-TEST_F(FilePosix, AnOwnersFileIsNeitherReadableForOthersNorReachedThroughALink) {
-  OpenOptions own = creating_;
-  own.ownerOnly = true;
-  EXPECT_EQ(Open("own", own), 0u);
-  EXPECT_EQ(Mode("own"), 0600u);
-
-  dir_.Write("victim", "keep");
-  std::filesystem::create_symlink("victim", dir_.File("link"));
-  EXPECT_EQ(Open("link", own), static_cast<uint32_t>(ELOOP));
-  EXPECT_EQ(dir_.Read("victim"), "keep");
-  EXPECT_EQ(Open("link", creating_), 0u) << "otherwise links are followed";
-  EXPECT_EQ(dir_.Read("victim"), "");
-}
-
-TEST_F(FilePosix, AnOwnDirectoryIsARealOneThatNobodyElseWrites) {
-  ASSERT_EQ(platform::PathMakeDir(dir_.Wide("d").c_str()), 0u);
-  EXPECT_EQ(Mode("d"), 0700u);
-  EXPECT_EQ(platform::PathCheckOwnDir(dir_.Wide("d").c_str()), 0u);
-  std::filesystem::create_directory_symlink("d", dir_.File("link"));
-  EXPECT_NE(platform::PathCheckOwnDir(dir_.Wide("link").c_str()), 0u);
-  ASSERT_EQ(chmod(dir_.File("d").c_str(), 0777), 0);
-  EXPECT_NE(platform::PathCheckOwnDir(dir_.Wide("d").c_str()), 0u);
-  EXPECT_EQ(platform::PathCheckOwnDir(dir_.Wide("missing").c_str()), platform::kPathNotFound);
 }
 
 // A copied directory may hold names from another system; they must not hide the rest.

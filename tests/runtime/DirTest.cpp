@@ -48,25 +48,9 @@ TEST_F(DirTest, FlagsChooseTheKindAndThePatternHasToMatchTheWholeName) {
   EXPECT_EQ(listing.files->begin()->second.size, 3u);
 }
 
-TEST_F(DirTest, TheKeyIsTheNormalisedPath) {
-  dir_.Write("a", "");
-  const std::wstring separator(1, GetPathSeparator());
-  const Dir spelled(dir_.Wide() + separator + L"x" + separator + L".." + separator, L".*",
-                    Dir::kFiles);
-  ASSERT_EQ(spelled.files->size(), 1u);
-  EXPECT_EQ(spelled.files->begin()->first, dir_.Wide("a"));
-}
-
 TEST_F(DirTest, AMissingDirectoryGivesAnEmptyListAndItsError) {
   const Dir listing(dir_.Wide("missing"), L".*", Dir::kFiles);
   EXPECT_TRUE(listing.files->empty());
   EXPECT_EQ(listing.error, static_cast<int32_t>(platform::kPathNotFound));
   EXPECT_THROW(Dir(dir_.Wide(), L"*", Dir::kFiles), std::regex_error);
-}
-
-TEST_F(DirTest, OrderFoldsOnlyTheLettersThatNoLanguageDisputes) {
-  const Dir::wstring_lessy less;
-  EXPECT_FALSE(less(L"A", L"a") || less(L"a", L"A"));
-  EXPECT_TRUE(less(L"a", L"a.") && less(L"", L"a"));
-  EXPECT_TRUE(less(L"\u00C4", L"\u00E4")) << "these two stay different";
 }

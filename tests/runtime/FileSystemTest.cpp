@@ -233,24 +233,3 @@ TEST_F(FileSystemTest, TheTableOfHandlesDoesNotGrowWithoutNeed) {
   EXPECT_EQ(fs_.Table().Size(), 3u);
   EXPECT_EQ(fs_.Table().Used(), 3u);
 }
-
-TEST(HandleTableTest, FreePlacesAreTakenFromTheHintOnInACircle) {
-  fs::HandleTable table;
-  const auto enter = [&] { return std::make_unique<fs::OsFileHandle>(platform::kNoFile, &table); };
-  std::unique_ptr<fs::OsFileHandle> handles[6];
-  for (auto& handle : handles)
-    handle = enter();
-  ASSERT_EQ(handles[5]->slot, 5u);
-
-  handles[1].reset();
-  handles[2].reset();  // 1 ahead of the free place 1, which stays the hint
-  handles[0].reset();  // 5 ahead, going round: the hint moves there
-  handles[0] = enter();
-  handles[1] = enter();
-  handles[2] = enter();
-  EXPECT_EQ(handles[0]->slot, 0u);
-  EXPECT_EQ(handles[1]->slot, 1u);
-  EXPECT_EQ(handles[2]->slot, 2u);
-  EXPECT_EQ(enter()->slot, 6u) << "a full table grows at its end";
-  EXPECT_EQ(table.Used(), 6u);
-}

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <functional>
@@ -52,24 +50,6 @@ TEST_F(LogFilesPosix, ADirectoryThatIsDeletedMeanwhileCostsTheFilesAlone) {
   std::filesystem::create_directory(dir_.File("logs"));
   EXPECT_EQ(LinesShown([&] { std::filesystem::remove_all(dir_.File("logs")); }), 100);
   EXPECT_FALSE(dir_.Has("logs"));
-}
-
-// A limit on the size of files stands for the disk.
-TEST_F(LogFilesPosix, AFullDiskCostsWholeLinesInTheFileAndNoneOnTheConsole) {
-  ManualClock clock;
-  std::filesystem::create_directory(dir_.File("logs"));
-  signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit small{700, before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
-  const int shown = LinesShown();
-  setrlimit(RLIMIT_FSIZE, &before);
-
-  EXPECT_EQ(shown, 100);
-  const std::string stored = dir_.Read("logs/emu~20260102-030405.log");
-  EXPECT_GT(stored.size(), 400u);
-  EXPECT_TRUE(stored.ends_with(" a small size\r\n")) << stored;
 }
 
 // In a temporary directory that all users share, anybody can have been there first.
