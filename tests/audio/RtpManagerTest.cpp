@@ -172,17 +172,6 @@ TEST_F(RtpManagerTest, InitAgainReplacesTheChannelsAndKeepsThePosition) {
   EXPECT_NE(Log().TryTake(L"ErrStr=PacketSmplSize rate con not be 0"), L"");
 }
 
-TEST_F(RtpManagerTest, ChannelsThatCanNotOpenStaySilent) {
-  net_.failOpen = true;
-  Init(1, 1);
-  EXPECT_NE(Log().TryTake(L"open failed"), L"");
-  EXPECT_NE(Log().TryTake(L"open failed"), L"");
-  EXPECT_EQ(Tick(), std::vector<int>{-1});
-  EXPECT_TRUE(manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000")).IsOk());
-  Send(1);
-  EXPECT_NE(Log().TryTake(L"send failed"), L"");
-}
-
 TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) {
   Init(0, 2);
   Send(2);  // no address yet

@@ -85,15 +85,7 @@ TEST_F(Discovery, RepeatsAnUnacknowledgedAnswerFiveTimesInAllAndThenSaysSoOnce) 
   EXPECT_EQ(emulator.LinesWith("No ack received").size(), 1u);
 }
 
-TEST_F(Discovery, OnAControlPortIsAcknowledgedAndIgnored) {
-  EmulatorProcess emulator({UnitSpec{}});
-  emulator.StartAndWait();
-  controller.Tell(emulator.Control(), "dev_find");
-  controller.Ask(emulator.Control(), "get_inputs", "inputs");
-  EXPECT_EQ(Types(controller.Received()), std::vector<std::string>{"inputs"});
-}
-
-TEST_F(Discovery, ListensToNothingElse) {
+TEST_F(Discovery, EachPortKeepsToItsOwnMessages) {
   EmulatorProcess emulator({UnitSpec{}});
   emulator.StartAndWait();
   for (const char* type : {"get_dev_info", "get_inputs", "get_state"}) {
@@ -101,6 +93,7 @@ TEST_F(Discovery, ListensToNothingElse) {
   }
   controller.Send(emulator.Discovery(), "dev_find");
   EXPECT_TRUE(controller.Take("dev_info"));
+  controller.Tell(emulator.Control(), "dev_find");  // acknowledged and ignored
   controller.Ask(emulator.Control(), "get_inputs", "inputs");
   EXPECT_EQ(Types(controller.Received()), (std::vector<std::string>{"dev_info", "inputs"}));
 }
@@ -118,36 +111,24 @@ std::vector<Bytes> BadMessages() {
   const auto text = [](const std::string& json) { return MakeDatagram(json); };
   std::vector<Bytes> all = {
       {0},
-      {'x'},
       {0, 0},
       {'{', '}'},  // not terminated
       Bytes(1400, 0xFF),
       text("{}"),
-      text("[]"),
       text("junk"),
-      text("\"text\""),
       text(R"({"msg":"get_dev_info"})"),
-      text(R"({"msg":"get_dev_info","msg_id":-1})"),
       text(R"({"msg":"get_dev_info","msg_id":4294967296})"),
-      text(R"({"msg":"get_dev_info","msg_id":1.5})"),
       text(R"({"msg":"get_dev_info","msg_id":"1"})"),
       text(R"({"msg":"get_dev_info","msg_id":1,"x":9223372036854775808})"),
-      text(R"({"msg":"Get_dev_info","msg_id":1})"),
-      text(R"({"msg":"","msg_id":1})"),
       text(R"({"msg":7,"msg_id":1})"),
       text(R"({"msg":"no_such_message","msg_id":1})"),
       text(R"({"msg":"ack","msg_id":1})"),
       text(R"({"msg":"set_state","msg_id":1})"),
       text(R"({"msg":"set_state","msg_id":1,"device_freq":-1})"),
-      text(R"({"msg":"set_inputs","msg_id":1,"inputs":5})"),
       text(R"({"msg":"set_fm_freq","msg_id":1,"freq":[1.5]})"),
-      text(R"({"msg":"get_dev_info","msg_id":1)"),
       text("{\"msg\":\"get_\xFF\",\"msg_id\":1}"),
-      text(R"({"att":4294967295,"msg":"get_dev_info","msg_id":1})"),
       text(R"({"att":1048577,"msg":"get_dev_info","msg_id":1})"),
-      text(R"({"att":-1,"msg":"get_dev_info","msg_id":1})"),
       text(std::string(1400, '[')),
-      text(std::string(1400, '{')),
   };
   Bytes unterminated = MakeDatagram(R"({"msg":"get_dev_info","msg_id":1})");
   unterminated.pop_back();

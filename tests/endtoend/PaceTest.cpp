@@ -99,20 +99,4 @@ TEST_F(Pace, TheRingDelaysAStreamByFiveTicks) {
   EXPECT_LT(delays[delays.size() / 2], 24 + 3 * TimeFactor());
 }
 
-// An answer that isn't acknowledged goes out at 0, 50, 100, 150 and 200 ms.
-TEST_F(Pace, RepeatsComeEveryFiftyMilliseconds) {
-  EmulatorProcess emulator({UnitSpec{}});
-  emulator.StartAndWait();
-  controller.Acknowledge(false);
-  controller.Send(emulator.Discovery(), "dev_find");
-  emulator.Line("No ack received");
-  const auto answers = controller.Received();
-  ASSERT_EQ(answers.size(), 5u);
-  for (size_t i = 0; i < answers.size(); ++i) {
-    const double at = Seconds(answers[i].time - answers[0].time) * 1000;
-    EXPECT_GT(at, 50.0 * static_cast<double>(i) - 5 * TimeFactor()) << i;
-    EXPECT_LT(at, 50.0 * static_cast<double>(i) + 30 * TimeFactor()) << i;
-  }
-}
-
 }  // namespace

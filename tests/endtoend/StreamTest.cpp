@@ -68,14 +68,6 @@ TEST_F(Stream, AllInputsOfAUnitCarryTheTickThatTheyBelongTo) {
   }
 }
 
-TEST_F(Stream, TheLeftRampLeavesTheRightChannelAlone) {
-  StartTuner(2);
-  const auto packets = receiver.WaitPackets(20);
-  ExpectStream(packets, wire::kType48000);
-  for (const AudioPacket& packet : packets)
-    ASSERT_EQ(packet.payload, RampPayload(1.0f, false));
-}
-
 TEST_F(Stream, UnknownModesAreSilentAsModeZeroIs) {
   for (const int mode : {0, 7, -1}) {
     StartTuner(mode, 44100);
