@@ -30,6 +30,7 @@ TEST_F(ResourceEnds, WithoutDescriptorsTheStartFailsAndSaysSo) {
     EmulatorProcess emulator(kBothModelsAndAnUnknownOne);
     emulator.Allow("Too many open files");
     emulator.Allow("Create socket failed");
+    emulator.Allow("open error: file");  // the settings, where we were given descriptors ourselves
     emulator.StartUnder("ulimit -n " + std::to_string(limit));
     up = emulator.Child().WaitLine(" Start OK").has_value();
     if (up) {
