@@ -165,8 +165,7 @@ struct Watched {
   std::unique_ptr<StreamReceiver> receiver;
   std::unique_ptr<InputLoan> loan;
   StreamStats stats;
-  uint64_t packetsBefore = 0;  // at the previous drawing
-  double rate = 0;             // packets a second since then
+  double rate = 0;  // packets a second since then
 };
 
 std::vector<std::string> ToRow(Watched& row, Output& out) {
@@ -201,7 +200,7 @@ class Watching {
 
  private:
   void Open(const Unit& unit, const CommonOptions& common);
-  void Draw(double seconds);
+  void Draw();
 
   Output& out_;
   std::unique_ptr<INetManager> net_;
@@ -233,7 +232,7 @@ int Watching::Run(const WatchOptions& options, const CommonOptions& common) {
         row.stats.Add(packet, time);
     }
     if (SecondsSince(lastDraw) >= period) {
-      Draw(SecondsSince(lastDraw));
+      Draw();
       lastDraw = ClockRead(nullptr);
     }
     if (options.seconds && SecondsSince(start) >= *options.seconds) break;
@@ -258,13 +257,12 @@ void Watching::Open(const Unit& unit, const CommonOptions& common) {
   }
 }
 
-void Watching::Draw(double seconds) {
+void Watching::Draw() {
   std::vector<std::vector<std::string>> table{{"UNIT", "IN",
                                                "LEFT" + std::string(kMeterWidth - 3, ' ') + "RIGHT",
                                                "PACKETS/S", "JITTER ms", "LOST", "LATE"}};
   for (Watched& row : rows_) {
-    row.rate = static_cast<double>(row.stats.packets - row.packetsBefore) / seconds;
-    row.packetsBefore = row.stats.packets;
+    row.rate = row.stats.TakeRate();
     if (out_.Json()) {
       out_.Object(ToFields(row));
     } else {

@@ -86,6 +86,18 @@ double StreamStats::Rate() const {
   return static_cast<double>(packets - 1) * 1e7 / static_cast<double>(lastArrival_ - firstArrival_);
 }
 
+double StreamStats::TakeRate() {
+  // From arrival to arrival: counted by the clock of who asks, a packet more or less would show.
+  const double rate = packetsTaken_ == 0 ? Rate()
+                      : lastArrival_ == arrivalTaken_
+                          ? 0
+                          : static_cast<double>(packets - packetsTaken_) * 1e7 /
+                                static_cast<double>(lastArrival_ - arrivalTaken_);
+  packetsTaken_ = packets;
+  arrivalTaken_ = lastArrival_;
+  return rate;
+}
+
 double StreamStats::TakePeak(int channel) {
   return std::exchange(peak_[channel & 1], 0.0);
 }

@@ -34,6 +34,9 @@ class StreamStats {
   // Packets a second between the first and the latest arrival.
   double Rate() const;
 
+  // The same since a call of the past, for a live view; 0 if nothing has come since.
+  double TakeRate();
+
   // Smoothed deviation of the packets' spacing from that of their timestamps, in milliseconds
   // (the interarrival jitter of RFC 3550, section 6.4.1).
   double JitterMs() const { return jitterTicks_ / 10'000.0; }
@@ -57,6 +60,8 @@ class StreamStats {
   uint64_t distinct_ = 0;      // of these, how many came
   int64_t firstArrival_ = 0;
   int64_t lastArrival_ = 0;
+  uint64_t packetsTaken_ = 0;  // at the last TakeRate
+  int64_t arrivalTaken_ = 0;
   int64_t newestArrival_ = 0;  // of the packet with the highest number
   uint32_t newestTimestamp_ = 0;
   double jitterTicks_ = 0;
