@@ -90,8 +90,6 @@ class CtlTest : public testing::Test {
       : emulator_({{.id = "studio-a"},
                    {.type = "QZ820", .id = "tuner-b", .mode = 1},
                    {.type = "QZ999", .id = "odd-c"}}) {
-    // An input that is switched off in the middle of a tick: that tick's packet has no address.
-    emulator_.Allow("Send address undefined");
     emulator_.StartAndWait();
   }
   ~CtlTest() override { emulator_.Stop(); }
