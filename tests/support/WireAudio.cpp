@@ -1,5 +1,8 @@
 #include "support/WireAudio.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace wire {
 
 namespace {
@@ -21,19 +24,21 @@ uint32_t BigEndian(const Bytes& bytes, size_t at, size_t count) {
 Bytes MakeAudioDatagram(uint16_t sequence, uint32_t timestamp, uint8_t typeByte,
                         const Bytes& payload) {
   const auto byte = [](uint32_t value) { return static_cast<uint8_t>(value & 0xFF); };
-  Bytes bytes = {0x02,
-                 typeByte,
-                 byte(sequence >> 8U),
-                 byte(sequence),
-                 byte(timestamp >> 24),
-                 byte(timestamp >> 16),
-                 byte(timestamp >> 8),
-                 byte(timestamp),
-                 0,
-                 0,
-                 0,
-                 0};
-  bytes.insert(bytes.end(), payload.begin(), payload.end());
+  const uint8_t header[] = {0x02,
+                            typeByte,
+                            byte(sequence >> 8U),
+                            byte(sequence),
+                            byte(timestamp >> 24),
+                            byte(timestamp >> 16),
+                            byte(timestamp >> 8),
+                            byte(timestamp),
+                            0,
+                            0,
+                            0,
+                            0};
+  Bytes bytes(sizeof header + payload.size());
+  std::copy(std::begin(header), std::end(header), bytes.begin());
+  std::copy(payload.begin(), payload.end(), bytes.begin() + sizeof header);
   return bytes;
 }
 
