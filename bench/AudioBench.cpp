@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "INetManager.h"
-#include "RtpAudioManager.h"
+#include "audio/RtpAudioManager.h"
+#include "sockets/INetManager.h"
 
 using namespace Network;
 

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "JsonMsgs.h"
+#include "control/JsonMsgs.h"
 
 using namespace Network;
 

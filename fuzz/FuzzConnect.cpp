@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "Harness.h"
-#include "JsonMsgs.h"
-#include "JsonUdpConnect.h"
+#include "control/JsonMsgs.h"
+#include "control/JsonUdpConnect.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
 

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "Harness.h"
-#include "JsonMsgs.h"
+#include "control/JsonMsgs.h"
 #include "platform/text.h"
 
 using namespace Network;

@@ -1,6 +1,6 @@
 // Any text as an address: both readers against each other, and the text of what they took in.
 #include "Harness.h"
-#include "NetAddr.h"
+#include "sockets/NetAddr.h"
 
 using fuzz::Require;
 using Network::NetAddr;

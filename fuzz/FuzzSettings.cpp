@@ -2,8 +2,8 @@
 // settings; what is refused changes nothing.
 #include <cmath>
 
-#include "EmuSettings.h"
 #include "Harness.h"
+#include "emulator/EmuSettings.h"
 #include "platform/text.h"
 
 using fuzz::Require;

@@ -3,7 +3,7 @@
 #include <exception>
 #include <string>
 
-#include "Emulator.h"
+#include "emulator/Emulator.h"
 #include "platform/startup.h"
 #include "runtime/DebugLog.h"
 #include "runtime/Environment.h"

@@ -1,4 +1,4 @@
-#include "RtpAudioManager.h"
+#include "audio/RtpAudioManager.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "RtpManager.h"
+#include "audio/RtpManager.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "RtpPacket.h"
+#include "audio/RtpPacket.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <limits>
 #include <vector>
 
-#include "IRtp.h"
+#include "audio/IRtp.h"
 #include "support/CapturedLog.h"
 #include "support/WireAudio.h"
 

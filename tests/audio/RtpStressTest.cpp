@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "RtpAudioManager.h"
+#include "audio/RtpAudioManager.h"
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
 #include "support/WireAudio.h"

@@ -1,4 +1,4 @@
-#include "SyncManager.h"
+#include "audio/SyncManager.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RtpAudioManager.h"
+#include "audio/RtpAudioManager.h"
 #include "badnetwork/RunSeed.h"
 #include "relay/LossyLink.h"
 #include "support/CapturedLog.h"

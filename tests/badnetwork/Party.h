@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "JsonUdpConnect.h"
 #include "badnetwork/RunSeed.h"
+#include "control/JsonUdpConnect.h"
 #include "support/ControlDoubles.h"
 
 // What a party may rely on.

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "JsonUdpConnect.h"
+#include "control/JsonUdpConnect.h"
 #include "support/CapturedLog.h"
 #include "support/ControlDoubles.h"
 #include "support/FakeNetwork.h"

@@ -4,7 +4,7 @@
 #include <memory>
 #include <thread>
 
-#include "JsonMsgs.h"
+#include "control/JsonMsgs.h"
 #include "support/CapturedLog.h"
 
 using namespace Network;

@@ -1,4 +1,4 @@
-#include "JsonUdpManager.h"
+#include "control/JsonUdpManager.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "JsonUdpConnect.h"
+#include "control/JsonUdpConnect.h"
 #include "support/CapturedLog.h"
 #include "support/ControlDoubles.h"
 #include "support/FakeNetwork.h"

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "JsonUdpConnect.h"
+#include "control/JsonUdpConnect.h"
 #include "support/CapturedLog.h"
 #include "support/ControlDoubles.h"
 #include "support/FakeNetwork.h"

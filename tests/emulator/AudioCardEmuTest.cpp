@@ -1,11 +1,11 @@
 // One unit with its parts played by hand: what no far end can see of it.
-#include "AudioCardEmu.h"
+#include "emulator/AudioCardEmu.h"
 
 #include <gtest/gtest.h>
 
-#include "TestSignal.h"
 #include "emulator/AllocationCount.h"
 #include "emulator/Doubles.h"
+#include "emulator/TestSignal.h"
 #include "support/CapturedLog.h"
 
 namespace Network {

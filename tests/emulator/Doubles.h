@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "Emulator.h"
+#include "emulator/Emulator.h"
 #include "platform/text.h"
 #include "support/FakeNetwork.h"
 

@@ -1,4 +1,4 @@
-#include "EmuSettings.h"
+#include "emulator/EmuSettings.h"
 
 #include <gtest/gtest.h>
 

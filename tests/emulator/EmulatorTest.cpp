@@ -1,5 +1,5 @@
 // The emulator's life: order of its steps, and what a failure does to them.
-#include "Emulator.h"
+#include "emulator/Emulator.h"
 
 #include <gtest/gtest.h>
 

@@ -4,13 +4,13 @@
 
 #include <utility>
 
-#include "EmuSettings.h"
-#include "IRtp.h"
-#include "JsonUdpConnect.h"
-#include "NetManager.h"
-#include "UdpSock.h"
+#include "audio/IRtp.h"
+#include "control/JsonUdpConnect.h"
+#include "emulator/EmuSettings.h"
+#include "runtime/textfiles.h"
+#include "sockets/NetManager.h"
+#include "sockets/UdpSock.h"
 #include "support/CapturedLog.h"
-#include "textfiles.h"
 
 namespace Network {
 namespace {

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "EmuSettings.h"
+#include "emulator/EmuSettings.h"
 #include "emulator/SettingsFile.h"
 #include "support/CapturedLog.h"
 

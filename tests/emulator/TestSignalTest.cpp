@@ -1,4 +1,4 @@
-#include "TestSignal.h"
+#include "emulator/TestSignal.h"
 
 #include <gtest/gtest.h>
 

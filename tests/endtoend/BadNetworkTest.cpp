@@ -1,11 +1,11 @@
 // The real emulator behind a network that loses, doubles, reorders and damages.
 #include <chrono>
 
-#include "INetManager.h"
 #include "badnetwork/RunSeed.h"
 #include "endtoend/EndToEnd.h"
 #include "platform/text.h"
 #include "relay/LossyRelay.h"
+#include "sockets/INetManager.h"
 
 namespace {
 

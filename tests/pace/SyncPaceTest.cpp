@@ -4,7 +4,7 @@
 #include <atomic>
 #include <memory>
 
-#include "ISyncManager.h"
+#include "audio/ISyncManager.h"
 #include "platform/clock.h"
 #include "platform/startup.h"
 #include "support/CapturedLog.h"

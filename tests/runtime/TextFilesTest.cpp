@@ -1,4 +1,4 @@
-#include "textfiles.h"
+#include "runtime/textfiles.h"
 
 #include <gtest/gtest.h>
 

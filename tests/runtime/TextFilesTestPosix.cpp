@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "runtime/textfiles.h"
 #include "support/CapturedLog.h"
 #include "support/TempDir.h"
-#include "textfiles.h"
 
 // The start would wait for a writer that never comes.
 TEST(TextFilesPosix, APipeFailsInsteadOfBlocking) {

@@ -1,4 +1,4 @@
-#include "NetAddr.h"
+#include "sockets/NetAddr.h"
 
 #include <gtest/gtest.h>
 

@@ -14,11 +14,11 @@
 #include <utility>
 #include <vector>
 
-#include "ITcpListenSock.h"
-#include "IUdpSock.h"
-#include "NetManager.h"
 #include "platform/socket.h"
 #include "platform/text.h"
+#include "sockets/ITcpListenSock.h"
+#include "sockets/IUdpSock.h"
+#include "sockets/NetManager.h"
 #include "support/CapturedLog.h"
 #include "support/WireSocket.h"
 

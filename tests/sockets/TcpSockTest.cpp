@@ -1,12 +1,12 @@
-#include "TcpSock.h"
+#include "sockets/TcpSock.h"
 
 #include <atomic>
 #include <stdexcept>
 #include <thread>
 
 #include "SocketFixture.h"
-#include "TcpListenSock.h"
 #include "platform/errors.h"
+#include "sockets/TcpListenSock.h"
 
 using Network::ITcpListenSock;
 using Network::ITcpReceiver;

@@ -1,4 +1,4 @@
-#include "UdpSock.h"
+#include "sockets/UdpSock.h"
 
 #include <atomic>
 #include <stdexcept>

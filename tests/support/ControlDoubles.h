@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "IJsonUdp.h"
-#include "JsonMsgs.h"
+#include "control/IJsonUdp.h"
+#include "control/JsonMsgs.h"
 
 using DatagramBytes = std::vector<uint8_t>;
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "INetManager.h"
+#include "sockets/INetManager.h"
 
 struct SentDatagram {
   std::vector<uint8_t> bytes;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RtpManager.h"
+#include "audio/RtpManager.h"
 #include "platform/text.h"
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"

@@ -5,10 +5,10 @@
 #include <mutex>
 
 #include "Commands.h"
-#include "EmuSettings.h"
-#include "ISyncManager.h"
-#include "RtpPacket.h"
 #include "Streams.h"
+#include "audio/ISyncManager.h"
+#include "audio/RtpPacket.h"
+#include "emulator/EmuSettings.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
 #include "platform/startup.h"

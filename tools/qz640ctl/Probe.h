@@ -8,8 +8,8 @@
 #include <mutex>
 #include <vector>
 
-#include "INetManager.h"
 #include "Units.h"
+#include "sockets/INetManager.h"
 
 namespace ctl {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "RtpPacket.h"
+#include "audio/RtpPacket.h"
 
 namespace ctl {
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "AudioFile.h"
-#include "INetManager.h"
-#include "ISyncManager.h"
-#include "RtpPacket.h"
 #include "StreamStats.h"
+#include "audio/ISyncManager.h"
+#include "audio/RtpPacket.h"
+#include "sockets/INetManager.h"
 
 namespace ctl {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "ExitStatus.h"
-#include "IJsonUdp.h"
-#include "INetManager.h"
-#include "JsonMsgs.h"
+#include "control/IJsonUdp.h"
+#include "control/JsonMsgs.h"
+#include "sockets/INetManager.h"
 
 namespace ctl {
 

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "Commands.h"
-#include "EmuSettings.h"
+#include "emulator/EmuSettings.h"
 #include "platform/child.h"
 #include "platform/startup.h"
 #include "platform/text.h"

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "INetManager.h"
 #include "platform/event.h"
 #include "relay/LossyLink.h"
+#include "sockets/INetManager.h"
 
 namespace relay {
 

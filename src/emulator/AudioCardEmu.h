@@ -1,0 +1,127 @@
+// One emulated audio unit: a clock, an audio stream manager and a control connection, and the
+// behaviour that stands in for the unit's hardware.
+//
+// Threads: the main thread (Init, Start, Stop, destructor), the thread of `sync_` (OnSync), the
+// thread of `connect_` (OnMsgReceived), the worker of the control network (OnBroadcastMsg).
+// Lock: audioMutex_, the audio set-up against its users. OnSync never takes it, because who stops
+// the ticks holds it while waiting for the last one.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "audio/IRtp.h"
+#include "audio/ISyncManager.h"
+#include "control/IJsonUdp.h"
+#include "control/JsonMsgs.h"
+#include "emulator/EmuSettings.h"
+#include "runtime/IDebugLog.h"
+#include "sockets/INetManager.h"
+
+namespace Network {
+
+// What a unit makes its parts with; tests put doubles in place. The unit owns what they make.
+struct UnitParts {
+  std::function<std::unique_ptr<INetManager>()> MakeNet = &INetManager::Create;
+  std::function<ISyncManager*(const std::wstring&)> MakeSync = &ISyncManager::Create;
+  std::function<IRtpAudioManager*(const std::wstring&, INetManager*)> MakeRtp =
+      &IRtpAudioManager::Create;
+  std::function<IJsonUdpConnect*(const std::wstring&, INetManager*)> MakeConnect =
+      &IJsonUdpConnect::Create;
+};
+
+class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
+ public:
+  // `ctlNet` serves the control connection; it isn't owned and outlives the unit.
+  explicit AudioCardEmu(INetManager* ctlNet, const UnitParts& parts = UnitParts());
+
+  // Ends what still runs. No control message is handled any more when the audio parts go.
+  virtual ~AudioCardEmu();
+  AudioCardEmu(const AudioCardEmu&) = delete;
+  AudioCardEmu& operator=(const AudioCardEmu&) = delete;
+
+  // In this order, on one thread. A failed Start has stopped the audio again. Stop ends the audio
+  // for good (no control message restarts it); the control connection goes with the unit.
+  ErrInfo Init(const EmuSettings& emu, const UnitSettings& unit);
+  ErrInfo Start();
+  ErrInfo Stop();
+
+  // The audio side alone. InitAudio belongs between StopAudio and StartAudio, takes 48000 and 44100
+  // Hz, and switches all inputs off; on another frequency it fails and changes nothing. A failed
+  // StartAudio has stopped the audio again.
+  ErrInfo InitAudio(uint32_t freq);
+  ErrInfo StartAudio();
+  ErrInfo StopAudio();
+
+  // What arrived on the discovery port. Never waits.
+  void OnBroadcastMsg(const std::shared_ptr<JsonMsg>& msg, const NetAddr& from);
+
+  // The unit's description, as a new message.
+  std::shared_ptr<JsonMsg> MakeDevInfo() const;
+
+  // One tick: takes a packet from every output, checks it against the test pattern, fills the
+  // inputs and sends them. Allocates on the first call alone.
+  void OnSync(ISyncSource* source, int64_t pos, uint32_t freq) override;
+
+  void OnMsgSent(IJsonUdpManager* manager, const std::shared_ptr<JsonMsg>& msg) override;
+  void OnMsgReceived(IJsonUdpManager* manager, const std::shared_ptr<JsonMsg>& msg,
+                     const NetAddr& from) override;
+  void OnError(IJsonUdpManager* manager, ErrInfo err) override;
+
+ private:
+  bool HasTuners() const { return unitSettings_.UnitType == kUnitTypeQZ820; }
+
+  // Under audioMutex_, but for those of Init.
+  ErrInfo DoInitAudio(uint32_t freq);
+  ErrInfo DoStartAudio();
+  void DoStopAudio();
+
+  void InitTuners();
+  ErrInfo InitConnect();
+
+  // The requests of a controller; AudioCardEmuControl.cpp.
+  void OnGetInputs(const NetAddr& from);
+  void OnSetInputs(const JsonMsgSetInputs& request);
+  void OnSetState(const JsonMsgSetState& request);
+  void OnGetFmFreq(const JsonMsg& request, const NetAddr& from);
+  void OnSetFmFreq(const JsonMsgSetFmFreq& request, const NetAddr& from);
+  void OnGetFmQuality(const JsonMsg& request, const NetAddr& from);
+  void SendError(uint32_t code, const wchar_t* text, const JsonMsg& request, const NetAddr& to);
+
+  void SizeAudioBuf();
+  void CheckTestData();
+
+  std::shared_ptr<IDebugLog> log_;
+  const UnitParts parts_;
+  INetManager* const ctlNet_;
+  EmuSettings emuSettings_;              // fixed by Init
+  UnitSettings unitSettings_;            // fixed by Init
+  std::unique_ptr<INetManager> rtpNet_;  // this unit's audio sockets alone
+
+  // What the parts are made into; fixed from Init to the destructor.
+  std::shared_ptr<ISyncManager> sync_;
+  std::shared_ptr<IRtpAudioManager> rtp_;
+  std::shared_ptr<IJsonUdpConnect> connect_;
+
+  std::mutex audioMutex_;
+  RtpManagerInfo rtpInfo_;  // its SendChans are also the list of inputs
+  bool closed_ = false;     // Stop was called: the audio stays off
+
+  // On the thread of `sync_` alone.
+  bool testDataOk_ = false;
+  std::vector<float> audioBuf_;  // pairs of channels; output i and input i share pair i
+  std::vector<float*> outBufs_;  // into audioBuf_: left and right of each output
+  std::vector<float*> inBufs_;   // into audioBuf_: left and right of each input
+
+  // On the thread of `connect_` alone, one element for each tuner.
+  std::vector<int32_t> fmFreq_;  // kHz
+  std::vector<int32_t> fmRssi_;
+  std::vector<int32_t> fmSnr_;
+  std::vector<int32_t> fmMultipath_;
+  std::vector<int32_t> fmPilot_;
+};
+
+}  // namespace Network
