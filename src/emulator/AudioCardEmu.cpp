@@ -45,7 +45,7 @@ AudioCardEmu::~AudioCardEmu() {
 ErrInfo AudioCardEmu::Init(const EmuSettings& emu, const UnitSettings& unit) {
   emuSettings_ = emu;
   unitSettings_ = unit;
-  InitTuners();
+  tuners_.resize(static_cast<size_t>(unitSettings_.GetModel().Tuners));
 
   const std::wstring& id = unitSettings_.UnitId;
   sync_.reset(parts_.MakeSync(Format(L"%s.%s", id, L"SyncManager")));
@@ -120,10 +120,10 @@ ErrInfo AudioCardEmu::DoInitAudio(uint32_t freq) {
   rtpInfo_.RecvBufPos = kRecvBufPos;
   rtpInfo_.SampleFreq = freq;
   rtpInfo_.PacketSmplSize = kTickSamples;
-  uint32_t port = static_cast<uint32_t>(unitSettings_.BasePort) + 2;
-  for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i, port += 2) {
+  for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i) {
     NetAddr addr;
-    addr.SetFromTextAndPort(emuSettings_.AddrStr, port);
+    addr.SetFromTextAndPort(emuSettings_.AddrStr,
+                            static_cast<uint32_t>(RtpPort(unitSettings_.BasePort, i)));
     rtpInfo_.RecvAddrs.push_back(addr);
   }
   for (int32_t i = 0; i < unitSettings_.GetInputCount(); ++i) {

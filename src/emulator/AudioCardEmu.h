@@ -18,6 +18,7 @@
 #include "control/IJsonUdp.h"
 #include "control/JsonMsgs.h"
 #include "emulator/EmuSettings.h"
+#include "emulator/Tuner.h"
 #include "runtime/IDebugLog.h"
 #include "sockets/INetManager.h"
 
@@ -72,23 +73,21 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
   void OnError(IJsonUdpManager* manager, ErrInfo err) override;
 
  private:
-  bool HasTuners() const { return unitSettings_.UnitType == kUnitTypeQZ820; }
-
   // Under audioMutex_, but for those of Init.
   ErrInfo DoInitAudio(uint32_t freq);
   ErrInfo DoStartAudio();
   void DoStopAudio();
 
-  void InitTuners();
   ErrInfo InitConnect();
 
   // The requests of a controller; AudioCardEmuControl.cpp.
-  void OnGetInputs(const NetAddr& from);
-  void OnSetInputs(const JsonMsgSetInputs& request);
-  void OnSetState(const JsonMsgSetState& request);
-  void OnGetFmFreq(const JsonMsg& request, const NetAddr& from);
+  void OnGetDevInfo(const JsonMsgGetDevInfo& request, const NetAddr& from);
+  void OnGetInputs(const JsonMsgGetInputs& request, const NetAddr& from);
+  void OnSetInputs(const JsonMsgSetInputs& request, const NetAddr& from);
+  void OnSetState(const JsonMsgSetState& request, const NetAddr& from);
+  void OnGetFmFreq(const JsonMsgGetFmFreq& request, const NetAddr& from);
   void OnSetFmFreq(const JsonMsgSetFmFreq& request, const NetAddr& from);
-  void OnGetFmQuality(const JsonMsg& request, const NetAddr& from);
+  void OnGetFmQuality(const JsonMsgGetFmQuality& request, const NetAddr& from);
   void SendError(uint32_t code, const wchar_t* text, const JsonMsg& request, const NetAddr& to);
 
   void SizeAudioBuf();
@@ -116,12 +115,7 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
   std::vector<float*> outBufs_;  // into audioBuf_: left and right of each output
   std::vector<float*> inBufs_;   // into audioBuf_: left and right of each input
 
-  // On the thread of `connect_` alone, one element for each tuner.
-  std::vector<int32_t> fmFreq_;  // kHz
-  std::vector<int32_t> fmRssi_;
-  std::vector<int32_t> fmSnr_;
-  std::vector<int32_t> fmMultipath_;
-  std::vector<int32_t> fmPilot_;
+  std::vector<Tuner> tuners_;  // on the thread of `connect_` alone
 };
 
 }  // namespace Network

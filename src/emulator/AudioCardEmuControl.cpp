@@ -1,5 +1,5 @@
 // The control side of AudioCardEmu: what it does and answers when a controller asks.
-#include <algorithm>
+#include <tuple>
 
 #include "emulator/AudioCardEmu.h"
 
@@ -10,22 +10,26 @@ namespace {
 constexpr uint32_t kNotSupported = 1;   // error code: this model doesn't serve the request
 constexpr uint32_t kWrongChannels = 2;  // error code: a wrong number of channels
 
+// One of `unit`'s handlers, called if `msg` is of the type that it takes. False: it isn't.
 template <typename Message>
-const Message* As(const std::shared_ptr<JsonMsg>& msg) {
-  return dynamic_cast<const Message*>(msg.get());
+bool Serve(AudioCardEmu& unit,
+           void (AudioCardEmu::*handler)(const Message& request, const NetAddr& from),
+           const JsonMsg& msg, const NetAddr& from) {
+  const auto* request = dynamic_cast<const Message*>(&msg);
+  if (!request) return false;
+  (unit.*handler)(*request, from);
+  return true;
+}
+
+// The figure that `member` names, of each tuner.
+std::vector<int32_t> OfEach(const std::vector<Tuner>& tuners, int32_t Tuner::*member) {
+  std::vector<int32_t> figures;
+  for (const Tuner& tuner : tuners)
+    figures.push_back(tuner.*member);
+  return figures;
 }
 
 }  // namespace
-
-void AudioCardEmu::InitTuners() {
-  if (!HasTuners()) return;
-  const size_t count = static_cast<size_t>(unitSettings_.GetInputCount());
-  fmFreq_.assign(count, 100500);
-  fmRssi_.assign(count, 40);
-  fmSnr_.assign(count, 80);
-  fmMultipath_.assign(count, 50);
-  fmPilot_.assign(count, 1);
-}
 
 std::shared_ptr<JsonMsg> AudioCardEmu::MakeDevInfo() const {
   auto info = std::make_shared<JsonMsgDevInfo>();
@@ -36,14 +40,14 @@ std::shared_ptr<JsonMsg> AudioCardEmu::MakeDevInfo() const {
   info->software = 1;
   info->audio_protocol = 1;
   info->control_protocol = 1;
-  info->rtp_port = static_cast<uint32_t>(unitSettings_.BasePort) + 2;
+  info->rtp_port = static_cast<uint32_t>(RtpPort(unitSettings_.BasePort, 0));
   info->inputs = static_cast<uint32_t>(unitSettings_.GetInputCount());
   info->outputs = static_cast<uint32_t>(unitSettings_.GetOutputCount());
   return info;
 }
 
 void AudioCardEmu::OnBroadcastMsg(const std::shared_ptr<JsonMsg>& msg, const NetAddr& from) {
-  if (As<JsonMsgDevFind>(msg)) connect_->Send(MakeDevInfo(), from);
+  if (dynamic_cast<const JsonMsgDevFind*>(msg.get())) connect_->Send(MakeDevInfo(), from);
 }
 
 void AudioCardEmu::OnMsgSent(IJsonUdpManager*, const std::shared_ptr<JsonMsg>&) {}
@@ -53,24 +57,19 @@ void AudioCardEmu::OnError(IJsonUdpManager*, ErrInfo) {}  // the argument logs i
 void AudioCardEmu::OnMsgReceived(IJsonUdpManager* manager, const std::shared_ptr<JsonMsg>& msg,
                                  const NetAddr& from) {
   if (manager != connect_.get()) return;
-  if (As<JsonMsgGetDevInfo>(msg)) {
-    connect_->Send(MakeDevInfo(), from);
-  } else if (As<JsonMsgGetInputs>(msg)) {
-    OnGetInputs(from);
-  } else if (const auto* setInputs = As<JsonMsgSetInputs>(msg)) {
-    OnSetInputs(*setInputs);
-  } else if (const auto* setState = As<JsonMsgSetState>(msg)) {
-    OnSetState(*setState);
-  } else if (const auto* getFmFreq = As<JsonMsgGetFmFreq>(msg)) {
-    OnGetFmFreq(*getFmFreq, from);
-  } else if (const auto* setFmFreq = As<JsonMsgSetFmFreq>(msg)) {
-    OnSetFmFreq(*setFmFreq, from);
-  } else if (const auto* getFmQuality = As<JsonMsgGetFmQuality>(msg)) {
-    OnGetFmQuality(*getFmQuality, from);
-  }
+  // What isn't a request of a controller, such as an answer, does nothing.
+  const std::tuple handlers(&AudioCardEmu::OnGetDevInfo, &AudioCardEmu::OnGetInputs,
+                            &AudioCardEmu::OnSetInputs, &AudioCardEmu::OnSetState,
+                            &AudioCardEmu::OnGetFmFreq, &AudioCardEmu::OnSetFmFreq,
+                            &AudioCardEmu::OnGetFmQuality);
+  std::apply([&](auto... handler) { (Serve(*this, handler, *msg, from) || ...); }, handlers);
 }
 
-void AudioCardEmu::OnGetInputs(const NetAddr& from) {
+void AudioCardEmu::OnGetDevInfo(const JsonMsgGetDevInfo&, const NetAddr& from) {
+  connect_->Send(MakeDevInfo(), from);
+}
+
+void AudioCardEmu::OnGetInputs(const JsonMsgGetInputs&, const NetAddr& from) {
   auto answer = std::make_shared<JsonMsgInputs>();
   {
     std::lock_guard lock(audioMutex_);
@@ -80,7 +79,7 @@ void AudioCardEmu::OnGetInputs(const NetAddr& from) {
   connect_->Send(answer, from);
 }
 
-void AudioCardEmu::OnSetInputs(const JsonMsgSetInputs& request) {
+void AudioCardEmu::OnSetInputs(const JsonMsgSetInputs& request, const NetAddr&) {
   std::lock_guard lock(audioMutex_);
   if (request.inputs.size() != rtpInfo_.SendChans.size()) {
     log_->Write(L"ERROR: Incorrect inputs count");
@@ -95,7 +94,7 @@ void AudioCardEmu::OnSetInputs(const JsonMsgSetInputs& request) {
 }
 
 // A frequency that the unit can't take costs a gap in the audio and a line in the log, no more.
-void AudioCardEmu::OnSetState(const JsonMsgSetState& request) {
+void AudioCardEmu::OnSetState(const JsonMsgSetState& request, const NetAddr&) {
   std::lock_guard lock(audioMutex_);
   if (closed_ || request.device_freq == sync_->GetSyncFreq()) return;
   DoStopAudio();
@@ -103,30 +102,31 @@ void AudioCardEmu::OnSetState(const JsonMsgSetState& request) {
   DoStartAudio();
 }
 
-void AudioCardEmu::OnGetFmFreq(const JsonMsg& request, const NetAddr& from) {
-  if (!HasTuners()) return SendError(kNotSupported, L"Not supported", request, from);
+void AudioCardEmu::OnGetFmFreq(const JsonMsgGetFmFreq& request, const NetAddr& from) {
+  if (tuners_.empty()) return SendError(kNotSupported, L"Not supported", request, from);
   auto answer = std::make_shared<JsonMsgFmFreq>();
-  answer->freq = fmFreq_;
+  answer->freq = OfEach(tuners_, &Tuner::Freq);
   connect_->Send(answer, from);
 }
 
 void AudioCardEmu::OnSetFmFreq(const JsonMsgSetFmFreq& request, const NetAddr& from) {
-  if (!HasTuners()) return SendError(kNotSupported, L"Not supported", request, from);
-  if (request.freq.size() != fmFreq_.size()) {
+  if (tuners_.empty()) return SendError(kNotSupported, L"Not supported", request, from);
+  if (request.freq.size() != tuners_.size()) {
     return SendError(kWrongChannels, L"Number of channels mismatch", request, from);
   }
-  for (size_t i = 0; i < fmFreq_.size(); ++i) {
-    if (request.freq[i] != 0) fmFreq_[i] = request.freq[i];  // 0 keeps
+  for (size_t i = 0; i < tuners_.size(); ++i) {
+    // 0 stands for a tuner that keeps its frequency: [0, 0, 0, 90000] tunes the fourth alone.
+    if (request.freq[i] != 0) tuners_[i].Freq = request.freq[i];
   }
 }
 
-void AudioCardEmu::OnGetFmQuality(const JsonMsg& request, const NetAddr& from) {
-  if (!HasTuners()) return SendError(kNotSupported, L"Not supported", request, from);
+void AudioCardEmu::OnGetFmQuality(const JsonMsgGetFmQuality& request, const NetAddr& from) {
+  if (tuners_.empty()) return SendError(kNotSupported, L"Not supported", request, from);
   auto answer = std::make_shared<JsonMsgFmQuality>();
-  answer->rssi = fmRssi_;
-  answer->snr = fmSnr_;
-  answer->multipath = fmMultipath_;
-  answer->pilot = fmPilot_;
+  answer->rssi = OfEach(tuners_, &Tuner::Rssi);
+  answer->snr = OfEach(tuners_, &Tuner::Snr);
+  answer->multipath = OfEach(tuners_, &Tuner::Multipath);
+  answer->pilot = OfEach(tuners_, &Tuner::Pilot);
   connect_->Send(answer, from);
 }
 

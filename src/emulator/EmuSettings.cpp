@@ -41,12 +41,6 @@ std::wstring InFile(const std::wstring& path) {
   return L": file \"" + path + L"\"";
 }
 
-// Two ports for control, and two for each stream. Wraps: any BasePort may stand in the file.
-int32_t NextUnitPort(int32_t port, const UnitSettings& unit) {
-  const int32_t step = 2 * (unit.GetInputCount() + unit.GetOutputCount()) + 2;
-  return static_cast<int32_t>(static_cast<uint32_t>(port) + static_cast<uint32_t>(step));
-}
-
 // Some numbers have no text that the parser takes as the same: the infinite ones, NaN, and those
 // from 100000 to 999999, which end in a bare point.
 bool HasReadableText(double number) {
@@ -105,16 +99,6 @@ ErrInfo UnitSettings::Deserialize(const JSON::Value& in) {
   return err;
 }
 
-int32_t UnitSettings::GetInputCount() const {
-  if (UnitType == kUnitTypeQZ610) return 1;
-  if (UnitType == kUnitTypeQZ820) return 4;
-  return 0;
-}
-
-int32_t UnitSettings::GetOutputCount() const {
-  return UnitType == kUnitTypeQZ610 ? 1 : 0;
-}
-
 ErrInfo EmuSettings::Serialize(JSON::Value& out) const {
   ErrInfo err = ERR_HERE("Network::EmuSettings::Serialize");
   try {
@@ -159,7 +143,7 @@ ErrInfo EmuSettings::Deserialize(const JSON::Value& in) {
   int32_t port = BasePort;
   for (UnitSettings& unit : units) {
     unit.BasePort = port;
-    port = NextUnitPort(port, unit);
+    port = static_cast<int32_t>(NextUnitPort(port, unit.GetModel()));  // wraps
   }
   return err;
 }

@@ -7,18 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "emulator/Models.h"
 #include "json/Value.h"
 #include "runtime/ErrInfo.h"
 
 namespace Network {
 
-// The models. Compared exactly; any other text is a unit without inputs and outputs.
-inline const std::wstring kUnitTypeQZ610 = L"QZ610";  // one input, one output
-inline const std::wstring kUnitTypeQZ820 = L"QZ820";  // four inputs, each with an FM tuner
-
 // One emulated unit.
 struct UnitSettings {
-  std::wstring UnitType = kUnitTypeQZ610;
+  std::wstring UnitType{kUnitTypeQZ610};  // a name of Models.h; any other is a unit without audio
   std::wstring UnitId = L"emulator1";
   int32_t BasePort = 8000;  // the unit's first UDP port; handed out by EmuSettings, not in the file
   uint32_t SampleFreq = 48000;  // Hz
@@ -32,8 +29,9 @@ struct UnitSettings {
   // names the key, some fields may have changed.
   ErrInfo Deserialize(const JSON::Value& in);
 
-  int32_t GetInputCount() const;   // stereo streams to the network
-  int32_t GetOutputCount() const;  // stereo streams from the network
+  const Model& GetModel() const { return FindModel(UnitType); }
+  int32_t GetInputCount() const { return GetModel().Inputs; }
+  int32_t GetOutputCount() const { return GetModel().Outputs; }
 };
 
 // The program.

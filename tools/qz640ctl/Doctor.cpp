@@ -174,7 +174,7 @@ void Doctor::CheckSettings(const EmuSettings& settings) {
     }
     ports_.emplace_back(id + " control", unit.BasePort);
     for (int32_t i = 0; i < unit.GetOutputCount(); ++i) {
-      ports_.emplace_back(id + " output " + std::to_string(i), int64_t{unit.BasePort} + 2 + 2 * i);
+      ports_.emplace_back(id + " output " + std::to_string(i), RtpPort(unit.BasePort, i));
     }
   }
   for (size_t i = 0; i < ports_.size(); ++i) {

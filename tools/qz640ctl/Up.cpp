@@ -207,7 +207,7 @@ Running::Running(const UpOptions& options, const CommonOptions& common, Output& 
   settings_.units = ParseUnits(options_.units, options_.mode);
   uint32_t ports = 2;  // in front: discovery
   for (const UnitSettings& unit : settings_.units) {
-    ports += 2 * static_cast<uint32_t>(unit.GetInputCount() + unit.GetOutputCount()) + 2;
+    ports += static_cast<uint32_t>(PortCount(unit.GetModel()));
   }
   settings_.BroadcastPort = options_.port ? *options_.port : FindFreePorts(options_.addr, ports);
   settings_.BasePort = settings_.BroadcastPort + 2;
