@@ -2,6 +2,7 @@
 // and no text. A parser and its callback serve one document, on one thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -76,6 +77,7 @@ class Parser : public IParser {
   void SetCallback(IParserCallback* callback) override { callback_ = callback; }
   IParserCallback* GetCallback() override { return callback_; }
   uint32_t GetError() override { return error_; }
+  size_t Depth() const { return stack_.size(); }  // open containers
 
  private:
   using State = void (Parser::*)(int charClass, uint32_t c);
