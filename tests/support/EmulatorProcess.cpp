@@ -159,7 +159,7 @@ void EmulatorProcess::ExpectOrderlyEnd() {
   const std::optional<int> status = child_->WaitExit();
   if (!status) {
     ADD_FAILURE() << "the emulator doesn't end; so far it wrote:\n" << child_->Output();
-    child_->Send(Process::Signal::Kill);
+    child_->Kill();
     running_ = false;
     return;
   }
