@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/Format.h"
 #include "audio/ISyncManager.h"
 #include "runtime/ErrInfo.h"
 #include "sockets/NetAddr.h"
@@ -22,8 +23,8 @@ struct RtpSendChanInfo {
 struct RtpManagerInfo {
   uint32_t SampleFreq = 0;                 // Hz
   uint32_t PacketSmplSize = 0;             // samples per channel and packet
-  uint32_t RecvBufSize = 9;                // packets in each receive ring
-  uint32_t RecvBufPos = 5;                 // ring slot of a stream's first packet
+  uint32_t RecvBufSize = kRingPackets;     // packets in each receive ring
+  uint32_t RecvBufPos = kRingDelay;        // ring slot of a stream's first packet
   std::vector<NetAddr> RecvAddrs;          // one local address for each receive channel
   std::vector<RtpSendChanInfo> SendChans;  // one entry for each send channel
 

@@ -61,7 +61,7 @@ class IRtpReceiver {
 struct RtpRecvChanInfo {
   NetAddr BindAddr;
   IRtpReceiver* Receiver = nullptr;  // not owned
-  uint32_t BufSize = 9;              // packets in the ring
+  uint32_t BufSize = kRingPackets;   // packets in the ring
 };
 
 class RtpRecvChan final : public IUdpReceiver {

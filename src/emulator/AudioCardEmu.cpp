@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "audio/RtpPacket.h"
+#include "audio/Format.h"
 #include "emulator/TestSignal.h"
 #include "runtime/Clocks.h"
 #include "runtime/Environment.h"
@@ -13,9 +13,6 @@ namespace Network {
 namespace {
 
 constexpr char kSourceFile[] = "src\\AudioCardEmu";
-
-constexpr uint32_t kRecvBufSize = 9;  // packets in each receive ring
-constexpr uint32_t kRecvBufPos = 5;   // where a stream's first packet goes
 
 constexpr size_t kPairSamples = 2 * kTickSamples;
 
@@ -116,8 +113,6 @@ ErrInfo AudioCardEmu::DoInitAudio(uint32_t freq) {
   sync_->SetSpeed(unitSettings_.Speed);
 
   rtpInfo_ = RtpManagerInfo();
-  rtpInfo_.RecvBufSize = kRecvBufSize;
-  rtpInfo_.RecvBufPos = kRecvBufPos;
   rtpInfo_.SampleFreq = freq;
   rtpInfo_.PacketSmplSize = kTickSamples;
   for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i) {
