@@ -41,8 +41,9 @@ class IRtpSendFilter {
   ~IRtpSendFilter() = default;
 };
 
-// All channels of one unit. RecvPackets and SendPackets are called on the thread of the ticks;
-// Init only while no tick runs; SetSendChanAddr on any thread.
+// All channels of one unit, and the destinations of those that send. RecvPackets and SendPackets
+// are called on the thread of the ticks; Init only while no tick runs; SetSendChanAddr and
+// GetSendChanAddr on any thread, but not during Init.
 class IRtpManager : public ISyncSource {
  public:
   virtual ~IRtpManager() = default;
@@ -62,6 +63,9 @@ class IRtpManager : public ISyncSource {
   virtual ErrInfo SendPackets(std::vector<RtpPacket>& packets) = 0;
 
   virtual void SetSendFilter(IRtpSendFilter* filter) = 0;
+
+  // Where the packets of a send channel go; undefined: nowhere, or there is no such channel.
+  virtual NetAddr GetSendChanAddr(uint64_t index) = 0;
 };
 
 // Float buffers of the caller: two for each channel, left then right, `count` samples each. On the

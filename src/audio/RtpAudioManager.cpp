@@ -110,6 +110,10 @@ ErrInfo RtpAudioManager::SetSendChanAddr(uint64_t index, const NetAddr& addr) {
   return manager_->SetSendChanAddr(index, addr);
 }
 
+NetAddr RtpAudioManager::GetSendChanAddr(uint64_t index) {
+  return manager_->GetSendChanAddr(index);
+}
+
 ErrInfo RtpAudioManager::RecvPackets(std::vector<RtpPacket>& packets) {
   return manager_->RecvPackets(packets);
 }

@@ -119,6 +119,10 @@ ErrInfo RtpManager::SetSendChanAddr(uint64_t index, const NetAddr& addr) {
   return sendChans_[index]->SetSendChanAddr(addr);
 }
 
+NetAddr RtpManager::GetSendChanAddr(uint64_t index) {
+  return index < sendChans_.size() ? sendChans_[index]->GetSendChanAddr().Addr : NetAddr();
+}
+
 void RtpManager::SetSendFilter(IRtpSendFilter* filter) {
   filter_ = filter;
 }
@@ -230,7 +234,7 @@ void RtpManager::SendOne(RtpSendChan& channel, const RtpPacket& packet) {
       return;
     }
   }
-  if (channel.GetSendChanAddr().Addr.IsDefined()) channel.Send(packet);
+  channel.SendIfOn(packet);
 }
 
 }  // namespace Network

@@ -112,20 +112,20 @@ ErrInfo AudioCardEmu::DoInitAudio(uint32_t freq) {
   sync_->SetSyncFreq(freq, kTickSamples);
   sync_->SetSpeed(unitSettings_.Speed);
 
-  rtpInfo_ = RtpManagerInfo();
-  rtpInfo_.SampleFreq = freq;
-  rtpInfo_.PacketSmplSize = kTickSamples;
+  RtpManagerInfo info;
+  info.SampleFreq = freq;
+  info.PacketSmplSize = kTickSamples;
   for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i) {
     NetAddr addr;
     addr.SetFromTextAndPort(emuSettings_.AddrStr,
                             static_cast<uint32_t>(RtpPort(unitSettings_.BasePort, i)));
-    rtpInfo_.RecvAddrs.push_back(addr);
+    info.RecvAddrs.push_back(addr);
   }
   for (int32_t i = 0; i < unitSettings_.GetInputCount(); ++i) {
-    rtpInfo_.SendChans.push_back({NetAddr(), payloadType});
+    info.SendChans.push_back({NetAddr(), payloadType});
   }
 
-  ErrInfo rtpErr = rtp_->Init(rtpInfo_);
+  ErrInfo rtpErr = rtp_->Init(info);
   if (!rtpErr.IsOk()) return rtpErr;
   return err;
 }

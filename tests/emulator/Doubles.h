@@ -179,7 +179,9 @@ class FakeRtp final : public Network::IRtpAudioManager, private Actor {
   bool IsStarted() override { return false; }
   uint64_t GetRecvChanCount() override { return info_.RecvAddrs.size(); }
   uint64_t GetSendChanCount() override { return info_.SendChans.size(); }
+  Network::NetAddr GetSendChanAddr(uint64_t index) override { return info_.SendChans[index].Addr; }
   ErrInfo SetSendChanAddr(uint64_t index, const Network::NetAddr& addr) override {
+    info_.SendChans[index].Addr = addr;
     return Act("SetSendChanAddr " + std::to_string(index) + " " + WideToUtf8(addr.ToText()));
   }
   ErrInfo RecvPackets(std::vector<Network::RtpPacket>&) override { return Act("RecvPackets"); }
