@@ -98,8 +98,8 @@ void AppendUtf8(std::string& out, char32_t code) {
 
 enum class OnBad { Throw, Replace };
 
-// Nearly all text is ASCII, which goes the short way in both directions: each datagram and each line
-// of the log passes here.
+// Nearly all text is ASCII, which goes the short way in both directions: each datagram and each
+// line of the log passes here.
 std::wstring ToWide(std::string_view text, OnBad onBad) {
   std::wstring out(text.size(), L'\0');
   size_t pos = 0;
