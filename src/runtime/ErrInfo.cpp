@@ -26,11 +26,16 @@ ErrInfo& ErrInfo::operator=(const ErrInfo& other) {
 }
 
 ErrInfo::~ErrInfo() {
+  Log();
+}
+
+void ErrInfo::Log() const {
   if (passedOn_ || !data_) return;
+  passedOn_ = true;
   try {
     if (const auto log = GetDebugLog()) log->Write(ToString());
   } catch (...) {
-    // Out of memory while reporting: a destructor has nobody to tell.
+    // Out of memory while reporting: nobody is left to hear of it.
   }
 }
 

@@ -39,6 +39,11 @@ class ErrInfo {
   ErrInfo& SetCode(uint32_t code, const wchar_t* text);
   ErrInfo& SetCode(uint32_t code, const std::wstring& text);
 
+  // Ends the duty to report: Log by writing the failure to the debug log now, before what follows;
+  // Forget by saying that it is none, such as a file that needn't be there. A success does nothing.
+  void Log() const;
+  void Forget() const { passedOn_ = true; }
+
   // The operating-system error number; 0 for a success and for a text failure.
   uint32_t Code() const { return data_ ? data_->code : 0; }
 

@@ -8,6 +8,7 @@
 #include "platform/errors.h"
 #include "platform/file.h"
 #include "platform/text.h"
+#include "runtime/Clocks.h"
 #include "runtime/IFS.h"
 
 namespace fs {
@@ -96,19 +97,28 @@ namespace {
 
 enum class Replaced { Done, Failed, NotPossible };
 
-// Writes `beside` and puts it in the place of `target`. Failed, with its `code`, means that the
-// target must stay as it is; NotPossible that it can't be replaced by another file.
-Replaced TryReplace(const std::wstring& beside, const std::wstring& target, const char* data,
-                    size_t size, uint32_t& code) {
+// Makes a file beside `target` under a name that nobody had, and gives it in `path`; null if none
+// can be made. A file that is there already is somebody's, so the next number is tried. The first
+// number comes from the clock, so that a second program rarely meets the same.
+FilePointer OpenBeside(const std::wstring& target, std::wstring& path) {
   const FsRef fileSystem;
   IFS& files = *fileSystem.Get();
-  FilePointer file(files.Open(beside.c_str(), kWrite | kMustBeNew, 0));
-  if (!file && files.GetLastError() == platform::kFileExists) {
-    // Left behind by a crash. Removed and not reused: it could be a link to anywhere.
-    if (files.Remove(beside.c_str())) {
-      file.reset(files.Open(beside.c_str(), kWrite | kMustBeNew, 0));
-    }
+  const int64_t first = ClockTicks100ns();
+  for (int64_t number = first; number < first + 100; ++number) {
+    path = target + L'.' + std::to_wstring(number) + L".new";
+    FilePointer file(files.Open(path.c_str(), kWrite | kMustBeNew, 0));
+    if (file || files.GetLastError() != platform::kFileExists) return file;
   }
+  return nullptr;
+}
+
+// Writes a file beside `target` and puts it in the place of `target`. Failed, with its `code`,
+// means that the target must stay as it is; NotPossible that it can't be replaced by another file.
+Replaced TryReplace(const std::wstring& target, const char* data, size_t size, uint32_t& code) {
+  const FsRef fileSystem;
+  IFS& files = *fileSystem.Get();
+  std::wstring beside;
+  FilePointer file = OpenBeside(target, beside);
   if (!file) return Replaced::NotPossible;
 
   const bool written = WriteAll(*file, data, size) && file->Flush();
@@ -138,7 +148,7 @@ ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size) {
   const bool replaceable = attributes == kNoAttributes || (attributes & kUnlikeFiles) == 0;
   if (replaceable) {
     uint32_t code = 0;
-    switch (TryReplace(target + L".new", target, data, size, code)) {
+    switch (TryReplace(target, data, size, code)) {
       case Replaced::Done:
         return ERR_HERE("fs::WriteWholeFile");
       case Replaced::Failed:

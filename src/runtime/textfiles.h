@@ -21,10 +21,11 @@ ErrInfo ReadWholeFile(const wchar_t* path, std::string& bytes);
 ErrInfo ReadWholeFile(const wchar_t* path, std::wstring& text);
 
 // Write the file so that a crash or a full disk at any moment leaves either the old file or the new
-// one, never half of one: the new file is written beside the old one as path + ".new" and then
-// takes its place, with the old one's owner and permissions. A link at the path stays, its target
-// is replaced. Where no file can be made beside the old one, or can't take its place, the old one
-// is overwritten as by WriteWholeFile. Fail with the same texts.
+// one, never half of one: the new file is written beside the old one, as path + ".", a number and
+// ".new", a name that no file has, and then takes its place, with the old one's owner and
+// permissions. (A crash in between leaves it there: nobody can know whose it is.) A link at the
+// path stays, its target is replaced. Where no file can be made beside the old one, or can't take
+// its place, the old one is overwritten as by WriteWholeFile. Fail with the same texts.
 ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size);
 ErrInfo ReplaceWholeFile(const wchar_t* path, const wchar_t* text);  // up to the first 0 character
 

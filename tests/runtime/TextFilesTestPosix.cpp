@@ -34,9 +34,11 @@ TEST(TextFilesPosix, ReplacingKeepsTheLinkAndThePermissions) {
   dir.Write("d/target", "old");
   std::filesystem::permissions(dir.File("d/target"), mode);
   std::filesystem::create_symlink("d/target", dir.File("link"));
+  std::filesystem::create_hard_link(dir.File("d/target"), dir.File("d/before"));
 
   EXPECT_TRUE(fs::ReplaceWholeFile(dir.Wide("link").c_str(), L"new").IsOk());
   EXPECT_EQ(dir.Read("d/target"), "new");
+  EXPECT_EQ(dir.Read("d/before"), "old") << "replaced, not overwritten";
   EXPECT_TRUE(std::filesystem::is_symlink(dir.File("link")));
   EXPECT_EQ(std::filesystem::status(dir.File("d/target")).permissions(), mode);
 }

@@ -47,6 +47,10 @@ class TempDir {
     std::ifstream in(File(name), std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
   }
+  size_t Count() const {  // entries
+    const auto all = std::filesystem::directory_iterator(path_);
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+  }
   bool Has(const std::string& name) const { return std::filesystem::exists(File(name)); }
 
  private:
