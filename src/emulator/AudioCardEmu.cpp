@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "audio/Format.h"
+#include "audio/RtpPacket.h"
 #include "emulator/TestSignal.h"
 #include "runtime/Clocks.h"
 #include "runtime/Environment.h"
@@ -13,6 +13,9 @@ namespace Network {
 namespace {
 
 constexpr char kSourceFile[] = "src\\AudioCardEmu";
+
+constexpr uint32_t kRecvBufSize = 9;  // packets in each receive ring
+constexpr uint32_t kRecvBufPos = 5;   // where a stream's first packet goes
 
 constexpr size_t kPairSamples = 2 * kTickSamples;
 
@@ -27,8 +30,8 @@ void PointIntoPairs(std::vector<float*>& bufs, int32_t pairs, float* samples) {
 
 }  // namespace
 
-AudioCardEmu::AudioCardEmu(INetManager* ctlNet, const UnitParts& parts)
-    : log_(GetDebugLog()), parts_(parts), ctlNet_(ctlNet), rtpNet_(parts_.MakeNet()) {}
+AudioCardEmu::AudioCardEmu(INetManager* ctlNet, const NetFactory& makeNet)
+    : log_(GetDebugLog()), ctlNet_(ctlNet), rtpNet_(makeNet()) {}
 
 AudioCardEmu::~AudioCardEmu() {
   // The connection's thread may be waiting for audioMutex_, so it isn't held here.
@@ -45,9 +48,9 @@ ErrInfo AudioCardEmu::Init(const EmuSettings& emu, const UnitSettings& unit) {
   tuners_.resize(static_cast<size_t>(unitSettings_.GetModel().Tuners));
 
   const std::wstring& id = unitSettings_.UnitId;
-  sync_.reset(parts_.MakeSync(Format(L"%s.%s", id, L"SyncManager")));
-  rtp_.reset(parts_.MakeRtp(Format(L"%s.%s", id, L"RtpManager"), rtpNet_.get()));
-  connect_.reset(parts_.MakeConnect(Format(L"%s.%s", id, L"JsonUdpConnect"), ctlNet_));
+  sync_.reset(ISyncManager::Create(Format(L"%s.%s", id, L"SyncManager")));
+  rtp_.reset(IRtpAudioManager::Create(Format(L"%s.%s", id, L"RtpManager"), rtpNet_.get()));
+  connect_.reset(IJsonUdpConnect::Create(Format(L"%s.%s", id, L"JsonUdpConnect"), ctlNet_));
   sync_->AddTarget(this);
 
   ErrInfo err = InitAudio(unitSettings_.SampleFreq);
@@ -112,20 +115,22 @@ ErrInfo AudioCardEmu::DoInitAudio(uint32_t freq) {
   sync_->SetSyncFreq(freq, kTickSamples);
   sync_->SetSpeed(unitSettings_.Speed);
 
-  RtpManagerInfo info;
-  info.SampleFreq = freq;
-  info.PacketSmplSize = kTickSamples;
+  rtpInfo_ = RtpManagerInfo();
+  rtpInfo_.RecvBufSize = kRecvBufSize;
+  rtpInfo_.RecvBufPos = kRecvBufPos;
+  rtpInfo_.SampleFreq = freq;
+  rtpInfo_.PacketSmplSize = kTickSamples;
   for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i) {
     NetAddr addr;
     addr.SetFromTextAndPort(emuSettings_.AddrStr,
                             static_cast<uint32_t>(RtpPort(unitSettings_.BasePort, i)));
-    info.RecvAddrs.push_back(addr);
+    rtpInfo_.RecvAddrs.push_back(addr);
   }
   for (int32_t i = 0; i < unitSettings_.GetInputCount(); ++i) {
-    info.SendChans.push_back({NetAddr(), payloadType});
+    rtpInfo_.SendChans.push_back({NetAddr(), payloadType});
   }
 
-  ErrInfo rtpErr = rtp_->Init(info);
+  ErrInfo rtpErr = rtp_->Init(rtpInfo_);
   if (!rtpErr.IsOk()) return rtpErr;
   return err;
 }

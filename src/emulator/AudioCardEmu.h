@@ -24,20 +24,14 @@
 
 namespace Network {
 
-// What a unit makes its parts with; tests put doubles in place. The unit owns what they make.
-struct UnitParts {
-  std::function<std::unique_ptr<INetManager>()> MakeNet = &INetManager::Create;
-  std::function<ISyncManager*(const std::wstring&)> MakeSync = &ISyncManager::Create;
-  std::function<IRtpAudioManager*(const std::wstring&, INetManager*)> MakeRtp =
-      &IRtpAudioManager::Create;
-  std::function<IJsonUdpConnect*(const std::wstring&, INetManager*)> MakeConnect =
-      &IJsonUdpConnect::Create;
-};
+// Makes the networks of units and emulator: INetManager::Create, but for tests.
+using NetFactory = std::function<std::unique_ptr<INetManager>()>;
 
 class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
  public:
   // `ctlNet` serves the control connection; it isn't owned and outlives the unit.
-  explicit AudioCardEmu(INetManager* ctlNet, const UnitParts& parts = UnitParts());
+  // Throws what `makeNet` throws, which makes the network of the audio.
+  explicit AudioCardEmu(INetManager* ctlNet, const NetFactory& makeNet = &INetManager::Create);
 
   // Ends what still runs. No control message is handled any more when the audio parts go.
   virtual ~AudioCardEmu();
@@ -59,6 +53,8 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
 
   // What arrived on the discovery port. Never waits.
   void OnBroadcastMsg(const std::shared_ptr<JsonMsg>& msg, const NetAddr& from);
+
+  const UnitSettings& GetSettings() const { return unitSettings_; }
 
   // The unit's description, as a new message.
   std::shared_ptr<JsonMsg> MakeDevInfo() const;
@@ -94,7 +90,6 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
   void CheckTestData();
 
   std::shared_ptr<IDebugLog> log_;
-  const UnitParts parts_;
   INetManager* const ctlNet_;
   EmuSettings emuSettings_;              // fixed by Init
   UnitSettings unitSettings_;            // fixed by Init
@@ -106,7 +101,8 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
   std::shared_ptr<IJsonUdpConnect> connect_;
 
   std::mutex audioMutex_;
-  bool closed_ = false;  // Stop was called: the audio stays off
+  RtpManagerInfo rtpInfo_;  // its SendChans are also the list of inputs
+  bool closed_ = false;     // Stop was called: the audio stays off
 
   // On the thread of `sync_` alone.
   bool testDataOk_ = false;

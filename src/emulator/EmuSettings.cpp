@@ -5,9 +5,11 @@
 
 #include "json/Parser.h"
 #include "json/ParsingBuilder.h"
+#include "json/TextFault.h"
 #include "platform/text.h"
 #include "runtime/Format.h"
 #include "runtime/textfiles.h"
+#include "sockets/NetAddr.h"
 
 namespace Network {
 
@@ -15,6 +17,10 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\AudioCardEmu";
 constexpr wchar_t kLeftAlone[] = L" is left as it is";
+
+// Containers inside one another in a settings text. Settings need three; more than this is no
+// settings file, and is refused before it takes memory.
+constexpr size_t kMaxDepth = 100;
 
 // Hands the member to `take` if it is there. A failure tells which key it was: the words of the
 // JSON library alone would leave the user to search the file.
@@ -60,10 +66,39 @@ bool HasReadableText(double number) {
 
 bool FileHolds(const std::wstring& path, const std::string& bytes) {
   std::string present;
-  ErrInfo err = fs::ReadWholeFile(path.c_str(), present);
-  const bool same = err.IsOk() && present == bytes;
-  err = ERR_HERE("Network::EmuSettings::ToFile");  // a file that isn't there yet is no failure
-  return same;
+  const ErrInfo err = fs::ReadWholeFile(path.c_str(), present);
+  err.Forget();  // a file that isn't there yet is no failure
+  return err.IsOk() && present == bytes;
+}
+
+// Why `text` can't be the settings, and where: "key string expected in line 1, column 15". Empty
+// when it is one JSON value and nothing else. A brace too many in the middle ends the value early:
+// what stands after it would be gone with the rewrite, so it is a fault like any other.
+std::wstring FaultOf(const std::wstring& text) {
+  const std::optional<JSON::TextFault> fault = JSON::FindTextFault(text, kMaxDepth);
+  if (!fault) return {};
+  if (text.find_first_not_of(L" \t\r\n") == std::wstring::npos) return L"the text is empty";
+  const wchar_t* hint =
+      text[0] == 0xFEFF ? L" (a byte order mark: save as UTF-8 without one)" : L"";
+  return Format(L"%s in line %d, column %d%s", platform::Utf8ToWideLossy(fault->what), fault->line,
+                fault->column, hint);
+}
+
+ErrInfo ParseError(const std::wstring& why) {
+  return ERR_HERE("Network::EmuSettings::FromString").SetText(L"Parse error: " + why);
+}
+
+// Adds the keys of the object `in` that `known` lacks, each after `path`.
+void AddUnknownKeys(const JSON::Value& in, const JSON::Value& known, const std::wstring& path,
+                    std::vector<std::wstring>& unknown) {
+  for (const std::wstring& key : in.Keys())
+    if (!known.Find(key)) unknown.push_back(path + key);
+}
+
+constexpr int64_t kMaxPort = 65535;
+
+bool IsPort(int64_t port) {
+  return port >= 1 && port <= kMaxPort;
 }
 
 }  // namespace
@@ -122,6 +157,7 @@ ErrInfo EmuSettings::Deserialize(const JSON::Value& in) {
     TakeInt(in, L"BroadcastPort", BroadcastPort);
 
     units.clear();
+    UnknownKeys.clear();
     const JSON::Value* list = in.Find(L"units");
     uint64_t count = 0;
     TakeKey(in, L"units", [&](const JSON::Value& value) { count = value.Size(); });
@@ -134,6 +170,7 @@ ErrInfo EmuSettings::Deserialize(const JSON::Value& in) {
       }
       units.push_back(unit);
     }
+    FindUnknownKeys(in);
   } catch (const std::exception& e) {
     err.SetText(e.what());
     return err;
@@ -146,6 +183,56 @@ ErrInfo EmuSettings::Deserialize(const JSON::Value& in) {
     port = static_cast<int32_t>(NextUnitPort(port, unit.GetModel()));  // wraps
   }
   return err;
+}
+
+// A key is known if these settings would write it.
+void EmuSettings::FindUnknownKeys(const JSON::Value& in) {
+  JSON::Value known;
+  Serialize(known).Log();
+  AddUnknownKeys(in, known, L"", UnknownKeys);
+  for (size_t i = 0; i < units.size(); ++i) {
+    AddUnknownKeys(in.Item(L"units").At(i), known.Item(L"units").At(i), Format(L"units[%d].", i),
+                   UnknownKeys);
+  }
+}
+
+std::vector<std::wstring> EmuSettings::Remarks() const {
+  std::vector<std::wstring> remarks;
+  const auto add = [&](std::wstring remark) { remarks.push_back(L"SETTINGS: " + remark); };
+
+  if (!UnknownKeys.empty()) {
+    std::wstring keys;
+    for (const std::wstring& key : UnknownKeys)
+      keys += (keys.empty() ? L"" : L", ") + key;
+    add(L"keys that mean nothing here are left out of the file: " + keys);
+  }
+  if (!AddrStr.empty() && !NetAddr().SetFromTextAndPort(AddrStr, 0)) {
+    add(
+        Format(L"AddrStr \"%s\" is no IPv4 address, so nothing will be heard; set it to an "
+               L"interface's address, or to 0.0.0.0 for all",
+               AddrStr));
+  }
+  if (!IsPort(BroadcastPort)) {
+    add(Format(L"BroadcastPort %d isn't within 1 to 65535; its lowest 16 bits are used",
+               BroadcastPort));
+  }
+  for (size_t i = 0; i < units.size(); ++i) {
+    const UnitSettings& unit = units[i];
+    const std::wstring name = Format(L"units[%d] (%s): ", i, unit.UnitId);
+    const int32_t outputs = unit.GetOutputCount();
+    const int64_t last = outputs > 0 ? RtpPort(unit.BasePort, outputs - 1) : unit.BasePort;
+    if (!IsPort(unit.BasePort) || !IsPort(last)) {
+      add(name +
+          Format(L"ports %d to %d aren't all within 1 to 65535, and their lowest 16 bits are "
+                 L"used; set BasePort lower",
+                 unit.BasePort, last));
+    }
+    if (unit.Mode < 0 || unit.Mode > 4) {
+      add(name + Format(L"Mode %d is none of 0 to 4 and acts as 0", unit.Mode));
+    }
+    if (!(unit.Speed > 0)) add(name + L"Speed isn't above 0, so the unit's clock stands still");
+  }
+  return remarks;
 }
 
 std::wstring EmuSettings::ToString() const {
@@ -165,6 +252,7 @@ ErrInfo EmuSettings::FromString(const std::wstring& text) {
     JSON::ParsingBuilder builder(&root);
     JSON::Parser parser(&builder);
     if (!JSON::ParseText(parser, text)) return err.SetText(L"Parse error");
+    if (const std::wstring fault = FaultOf(text); !fault.empty()) return ParseError(fault);
 
     EmuSettings next = *this;
     ErrInfo taken = next.Deserialize(root);
@@ -184,7 +272,8 @@ ErrInfo EmuSettings::FromFile(std::wstring path) {
     return ERR_HERE("Network::EmuSettings::FromFile")
         .SetText(platform::Utf8ToWideLossy(e.what()) + L", not UTF-8" + InFile(path) + kLeftAlone);
   }
-  ErrInfo err = FromString(text);
+  const std::wstring fault = FaultOf(text);
+  ErrInfo err = fault.empty() ? FromString(text) : ParseError(fault);
   if (!err.IsOk()) err.SetText(err.Text() + InFile(path) + kLeftAlone);
   return err;
 }

@@ -41,6 +41,10 @@ struct EmuSettings {
   int32_t BroadcastPort = 15001;  // UDP port of discovery
   std::vector<UnitSettings> units;
 
+  // The keys of the text that was taken in last which no setting has, such as
+  // units[1].BasePort; ToString leaves them out.
+  std::vector<std::wstring> UnknownKeys;
+
   ErrInfo Serialize(JSON::Value& out) const;
 
   // Like UnitSettings::Deserialize. `units` is replaced: afterwards there is at least one, and each
@@ -50,7 +54,12 @@ struct EmuSettings {
   // One line of compact JSON; empty if there is no such text.
   std::wstring ToString() const;
 
-  // All fields keep their values on a failure. Neither throws.
+  // What the user should know of settings that were taken in and yet hardly do what was meant: a
+  // line for the log each.
+  std::vector<std::wstring> Remarks() const;
+
+  // All fields keep their values on a failure; one of the text names line and column. Neither
+  // throws.
   ErrInfo FromString(const std::wstring& text);
   ErrInfo FromFile(std::wstring path);
 
@@ -58,6 +67,9 @@ struct EmuSettings {
   // alone when it holds this text already, and fails without touching it when a Speed has no
   // text that FromFile could take in again, such as an infinite one.
   ErrInfo ToFile(std::wstring path) const;
+
+ private:
+  void FindUnknownKeys(const JSON::Value& in);
 };
 
 }  // namespace Network

@@ -1,6 +1,12 @@
 #include "emulator/Emulator.h"
 
+#include <system_error>
+#include <utility>
+
 #include "platform/errors.h"
+#include "platform/text.h"
+#include "runtime/Environment.h"
+#include "runtime/Format.h"
 #include "runtime/Paths.h"
 
 namespace Network {
@@ -9,30 +15,47 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\Emulator";
 
-}  // namespace
-
-Emulator::Emulator() : Emulator(EmulatorParts()) {}
-
-Emulator::Emulator(const EmulatorParts& parts)
-    : parts_(parts),
-      netManager_(parts_.MakeNet()),
-      broadcastCatcher_(parts_.MakeListener(L"BroadcastCatcher", netManager_.get())) {
-  TakeSettings();
+// What `step` returns, or what it throws as a failure of `method` that begins with `what`: threads,
+// descriptors and memory that the system doesn't have come as exceptions.
+template <typename Step>
+ErrInfo Try(const char* method, const std::wstring& what, Step step) {
+  ErrInfo err(method, kSourceFile, __LINE__);
+  const auto text = [&](const std::exception& e) {
+    return what + platform::Utf8ToWideLossy(e.what()) +
+           L"; raise this user's limits of threads and open files, or run fewer units";
+  };
+  try {
+    return step();
+  } catch (const std::system_error& e) {
+    return err.SetCode(static_cast<uint32_t>(e.code().value()), text(e));
+  } catch (const std::exception& e) {
+    return err.SetText(text(e));
+  }
 }
 
-void Emulator::TakeSettings() {
-  std::wstring path = parts_.SettingsPath;
-  if (path.empty()) path = GetModulePath(true, true) + L".json";
+std::wstring UnitFailed(const wchar_t* step, const UnitSettings& unit) {
+  return Format(L"Can not %s unit \"%s\": ", step, unit.UnitId);
+}
 
-  bool missing = false;
-  bool taken = false;
-  {
-    ErrInfo err = settings_.FromFile(path);
-    taken = err.IsOk();
-    missing = err.Code() == platform::kFileNotFound;
-  }
+}  // namespace
+
+Emulator::Emulator() : Emulator(&INetManager::Create, GetModulePath(true, true) + L".json") {}
+
+Emulator::Emulator(NetFactory makeNet, const std::wstring& settingsPath)
+    : makeNet_(std::move(makeNet)), netErr_(ERR_HERE("Network::Emulator::Init")) {
+  netErr_ = Try("Network::Emulator::Init", L"Can not make the control network: ", [&] {
+    netManager_ = makeNet_();
+    broadcastCatcher_.reset(IJsonUdpManager::Create(L"BroadcastCatcher", netManager_.get()));
+    return ERR_HERE("Network::Emulator::Init");
+  });
+  TakeSettings(settingsPath);
+}
+
+void Emulator::TakeSettings(const std::wstring& path) {
+  const ErrInfo err = settings_.FromFile(path);
+  err.Log();  // before what the writing may have to report
   // What couldn't be taken in is the user's text with a mistake in it: not to be replaced.
-  if (taken || missing) settings_.ToFile(path);
+  if (err.IsOk() || err.Code() == platform::kFileNotFound) settings_.ToFile(path);
 }
 
 Emulator::~Emulator() {
@@ -42,6 +65,10 @@ Emulator::~Emulator() {
 }
 
 ErrInfo Emulator::Init() {
+  for (const std::wstring& remark : settings_.Remarks())
+    GetDebugLog()->Write(remark);
+
+  if (!netErr_.IsOk()) return netErr_;
   ErrInfo err = InitUnits();
   if (!err.IsOk()) return err;
   err = InitListener();
@@ -54,16 +81,24 @@ ErrInfo Emulator::Init() {
 
 ErrInfo Emulator::InitUnits() {
   for (const UnitSettings& unitSettings : settings_.units) {
-    auto unit = std::make_shared<AudioCardEmu>(netManager_.get(), parts_.Unit);
-    ErrInfo err = unit->Init(settings_, unitSettings);
+    ErrInfo err = Try("Network::Emulator::Init", UnitFailed(L"make", unitSettings),
+                      [&] { return InitUnit(unitSettings); });
     if (!err.IsOk()) {
       Stop();
       return err;
     }
+  }
+  return ERR_HERE("Network::Emulator::Init");
+}
+
+ErrInfo Emulator::InitUnit(const UnitSettings& unitSettings) {
+  auto unit = std::make_shared<AudioCardEmu>(netManager_.get(), makeNet_);
+  ErrInfo err = unit->Init(settings_, unitSettings);
+  if (err.IsOk()) {
     std::lock_guard lock(unitsLock_);
     units_.push_back(unit);
   }
-  return ERR_HERE("Network::Emulator::Init");
+  return err;
 }
 
 ErrInfo Emulator::InitListener() {
@@ -84,7 +119,8 @@ ErrInfo Emulator::Start() {
 
 ErrInfo Emulator::StartUnits() {
   for (const auto& unit : units_) {
-    ErrInfo err = unit->Start();
+    ErrInfo err = Try("Network::Emulator::Start", UnitFailed(L"start", unit->GetSettings()),
+                      [&] { return unit->Start(); });
     if (!err.IsOk()) {
       Stop();  // empties units_: the loop ends here
       return err;

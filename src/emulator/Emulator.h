@@ -5,7 +5,6 @@
 // the units, and never while a unit starts, stops or dies.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,25 +17,19 @@
 
 namespace Network {
 
-// What the emulator makes its parts with, and its settings file; tests put their own in place.
-struct EmulatorParts {
-  std::function<std::unique_ptr<INetManager>()> MakeNet = &INetManager::Create;
-  std::function<IJsonUdpManager*(const std::wstring&, INetManager*)> MakeListener =
-      &IJsonUdpManager::Create;
-  UnitParts Unit;
-  std::wstring SettingsPath;  // empty: the executable's own path with ".json" behind it
-};
-
 class Emulator : public IJsonUdpReceiver {
  public:
-  // Reads the settings and writes them back. A failure shows in the log alone.
+  // Reads the settings and writes them back; a failure shows in the log alone. A control network
+  // that can't be made is a failure of Init. Tests give a network and a file of their own: the one
+  // seam there is for the emulator, as its clock is the platform's, which can be replaced.
   Emulator();
-  explicit Emulator(const EmulatorParts& parts);
+  Emulator(NetFactory makeNet, const std::wstring& settingsPath);
   virtual ~Emulator();
   Emulator(const Emulator&) = delete;
   Emulator& operator=(const Emulator&) = delete;
 
-  // In this order. A failed Init or Start has stopped what it had begun. Stop may come at any time
+  // In this order. A failed Init or Start has stopped what it had begun; where the system has no
+  // room for a unit, the failure names the unit. Stop may come at any time
   // and again; it ends all units, also behind one that fails, and returns the latest failure.
   ErrInfo Init();
   ErrInfo Start();
@@ -50,15 +43,17 @@ class Emulator : public IJsonUdpReceiver {
   void OnError(IJsonUdpManager* manager, ErrInfo err) override;
 
  private:
-  void TakeSettings();
+  void TakeSettings(const std::wstring& path);
   ErrInfo InitUnits();
+  ErrInfo InitUnit(const UnitSettings& unitSettings);
   ErrInfo InitListener();
   ErrInfo StartUnits();
 
-  const EmulatorParts parts_;
+  const NetFactory makeNet_;
   std::mutex unitsLock_;
   std::vector<std::shared_ptr<AudioCardEmu>> units_;  // changed on the main thread alone
   EmuSettings settings_;
+  ErrInfo netErr_;                           // why there is no netManager_
   std::unique_ptr<INetManager> netManager_;  // all control traffic
   std::shared_ptr<IJsonUdpManager> broadcastCatcher_;
 };

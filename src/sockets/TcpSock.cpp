@@ -4,13 +4,15 @@
 #include <cstring>
 #include <utility>
 
+#include "sockets/NetManager.h"
+
 namespace Network {
 
 namespace {
 constexpr char kSourceFile[] = "src\\TcpSock";
 }
 
-// What one turn finds and does, for the callbacks after it.
+// What one turn finds and does, for the callbacks behind it.
 struct TcpSock::Turn {
   ErrInfo err;
   ITcpReceiver* receiver = nullptr;
@@ -19,14 +21,13 @@ struct TcpSock::Turn {
   bool busy = false;
 };
 
-TcpSock::TcpSock(const std::shared_ptr<SocketHome>& home)
-    : ManagedSocket(home, L"TcpSock::_SockMutex") {}
+TcpSock::TcpSock(NetManager* manager) : manager_(manager), event_(manager->GetEvent()) {}
 
-TcpSock::TcpSock(const std::shared_ptr<SocketHome>& home, platform::Socket connection,
-                 const TcpSockInfo& info)
-    : ManagedSocket(home, L"TcpSock::_SockMutex", std::move(connection)) {
+TcpSock::TcpSock(NetManager* manager, platform::Socket connection, const TcpSockInfo& info)
+    : manager_(manager), event_(manager->GetEvent()), socket_(std::move(connection)) {
   TakeOptions(info);
-  if (!Watch().Ok()) TcpSock::CloseHandle();
+  uint32_t error = 0;
+  if (!Watch(&error)) CloseHandle();
 }
 
 TcpSock::~TcpSock() {
@@ -49,29 +50,46 @@ void TcpSock::TakeOptions(const TcpSockInfo& info) {
 
 ErrInfo TcpSock::Connect() {
   ErrInfo err = ERR_HERE("Network::TcpSock::Open");
-  const platform::SocketResult opened = socket_.OpenTcp();
-  if (!Passed(opened, L"Create socket failed", &err)) return err;
-  // The one failure that leaves the handle open: the next Open says so until somebody closes it.
-  if (!info_.PeerAddr.IsDefined()) return err.SetCode(opened.error, L"Undefined address");
+  platform::SocketResult result = socket_.OpenTcp();
+  if (!result.Ok()) return err.SetCode(result.error, L"Create socket failed");
 
-  if (info_.BindAddr.IsDefined() &&
-      !Passed(socket_.Bind(info_.BindAddr.Raw()), L"bind socket failed", &err))
-    return err;
-  if (Passed(socket_.Connect(info_.PeerAddr.Raw()), L"connect socket failed", &err))
-    Passed(Watch(), L"WSAEventSelect socket failed", &err);
+  if (!info_.PeerAddr.IsDefined()) return err.SetCode(result.error, L"Undefined address");
+
+  if (info_.BindAddr.IsDefined()) {
+    result = socket_.Bind(info_.BindAddr.Raw());
+    if (!result.Ok()) {
+      CloseHandle();
+      return err.SetCode(result.error, L"bind socket failed");
+    }
+  }
+
+  result = socket_.Connect(info_.PeerAddr.Raw());
+  if (!result.Ok()) {
+    CloseHandle();
+    return err.SetCode(result.error, L"connect socket failed");
+  }
+
+  uint32_t error = 0;
+  if (!Watch(&error)) {
+    CloseHandle();
+    return err.SetCode(error, L"WSAEventSelect socket failed");
+  }
   return err;
 }
 
-platform::SocketResult TcpSock::Watch() {
+bool TcpSock::Watch(uint32_t* error) {
   connected_ = true;  // first: the worker may come at once
-  return socket_.Watch(event_, platform::kSocketRead | platform::kSocketWrite |
-                                   platform::kSocketConnect | platform::kSocketClose);
+  const platform::SocketResult result =
+      socket_.Watch(event_, platform::kSocketRead | platform::kSocketWrite |
+                                platform::kSocketConnect | platform::kSocketClose);
+  *error = result.error;
+  return result.Ok();
 }
 
 void TcpSock::CloseHandle() {
   ScopedLock lock(sockMutex_);
   connected_ = false;
-  ManagedSocket::CloseHandle();
+  socket_.Close();
   sendQueue_.Clear();
 }
 
@@ -84,12 +102,14 @@ void TcpSock::EmptyQueue() {
 }
 
 void TcpSock::Close() {
-  CloseAndWait();
+  CloseHandle();
+  // No new turn begins on a closed handle; this waits for the one that runs.
+  std::lock_guard delivery(deliveryMutex_);
 }
 
 void TcpSock::Destroy() {
   Close();
-  if (const auto home = home_.lock()) home->RemoveTcpSock(this);
+  manager_->RemoveTcpSock(this);
 }
 
 void TcpSock::SetReceiver(ITcpReceiver* receiver) {

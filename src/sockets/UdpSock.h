@@ -1,20 +1,28 @@
 // The working datagram socket. Sends on its user's thread, receives in the turns that the worker of
 // its manager gives it.
 //
-// The locks are those of ManagedSocket; the socket's own is "UdpSock::_SockMutex".
+// deliveryMutex_ is held during a turn with its callback; "UdpSock::_SockMutex" guards handle and
+// options and isn't held during a callback. Taken in this order.
 #pragma once
 
 #include <memory>
+#include <mutex>
 
+#include "platform/socket.h"
+#include "runtime/TrackedMutex.h"
 #include "sockets/IUdpSock.h"
-#include "sockets/ManagedSocket.h"
 
 namespace Network {
 
-class UdpSock final : public IUdpSock, private ManagedSocket {
+class NetManager;
+
+class UdpSock final : public IUdpSock {
  public:
-  explicit UdpSock(const std::shared_ptr<SocketHome>& home);
+  // The manager must live when Destroy is called, and only then.
+  explicit UdpSock(NetManager* manager);
   ~UdpSock() override;
+  UdpSock(const UdpSock&) = delete;
+  UdpSock& operator=(const UdpSock&) = delete;
 
   // On an open socket: closes it first.
   ErrInfo Open(const UdpSockInfo& info) override;
@@ -29,8 +37,18 @@ class UdpSock final : public IUdpSock, private ManagedSocket {
 
  private:
   ErrInfo SendDirect(const uint8_t* data, uint64_t size, const NetAddr& to);
+  void CloseHandle();
 
+  NetManager* const manager_;
+  const std::shared_ptr<platform::WakeSet> event_;
+
+  // Not tracked: it is held as long as a receiver takes. Recursive: a callback may close the
+  // socket.
+  std::recursive_mutex deliveryMutex_;
+
+  TrackedRecursiveMutex sockMutex_{L"UdpSock::_SockMutex"};
   UdpSockInfo info_;
+  platform::Socket socket_;
 };
 
 }  // namespace Network

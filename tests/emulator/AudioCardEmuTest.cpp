@@ -1,107 +1,183 @@
-// One unit with its parts played by hand: what no far end can see of it.
+// One unit between a network played by hand and its own clock: what no far end can see of it, or
+// only by chance.
 #include "emulator/AudioCardEmu.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "emulator/AllocationCount.h"
-#include "emulator/Doubles.h"
+#include "emulator/FakeNets.h"
 #include "emulator/TestSignal.h"
-#include "support/CapturedLog.h"
 
 namespace Network {
 namespace {
 
-using Story = std::vector<std::string>;
+const NetAddr kController = Addr(L"10.0.0.9:7000");
+const NetAddr kListener = Addr(L"10.0.0.9:5000");
+constexpr uint16_t kControl = 8000;
+constexpr uint16_t kOutput = 8002;
 
 class AudioCardEmuTest : public testing::Test {
  protected:
+  AudioCardEmuTest() { settings_.AddrStr = L"127.0.0.5"; }
+
   void Make(const UnitSettings& unit) {
-    settings_.AddrStr = L"127.0.0.5";
-    unit_ = std::make_unique<AudioCardEmu>(nullptr, bench_.UnitParts());
+    ctlNet_ = nets_.Factory()();
+    unit_ = std::make_unique<AudioCardEmu>(ctlNet_.get(), nets_.Factory());
     ASSERT_TRUE(unit_->Init(settings_, unit).IsOk());
   }
 
-  void SetState(uint32_t freq) {
-    auto request = std::make_shared<JsonMsgSetState>();
-    request->device_freq = freq;
-    bench_.connect->Deliver(request, Addr(L"127.0.0.9:7000"));
+  void Tell(const JsonMsg& msg) { nets_.Tell(kControl, msg, kController); }
+
+  // Where the unit sends its one input, once all earlier requests have been handled.
+  NetAddr Destination() {
+    const auto answer = nets_.Ask<JsonMsgInputs>(kControl, JsonMsgGetInputs(), kController);
+    return answer && answer->inputs.size() == 1 ? answer->inputs[0] : Addr(L"0.0.0.0:1");
   }
 
-  Bench bench_;
+  // Whether no packet comes while another unit's clock ticks ten times.
+  bool IsSilent() {
+    FakeNets nets;
+    const auto net = nets.Factory()();
+    AudioCardEmu metronome(net.get(), nets.Factory());
+    EXPECT_TRUE(metronome.Init(settings_, UnitSettings()).IsOk());
+    EXPECT_TRUE(metronome.Start().IsOk());
+    nets.Tell(kControl, *SetInput(kListener), kController);
+    const size_t before = nets_.Count(kListener);
+    for (int i = 0; i < 10; ++i)
+      nets.Next(kListener);
+    return nets_.Count(kListener) == before;
+  }
+
+  // Gives the unit's output one packet with these channels.
+  void Deliver(const std::vector<float>& left, const std::vector<float>& right) {
+    RtpPacket packet;
+    ASSERT_TRUE(packet.Create(100, left.size()).IsOk());
+    packet.SetAudioPayloadChan(left.data(), 0, 1);
+    packet.SetAudioPayloadChan(right.data(), 1, 1);
+    const Packet& bytes = *packet.GetPacket();
+    nets_.Bound(kOutput)->Deliver({bytes.Data(), bytes.Data() + bytes.Size()}, kController);
+  }
+
   EmuSettings settings_;
+  FakeNets nets_;
+  std::unique_ptr<INetManager> ctlNet_;
   std::unique_ptr<AudioCardEmu> unit_;
 };
 
-TEST_F(AudioCardEmuTest, LivesInOrder) {
-  UnitSettings unit;
-  unit.Speed = 1.5;
-  Make(unit);
-  EXPECT_EQ(bench_.TakeStory(),
-            (Story{"emulator1.SyncManager AddTarget", "emulator1.SyncManager SetSyncFreq 48000 192",
-                   "emulator1.SyncManager SetSpeed", "emulator1.RtpManager Init",
-                   "emulator1.JsonUdpConnect Init"}));
-  EXPECT_EQ(bench_.sync->GetSpeed(), 1.5);
-
-  ASSERT_TRUE(unit_->Start().IsOk());
-  EXPECT_EQ(bench_.TakeStory(), (Story{"emulator1.RtpManager Start", "emulator1.SyncManager Start",
-                                       "emulator1.JsonUdpConnect Start"}));
-  ASSERT_TRUE(unit_->Stop().IsOk());
-  EXPECT_EQ(bench_.TakeStory(), (Story{"emulator1.SyncManager Stop", "emulator1.RtpManager Stop"}));
-  unit_.reset();
-  EXPECT_EQ(bench_.TakeStory(), (Story{"emulator1.JsonUdpConnect Stop",  // before its users go
-                                       "emulator1.SyncManager gone", "emulator1.RtpManager gone",
-                                       "emulator1.JsonUdpConnect gone", "audio net gone"}));
-}
-
-TEST_F(AudioCardEmuTest, ChangesTheFrequencyWhileTheClockStands) {
+TEST_F(AudioCardEmuTest, ChangesItsFrequencyAndNothingElse) {
   Make(UnitSettings());
   ASSERT_TRUE(unit_->Start().IsOk());
-  bench_.TakeStory();
-  SetState(48000);
-  EXPECT_EQ(bench_.TakeStory(), Story{});
-  SetState(44100);
-  EXPECT_EQ(bench_.TakeStory(),
-            (Story{"emulator1.SyncManager Stop", "emulator1.RtpManager Stop",
-                   "emulator1.SyncManager SetSyncFreq 44100 192", "emulator1.SyncManager SetSpeed",
-                   "emulator1.RtpManager Init", "emulator1.RtpManager Start",
-                   "emulator1.SyncManager Start"}));
-  ASSERT_TRUE(unit_->Stop().IsOk());
-  bench_.TakeStory();
-  SetState(48000);
-  EXPECT_EQ(bench_.TakeStory(), Story{}) << "a stopped unit stays silent";
+  const UdpSockInfo control = nets_.Bound(kControl)->Info();
+  EXPECT_FALSE(control.Broadcast);
+  EXPECT_EQ(control.MaxPacketSize, 1432u);
+
+  Tell(*SetInput(kListener));
+  EXPECT_EQ(nets_.NextPacket(kListener).GetHeader().PayloadType(), 100u);
+  Tell(*SetState(48000));
+  EXPECT_EQ(Destination(), kListener) << "it has that frequency already";
+  // A message that came by another road isn't this unit's.
+  unit_->OnMsgReceived(nullptr, SetState(44100), kController);
+  EXPECT_EQ(Destination(), kListener);
+
+  Tell(*SetState(44100));
+  EXPECT_FALSE(Destination().IsDefined());
+  ASSERT_TRUE(nets_.Bound(kOutput));
+  EXPECT_EQ(nets_.Bound(kOutput)->Info().BindAddr, Addr(L"127.0.0.5:8002"));
+  const NetAddr second = Addr(L"10.0.0.9:5002");
+  Tell(*SetInput(second));
+  EXPECT_EQ(nets_.NextPacket(second).GetHeader().PayloadType(), 101u);
+
+  Tell(*SetState(96000));
+  EXPECT_EQ(Destination(), second);
+  EXPECT_NE(Log().TryTake(L"Sample freq 96000 is not supported"), L"");
 }
 
-TEST_F(AudioCardEmuTest, FailuresAreLoggedAndTheTickGoesOn) {
+TEST_F(AudioCardEmuTest, IsSilentFromStopOn) {
+  Make(UnitSettings());
+  ASSERT_TRUE(unit_->Start().IsOk());
+  Tell(*SetInput(kListener));
+  nets_.Next(kListener);
+  ASSERT_TRUE(unit_->Stop().IsOk());
+  EXPECT_TRUE(IsSilent());
+  Tell(*SetState(44100));  // which stops, changes and starts the audio of a unit that runs
+  Tell(*SetInput(kListener));
+  EXPECT_EQ(Destination(), kListener);
+  EXPECT_TRUE(IsSilent());
+}
+
+TEST_F(AudioCardEmuTest, WithoutItsControlPortItDoesNotRun) {
+  nets_.failPort = kControl;
+  Make(UnitSettings());
+  { EXPECT_FALSE(unit_->Start().IsOk()); }
+  EXPECT_NE(Log().TryTake(L"open failed"), L"");
+  // Only a clock that runs looks at its output: a packet would show in the log.
+  Deliver(std::vector<float>(kTickSamples), std::vector<float>(kTickSamples));
+  EXPECT_TRUE(IsSilent());
+  EXPECT_EQ(Log().Count(L"RtpManager.Recv.0: Stream OK"), 0u);
+}
+
+// The unit's own ramp lies over what it received. It is known by what was there before.
+TEST_F(AudioCardEmuTest, KnowsThePatternUnderItsOwnTestSignal) {
   UnitSettings unit;
   unit.Mode = 1;
   Make(unit);
-  bench_.rtp->failAudio = true;
-  bench_.sync->Tick();
-  EXPECT_NE(Log().TryTake(L"RecvAudio failed"), L"");
-  EXPECT_NE(Log().TryTake(L"SendAudio failed"), L"");
-  FakeRtp::Channel ramp;
-  WriteRamp(ramp.data(), 1.0f);
-  EXPECT_EQ(bench_.rtp->sent[0], ramp) << "although nothing could be received";
-
-  bench_.failing = "emulator1.JsonUdpConnect Send";
-  bench_.connect->Deliver(std::make_shared<JsonMsgGetInputs>(), Addr(L"127.0.0.9:7000"));
-  EXPECT_NE(Log().TryTake(L"ErrStr=Send failed"), L"");
+  ASSERT_TRUE(unit_->Start().IsOk());
+  std::vector<float> rising(kTickSamples);
+  WriteRamp(rising.data(), 1.0f);
+  Deliver(rising, {rising.rbegin(), rising.rend()});
+  EXPECT_NE(Log().Take(L"Test data stream OK"), L"");
+  EXPECT_NE(Log().Take(L"Test data stream FAILED"), L"");
 }
 
-// A tick has 4 ms on a time-critical thread: after the first one it must not meet the allocator.
+TEST_F(AudioCardEmuTest, AFailureIsLoggedAndTheTickGoesOn) {
+  UnitSettings unit;
+  unit.Mode = 1;
+  Make(unit);
+  ASSERT_TRUE(unit_->Start().IsOk());
+  Deliver(std::vector<float>(96), std::vector<float>(96));
+  EXPECT_NE(Log().Take(L"Packet smpl size mismatch"), L"");
+  Tell(*SetInput(kListener));
+  std::vector<float> left(kTickSamples), ramp(kTickSamples);
+  ASSERT_TRUE(nets_.NextPacket(kListener).GetAudioPayloadChan(left.data(), 0, 1).IsOk());
+  WriteRamp(ramp.data(), 1.0f);
+  for (uint32_t i = 0; i < kTickSamples; ++i)
+    EXPECT_NEAR(left[i], ramp[i], 1e-6);
+}
+
+// A tick has 4 ms on a time-critical thread: beyond what the audio floor takes for itself, only
+// the first may meet the allocator.
 TEST_F(AudioCardEmuTest, OnlyTheFirstTickAllocates) {
+  constexpr int kTicks = 100;
   for (const auto& [type, mode] : {std::pair{kUnitTypeQZ610, 0}, {kUnitTypeQZ820, 3}}) {
     UnitSettings unit;
     unit.UnitType = type;
     unit.Mode = mode;
     Make(unit);
+    unit_->OnSync(nullptr, 0, 48000);
     uint64_t before = AllocationCount();
-    bench_.sync->Tick();
-    EXPECT_GT(AllocationCount(), before);
+    for (int i = 0; i < kTicks; ++i)
+      unit_->OnSync(nullptr, 0, 48000);
+    const uint64_t ofUnit = AllocationCount() - before;
+
+    const auto net = nets_.Factory()();
+    const std::unique_ptr<IRtpAudioManager> audio(IRtpAudioManager::Create(L"bare", net.get()));
+    RtpManagerInfo info;
+    info.SampleFreq = 48000;
+    info.PacketSmplSize = kTickSamples;
+    info.RecvAddrs.resize(static_cast<size_t>(unit.GetOutputCount()));
+    info.SendChans.resize(static_cast<size_t>(unit.GetInputCount()), {NetAddr(), 100});
+    ASSERT_TRUE(audio->Init(info).IsOk());
+    std::array<float, kTickSamples> samples{};
+    const std::vector<float*> out(info.RecvAddrs.size() * 2, samples.data());
+    const std::vector<float*> in(info.SendChans.size() * 2, samples.data());
     before = AllocationCount();
-    for (int i = 0; i < 100; ++i)
-      bench_.sync->Tick();
-    EXPECT_EQ(AllocationCount(), before);
+    for (int i = 0; i < kTicks; ++i) {
+      audio->RecvAudio(out, kTickSamples);
+      audio->SendAudio(in, kTickSamples);
+    }
+    EXPECT_EQ(ofUnit, AllocationCount() - before);
   }
 }
 

@@ -53,6 +53,25 @@ TEST(EmuSettings, TakesEveryKeyAndForgetsOthers) {
   EXPECT_EQ(settings.ToString(), text) << "stable from the first rewrite on";
 }
 
+// Each start takes the file in over the defaults, and a caller may have others.
+TEST(EmuSettings, MissingKeysKeepTheirValues) {
+  EmuSettings settings;
+  const std::wstring text =
+      L"{\"AddrStr\":\"10.0.0.1\",\"BasePort\":7,\"BroadcastPort\":8,\"units\":[{}]}";
+  ASSERT_TRUE(settings.FromString(text).IsOk());
+  const std::wstring before = settings.ToString();
+  ASSERT_TRUE(settings.FromString(L"{\"a\":1}").IsOk());
+  EXPECT_EQ(settings.ToString(), before);
+
+  UnitSettings unit{L"QZ820", L"a", 1, 44100, 2, 3.0};
+  JSON::Value nothing, written;
+  nothing.ItemForWrite(L"a").SetInt(1);
+  ASSERT_TRUE(unit.Deserialize(nothing).IsOk() && unit.Serialize(written).IsOk());
+  EXPECT_EQ(written.ToWString(),
+            L"{\"Mode\":2,\"SampleFreq\":44100,\"Speed\":3.00000,\"UnitId\":\"a\","
+            L"\"UnitType\":\"QZ820\"}");
+}
+
 TEST(EmuSettings, HandsOutPortsByModel) {
   EmuSettings settings;
   ASSERT_TRUE(settings
@@ -74,11 +93,13 @@ TEST(EmuSettings, BadTextIsRefusedWholeByNameOfFileAndMistake) {
     std::string bytes;
     const wchar_t* words;  // what the failure has to tell
   } table[] = {
-      {"", L"Parse error"},
-      {"{\"units\":[{}", L"Parse error"},
-      {"{\"BasePort\":many}", L"Parse error"},
-      {"{\"BasePort\":1,}", L"key string expected"},
-      {"\xEF\xBB\xBF{}", L"Parse error"},
+      {" \n", L"Parse error: the text is empty"},
+      {"{", L"Parse error: key string expected in line 1, column 2:"},
+      {"{\"units\":[{}", L"comma or right square bracket expected in line 1, column 13:"},
+      {"{\r\n \"BasePort\":many}", L"Parse error: value expected in line 2, column 13:"},
+      {"\xEF\xBB\xBF{}", L"in line 1, column 1 (a byte order mark"},
+      // One brace too early, and all that follows would be gone with the rewrite.
+      {"{\"BasePort\":1},\n\"units\":[{}]}", L"invalid end stream chars in line 1, column 15:"},
       {"{\"AddrStr\":\"\xFF\"}", L"bad conversion"},
       {"{\"units\":[{\"UnitId\":\"a\"}]}\xC3", L"bad conversion"},
       {"[]", L"non-object"},

@@ -1,102 +1,132 @@
-// The emulator's life: order of its steps, and what a failure does to them.
+// The emulator's life: what runs in each of its stages, and what a failure leaves running.
 #include "emulator/Emulator.h"
 
 #include <gtest/gtest.h>
 
-#include "emulator/Doubles.h"
+#include "emulator/FakeNets.h"
 #include "emulator/SettingsFile.h"
-#include "support/CapturedLog.h"
 
 namespace Network {
 namespace {
 
-using Story = std::vector<std::string>;
+const NetAddr kController = Addr(L"10.0.0.9:7000");
+constexpr uint16_t kListener = 16000;
+constexpr uint16_t kFirst = 8000;  // control ports of the units
+constexpr uint16_t kSecond = 8006;
+constexpr uint16_t kThird = 8016;
+
+constexpr char kThreeUnits[] =
+    R"({"AddrStr":"127.0.0.5","BroadcastPort":16000,)"
+    R"("units":[{"UnitId":"a"},{"UnitId":"b","UnitType":"QZ820"},{"UnitId":"c"}]})";
 
 class EmulatorTest : public testing::Test {
  protected:
   void Make(const char* settings) {
     file_.Write(settings);
-    EmulatorParts parts = bench_.EmulatorParts();
-    parts.SettingsPath = file_.Path();
-    emulator_ = std::make_unique<Emulator>(parts);
-    bench_.TakeStory();
+    emulator_ = std::make_unique<Emulator>(nets_.Factory(), file_.Path());
   }
 
-  // The lines of the story with `part` in them.
-  static Story Only(const Story& story, const std::string& part) {
-    Story found;
-    for (const std::string& line : story) {
-      if (line.find(part) != std::string::npos) found.push_back(line);
-    }
-    return found;
-  }
-
-  Bench bench_;
+  FakeNets nets_;
   SettingsFile file_;
   std::unique_ptr<Emulator> emulator_;
 };
 
-constexpr char kTwoUnits[] = R"({"AddrStr":"127.0.0.5","BroadcastPort":16000,)"
-                             R"("units":[{"UnitId":"a"},{"UnitId":"b","UnitType":"QZ820"}]})";
-
-TEST_F(EmulatorTest, StartsAndEndsInOrder) {
-  Make(kTwoUnits);
+TEST_F(EmulatorTest, HearsFromStartToItsEndAndItsUnitsUntilStop) {
+  Make(kThreeUnits);
   ASSERT_TRUE(emulator_->Init().IsOk());
-  EXPECT_EQ(Only(bench_.TakeStory(), "Init"),
-            (Story{"a.RtpManager Init", "a.JsonUdpConnect Init", "b.RtpManager Init",
-                   "b.JsonUdpConnect Init", "BroadcastCatcher Init"}));
-  EXPECT_EQ(bench_.connect->info.BindAddr, Addr(L"127.0.0.5:8006"));
-  const JsonUdpInfo& listener = bench_.listener->info;
-  EXPECT_EQ(listener.BindAddr, Addr(L"127.0.0.5:16000"));
-  EXPECT_FALSE(listener.Broadcast);
-  EXPECT_EQ(listener.MaxPacketSize, 1432u);
+  for (const uint16_t port : {kFirst, kSecond, kThird, kListener})
+    EXPECT_FALSE(nets_.Bound(port)) << port;
 
   ASSERT_TRUE(emulator_->Start().IsOk());
-  EXPECT_EQ(bench_.TakeStory(),
-            (Story{"a.RtpManager Start", "a.SyncManager Start", "a.JsonUdpConnect Start",
-                   "b.RtpManager Start", "b.SyncManager Start", "b.JsonUdpConnect Start",
-                   "BroadcastCatcher Start"}));
+  EXPECT_EQ(nets_.Bound(kSecond)->Info().BindAddr, Addr(L"127.0.0.5:8006"));
+  const auto listener = nets_.Bound(kListener);
+  ASSERT_TRUE(listener);
+  EXPECT_EQ(listener->Info().BindAddr, Addr(L"127.0.0.5:16000"));
+  EXPECT_FALSE(listener->Info().Broadcast);
+  EXPECT_EQ(listener->Info().MaxPacketSize, 1432u);
+
+  // The units hear a broadcast in their order, so they number their answers in it.
+  nets_.Tell(kListener, JsonMsgDevFind(), kController);
+  std::map<std::wstring, uint32_t> numbers;
+  while (numbers.size() < 3) {
+    const auto info = nets_.NextAnswer<JsonMsgDevInfo>(kFirst, kController);
+    ASSERT_TRUE(info);
+    numbers[info->unit_id] = info->msg_id;
+  }
+  EXPECT_LT(numbers[L"a"], numbers[L"b"]);
+  EXPECT_LT(numbers[L"b"], numbers[L"c"]);
+
   ASSERT_TRUE(emulator_->Stop().IsOk());
-  EXPECT_EQ(bench_.TakeStory(),
-            (Story{"a.SyncManager Stop", "a.RtpManager Stop", "b.SyncManager Stop",
-                   "b.RtpManager Stop", "a.JsonUdpConnect Stop", "a.SyncManager gone",
-                   "a.RtpManager gone", "a.JsonUdpConnect gone", "audio net gone",
-                   "b.JsonUdpConnect Stop", "b.SyncManager gone", "b.RtpManager gone",
-                   "b.JsonUdpConnect gone", "audio net gone"}));
+  EXPECT_EQ(nets_.Open(), std::vector{listener});
+  nets_.Tell(kListener, JsonMsgDevFind(), kController);
   ASSERT_TRUE(emulator_->Stop().IsOk());
-  EXPECT_EQ(bench_.TakeStory(), Story{});
   emulator_.reset();
-  EXPECT_EQ(bench_.TakeStory(), (Story{"control net gone", "BroadcastCatcher gone"}));
+  EXPECT_TRUE(nets_.Open().empty());
 }
 
-TEST_F(EmulatorTest, UnitThatFailsInitEndsTheOthersAndTheListenerNeverComes) {
+TEST_F(EmulatorTest, AUnitThatCanNotBeMadeEndsInitAndTheOthers) {
   Make(R"({"units":[{"UnitId":"a"},{"UnitId":"b","SampleFreq":96000},{"UnitId":"c"}]})");
   { EXPECT_FALSE(emulator_->Init().IsOk()); }
   EXPECT_NE(Log().TryTake(L"Sample freq 96000 is not supported"), L"");
-  const Story story = bench_.TakeStory();
-  EXPECT_EQ(Only(story, "gone").front(), "a.SyncManager gone");
-  EXPECT_EQ(Only(story, "c."), Story{});
-  EXPECT_EQ(Only(story, "BroadcastCatcher"), Story{});
+  EXPECT_EQ(nets_.made, 3u) << "the control network, and one for a and b";
+  EXPECT_TRUE(nets_.Open().empty());
   EXPECT_TRUE(emulator_->Stop().IsOk());
-  EXPECT_EQ(bench_.TakeStory(), Story{});
 }
 
-// Whatever fails in Start, all units are gone behind it and the failure is the one that comes back.
-TEST_F(EmulatorTest, FailedStartEndsAllUnits) {
-  for (const char* failing : {"a.RtpManager Start", "b.SyncManager Start", "b.JsonUdpConnect Start",
-                              "BroadcastCatcher Start"}) {
-    Make(kTwoUnits);
-    ASSERT_TRUE(emulator_->Init().IsOk());
-    bench_.TakeStory();
-    bench_.failing = failing;
-    { EXPECT_FALSE(emulator_->Start().IsOk()) << failing; }
-    EXPECT_NE(Log().TryTake(L"ErrStr=Start failed"), L"") << failing;
-    const Story story = bench_.TakeStory();
-    EXPECT_EQ(Only(story, "net gone").size(), 2u) << failing;
-    EXPECT_EQ(Only(story, "BroadcastCatcher Stop"), Story{});
-    EXPECT_TRUE(emulator_->Stop().IsOk());
-    EXPECT_EQ(bench_.TakeStory(), Story{}) << failing;
+// The user has to learn what the machine has no room for, and that the start has failed.
+TEST_F(EmulatorTest, AMachineWithoutRoomFailsInitWithItsCodeAndTheNameOfTheUnit) {
+  const wchar_t* const names[] = {L"control network", L"unit \"a\"", L"unit \"b\""};
+  for (size_t room = 0; room < std::size(names); ++room) {
+    nets_.made = 0;
+    nets_.room = room;
+    Make(kThreeUnits);
+    {
+      const ErrInfo err = emulator_->Init();
+      EXPECT_EQ(err.Code(), static_cast<uint32_t>(FakeNets::kNoRoom));
+      EXPECT_NE(err.Text().find(names[room]), std::wstring::npos) << WideToUtf8(err.Text());
+    }
+    EXPECT_NE(Log().TryTake(names[room]), L"");
+    EXPECT_TRUE(nets_.Open().empty());
   }
+}
+
+// Whatever can't start, all units have gone when Start returns, and its failure is what it returns.
+TEST_F(EmulatorTest, AFailedStartEndsAllUnits) {
+  for (const uint16_t port : {kFirst, kThird, kListener}) {
+    nets_.failPort = port;
+    Make(kThreeUnits);
+    ASSERT_TRUE(emulator_->Init().IsOk());
+    { EXPECT_EQ(emulator_->Start().Text(), L"open failed") << port; }
+    EXPECT_NE(Log().TryTake(L"ErrStr=open failed"), L"");
+    EXPECT_TRUE(nets_.Open().empty()) << port;
+    EXPECT_TRUE(emulator_->Stop().IsOk());
+  }
+}
+
+// Settings that are taken in and yet do nothing good would leave a user to search for hours.
+TEST_F(EmulatorTest, OddSettingsAreToldOnce) {
+  Make(R"({"AddrStr":"localhost","BasePort":65534,"BroadcastPort":-1,"Address":1,"units":[{},)"
+       R"({"UnitId":"b","Mode":5,"BasePort":9000},{"UnitId":"c","UnitType":"","Speed":0}]})");
+  ASSERT_TRUE(emulator_->Init().IsOk());
+  const std::wstring prefix = L"SETTINGS: ";
+  const wchar_t* const expected[] = {
+      L"left out of the file: Address, units[1].BasePort",
+      L"AddrStr \"localhost\" is no IPv4 address",
+      L"BroadcastPort -1 isn't within",
+      L"units[0] (emulator1): ports 65534 to 65536 aren't all within",
+      L"units[1] (b): ports 65540 to 65542 aren't all within",
+      L"units[1] (b): Mode 5 is none of",
+      L"units[2] (c): ports 65546 to 65546 aren't all within",
+      L"units[2] (c): Speed isn't above 0",
+  };
+  for (const wchar_t* words : expected)
+    EXPECT_EQ(Log().Count(words), 1u) << WideToUtf8(words);
+  EXPECT_EQ(Log().Count(prefix), std::size(expected));
+
+  Log().Clear();
+  Make(kThreeUnits);
+  ASSERT_TRUE(emulator_->Init().IsOk());
+  EXPECT_EQ(Log().Count(prefix), 0u);
 }
 
 }  // namespace

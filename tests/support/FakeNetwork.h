@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -23,7 +24,8 @@ class FakeUdpSock final : public Network::IUdpSock {
   ErrInfo Open(const Network::UdpSockInfo& info) override {
     std::lock_guard lock(mutex_);
     ++opens;
-    if (failOpen) return ERR_AT("FakeUdpSock::Open").SetText(L"open failed");
+    if (failOpen || (failPort != 0 && info.BindAddr.Port() == failPort))
+      return ERR_AT("FakeUdpSock::Open").SetText(L"open failed");
     info_ = info;
     open_ = true;
     return ERR_AT("FakeUdpSock::Open");
@@ -50,12 +52,17 @@ class FakeUdpSock final : public Network::IUdpSock {
   }
 
   ErrInfo Send(const uint8_t* data, uint64_t size, const Network::NetAddr& to) override {
-    std::lock_guard lock(mutex_);
-    if (!open_ || failSend) return ERR_AT("FakeUdpSock::Send").SetText(L"send failed");
-    const Network::NetAddr& addr = to.IsDefined() ? to : info_.SendAddr;
-    if (!addr.IsDefined()) return ERR_AT("FakeUdpSock::Send").SetText(L"Send address undefined");
-    sent_.push_back({std::vector<uint8_t>(data, data + size), addr});
-    sentSignal_.notify_all();
+    SentDatagram datagram{std::vector<uint8_t>(data, data + size), to};
+    {
+      std::lock_guard lock(mutex_);
+      if (!open_ || failSend) return ERR_AT("FakeUdpSock::Send").SetText(L"send failed");
+      if (!to.IsDefined()) datagram.to = info_.SendAddr;
+      if (!datagram.to.IsDefined())
+        return ERR_AT("FakeUdpSock::Send").SetText(L"Send address undefined");
+      sent_.push_back(datagram);
+      sentSignal_.notify_all();
+    }
+    if (onSent) onSent(datagram);
     return ERR_AT("FakeUdpSock::Send");
   }
 
@@ -104,7 +111,9 @@ class FakeUdpSock final : public Network::IUdpSock {
 
   // Set by the test before they are used.
   bool failOpen = false;
+  uint16_t failPort = 0;  // the port that can't be bound
   bool failSend = false;
+  std::function<void(const SentDatagram&)> onSent;  // called without a lock, on the sender's thread
 
   int opens = 0;
   bool destroyed = false;
@@ -125,6 +134,8 @@ class FakeNetManager final : public Network::INetManager {
   std::shared_ptr<Network::IUdpSock> CreateUdpSock() override {
     auto sock = std::make_shared<FakeUdpSock>();
     sock->failOpen = failOpen;
+    sock->failPort = failPort;
+    sock->onSent = onSent;
     std::lock_guard lock(mutex_);
     socks_.push_back(sock);
     return sock;
@@ -146,7 +157,10 @@ class FakeNetManager final : public Network::INetManager {
     return socks_.size();
   }
 
-  bool failOpen = false;  // the sockets made from now on can't be opened
+  // Of the sockets made from now on:
+  bool failOpen = false;                            // none can be opened
+  uint16_t failPort = 0;                            // none can be bound to this port
+  std::function<void(const SentDatagram&)> onSent;  // each reports what it sends
 
  private:
   mutable std::mutex mutex_;

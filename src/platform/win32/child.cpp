@@ -12,14 +12,6 @@ void CloseIfOpen(HANDLE& handle) {
   handle = nullptr;
 }
 
-// Waits for bytes. Empty at the end of them.
-std::string ReadSome(HANDLE handle) {
-  char buffer[4096];
-  DWORD got = 0;
-  if (!ReadFile(handle, buffer, sizeof(buffer), &got, nullptr)) return {};
-  return std::string(buffer, got);
-}
-
 // One argument as the C library of the child takes it apart again (documented with
 // CommandLineToArgvW): quotes and the backslashes in front of them are escaped.
 std::wstring Quoted(const std::string& argument) {
@@ -58,8 +50,7 @@ struct Child::Impl {
   HANDLE process = nullptr;
   DWORD id = 0;
   HANDLE input = nullptr;   // writing end of the child's standard input
-  HANDLE output = nullptr;  // reading ends of its standard output
-  HANDLE errors = nullptr;  // and its standard error
+  HANDLE output = nullptr;  // reading end of its standard output
   std::optional<int> status;
 };
 
@@ -69,7 +60,6 @@ Child::~Child() {
   Kill();
   CloseIfOpen(impl_->input);
   CloseIfOpen(impl_->output);
-  CloseIfOpen(impl_->errors);
   CloseIfOpen(impl_->process);
 }
 
@@ -78,24 +68,18 @@ uint32_t Child::Start(const ChildOptions& options) {
   startup.cb = sizeof(startup);
   HANDLE childInput = nullptr;
   HANDLE childOutput = nullptr;
-  HANDLE childErrors = nullptr;
   if (options.piped) {
     SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     if (!CreatePipe(&childInput, &impl_->input, &inherited, 0) ||
-        !CreatePipe(&impl_->output, &childOutput, &inherited, 0) ||
-        (options.errorsPiped && !CreatePipe(&impl_->errors, &childErrors, &inherited, 0))) {
-      const DWORD error = GetLastError();
-      CloseIfOpen(childInput);
-      CloseIfOpen(childOutput);
-      return error;
+        !CreatePipe(&impl_->output, &childOutput, &inherited, 0)) {
+      return GetLastError();
     }
-    if (impl_->errors) SetHandleInformation(impl_->errors, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(impl_->input, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(impl_->output, HANDLE_FLAG_INHERIT, 0);
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = childInput;
     startup.hStdOutput = childOutput;
-    startup.hStdError = childErrors ? childErrors : GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   }
   if (options.outputToError) {
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -116,7 +100,6 @@ uint32_t Child::Start(const ChildOptions& options) {
   const DWORD error = ok ? 0 : GetLastError();
   CloseIfOpen(childInput);
   CloseIfOpen(childOutput);
-  CloseIfOpen(childErrors);
   if (error != 0) return error;
   CloseHandle(started.hThread);
   impl_->process = started.hProcess;
@@ -135,19 +118,10 @@ void Child::CloseInput() {
 }
 
 std::string Child::ReadOutput() {
-  return ReadSome(impl_->output);
-}
-
-std::string Child::ReadErrors() {
-  return ReadSome(impl_->errors);
-}
-
-void Child::CloseOutput() {
-  CloseIfOpen(impl_->output);
-}
-
-int Child::Id() const {
-  return static_cast<int>(impl_->id);
+  char buffer[4096];
+  DWORD got = 0;
+  if (!ReadFile(impl_->output, buffer, sizeof(buffer), &got, nullptr)) return {};
+  return std::string(buffer, got);
 }
 
 std::optional<int> Child::Wait(uint32_t milliseconds) {
