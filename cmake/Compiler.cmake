@@ -13,7 +13,9 @@ find_package(Threads REQUIRED)
 
 find_program(QZ_CCACHE ccache)
 if(QZ_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${QZ_CCACHE})
+  # Without this leave ccache keeps nothing that a precompiled header goes into.
+  set(CMAKE_CXX_COMPILER_LAUNCHER
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QZ_CCACHE})
 endif()
 
 add_library(qz_options INTERFACE)
