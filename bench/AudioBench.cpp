@@ -28,6 +28,7 @@ class NoSock final : public IUdpSock {
     benchmark::DoNotOptimize(data);
     return ERR_HERE("NoSock::Send");
   }
+  NetAddr LocalAddr() override { return {}; }
 
   IUdpReceiver* receiver = nullptr;
 };

@@ -59,10 +59,16 @@ apt_get() {
 
 need_compiler() { need cmake=cmake ninja=ninja-build g++=g++; }
 
+# The headers that the tools are written on.
+need_tools() {
+  need /usr/include/CLI/CLI.hpp=libcli11-dev /usr/include/asio.hpp=libasio-dev \
+    /usr/include/nlohmann/json.hpp=nlohmann-json3-dev
+}
+
 need_windows() {
   need cmake=cmake ninja=ninja-build x86_64-w64-mingw32-g++-posix=g++-mingw-w64-x86-64-posix \
-    "$QZ_WINE/wine64=wine64" /usr/src/googletest/CMakeLists.txt=googletest \
-    /usr/include/CLI/CLI.hpp=libcli11-dev
+    "$QZ_WINE/wine64=wine64" /usr/src/googletest/CMakeLists.txt=googletest
+  need_tools
 }
 
 # Where Debian's package wine64 puts it.

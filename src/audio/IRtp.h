@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/Format.h"
 #include "audio/ISyncManager.h"
 #include "runtime/ErrInfo.h"
 #include "sockets/NetAddr.h"
@@ -22,8 +23,8 @@ struct RtpSendChanInfo {
 struct RtpManagerInfo {
   uint32_t SampleFreq = 0;                 // Hz
   uint32_t PacketSmplSize = 0;             // samples per channel and packet
-  uint32_t RecvBufSize = 9;                // packets in each receive ring
-  uint32_t RecvBufPos = 5;                 // ring slot of a stream's first packet
+  uint32_t RecvBufSize = kRingPackets;     // packets in each receive ring
+  uint32_t RecvBufPos = kRingDelay;        // ring slot of a stream's first packet
   std::vector<NetAddr> RecvAddrs;          // one local address for each receive channel
   std::vector<RtpSendChanInfo> SendChans;  // one entry for each send channel
 
@@ -40,8 +41,9 @@ class IRtpSendFilter {
   ~IRtpSendFilter() = default;
 };
 
-// All channels of one unit. RecvPackets and SendPackets are called on the thread of the ticks;
-// Init only while no tick runs; SetSendChanAddr on any thread.
+// All channels of one unit, and the destinations of those that send. RecvPackets and SendPackets
+// are called on the thread of the ticks; Init only while no tick runs; SetSendChanAddr and
+// GetSendChanAddr on any thread, but not during Init.
 class IRtpManager : public ISyncSource {
  public:
   virtual ~IRtpManager() = default;
@@ -61,6 +63,9 @@ class IRtpManager : public ISyncSource {
   virtual ErrInfo SendPackets(std::vector<RtpPacket>& packets) = 0;
 
   virtual void SetSendFilter(IRtpSendFilter* filter) = 0;
+
+  // Where the packets of a send channel go; undefined: nowhere, or there is no such channel.
+  virtual NetAddr GetSendChanAddr(uint64_t index) = 0;
 };
 
 // Float buffers of the caller: two for each channel, left then right, `count` samples each. On the

@@ -60,8 +60,7 @@ ErrInfo RtpAudioManager::RecvAudio(const std::vector<float*>& buffers, uint32_t 
     }
     if (packet.GetSmplCount() != count)
       return ERR_HERE("Network::RtpAudioManager::RecvAudio").SetText(kSizeMismatch);
-    if (ErrInfo err = packet.GetAudioPayloadChan(left, 0, 1); !err.IsOk()) return err;
-    if (ErrInfo err = packet.GetAudioPayloadChan(right, 1, 1); !err.IsOk()) return err;
+    if (ErrInfo err = packet.GetAudioPayload(left, right); !err.IsOk()) return err;
   }
   return ERR_HERE("Network::RtpAudioManager::RecvAudio");
 }
@@ -76,8 +75,7 @@ ErrInfo RtpAudioManager::SendAudio(const std::vector<float*>& buffers, uint32_t 
     RtpPacket& packet = packets[i];
     ErrInfo err = packet.Create(manager_->SendChanPayloadType(i), count);
     if (!err.IsOk()) return err;
-    packet.SetAudioPayloadChan(buffers[2 * i], 0, 1);
-    packet.SetAudioPayloadChan(buffers[2 * i + 1], 1, 1);
+    packet.SetAudioPayload(buffers[2 * i], buffers[2 * i + 1]);
   }
   return manager_->SendPackets(packets);
 }
@@ -110,6 +108,10 @@ uint64_t RtpAudioManager::GetSendChanCount() {
 
 ErrInfo RtpAudioManager::SetSendChanAddr(uint64_t index, const NetAddr& addr) {
   return manager_->SetSendChanAddr(index, addr);
+}
+
+NetAddr RtpAudioManager::GetSendChanAddr(uint64_t index) {
+  return manager_->GetSendChanAddr(index);
 }
 
 ErrInfo RtpAudioManager::RecvPackets(std::vector<RtpPacket>& packets) {

@@ -33,6 +33,7 @@ class RtpAudioManager final : public IRtpAudioManager, public ISyncTarget {
   uint64_t GetRecvChanCount() override;
   uint64_t GetSendChanCount() override;
   ErrInfo SetSendChanAddr(uint64_t index, const NetAddr& addr) override;
+  NetAddr GetSendChanAddr(uint64_t index) override;
   ErrInfo RecvPackets(std::vector<RtpPacket>& packets) override;
   ErrInfo SendPackets(std::vector<RtpPacket>& packets) override;
   void SetSendFilter(IRtpSendFilter* filter) override;

@@ -21,9 +21,7 @@ RtpSendChan::RtpSendChan(const std::wstring& name, INetManager* netManager,
       payloadType_(info.PayloadType),
       addr_(info.Addr),
       sock_(netManager->CreateUdpSock()) {
-  UdpSockInfo sockInfo;
-  sockInfo.SendAddr = info.Addr;
-  sock_->Open(sockInfo);
+  sock_->Open(UdpSockInfo());
 }
 
 RtpSendChan::~RtpSendChan() {
@@ -36,19 +34,28 @@ RtpSendChanInfo RtpSendChan::GetSendChanAddr() const {
 }
 
 ErrInfo RtpSendChan::SetSendChanAddr(const NetAddr& addr) {
-  {
-    std::lock_guard lock(addrMutex_);
-    addr_ = addr;
-  }
-  // Outside: a tick that only wants to know the address mustn't wait for the socket.
-  return sock_->SetSendAddr(addr);
+  std::lock_guard lock(addrMutex_);
+  addr_ = addr;
+  return ERR_HERE("Network::RtpSendChan::SetSendChanAddr");
 }
 
 ErrInfo RtpSendChan::Send(const RtpPacket& packet) {
+  return SendTo(packet, GetSendChanAddr().Addr);
+}
+
+// The address is read once: a controller that switches the input off between the look and the
+// sending would otherwise make a failure of a packet that simply isn't wanted any more.
+ErrInfo RtpSendChan::SendIfOn(const RtpPacket& packet) {
+  const NetAddr to = GetSendChanAddr().Addr;
+  if (!to.IsDefined()) return ERR_HERE("Network::RtpSendChan::SendIfOn");
+  return SendTo(packet, to);
+}
+
+ErrInfo RtpSendChan::SendTo(const RtpPacket& packet, const NetAddr& to) {
   if (packet.IsEmpty())
     return ERR_HERE("Network::RtpSendChan::Send").SetText(L"Can not send empty packet");
   const Packet& bytes = *packet.GetPacket();
-  return sock_->Send(bytes.Data(), bytes.Size(), NetAddr());
+  return sock_->Send(bytes.Data(), bytes.Size(), to);
 }
 
 RtpRecvChan::RtpRecvChan(const std::wstring& name, INetManager* netManager,

@@ -32,14 +32,19 @@ class RtpSendChan final {
   const std::wstring& Name() const { return name_; }
   uint32_t PayloadType() const { return payloadType_; }
 
-  // Any thread. Always succeeds.
+  // Any thread. Always succeeds. The address stands here alone; the socket has none of its own.
   RtpSendChanInfo GetSendChanAddr() const;
   ErrInfo SetSendChanAddr(const NetAddr& addr);
 
   // To the channel's address, on the caller's thread.
   ErrInfo Send(const RtpPacket& packet);
 
+  // As Send, but without an address nothing is sent, which is no failure.
+  ErrInfo SendIfOn(const RtpPacket& packet);
+
  private:
+  ErrInfo SendTo(const RtpPacket& packet, const NetAddr& to);
+
   const std::wstring name_;
   const uint32_t payloadType_;
   mutable std::mutex addrMutex_;
@@ -61,7 +66,7 @@ class IRtpReceiver {
 struct RtpRecvChanInfo {
   NetAddr BindAddr;
   IRtpReceiver* Receiver = nullptr;  // not owned
-  uint32_t BufSize = 9;              // packets in the ring
+  uint32_t BufSize = kRingPackets;   // packets in the ring
 };
 
 class RtpRecvChan final : public IUdpReceiver {

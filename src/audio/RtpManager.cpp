@@ -13,9 +13,6 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\RtpManager";
 
-// What the timestamp grows by from tick to tick, however many samples the packets hold.
-constexpr int64_t kTimestampStep = 192;
-
 // The number nearest to `last` that ends in the given bits: a step of half the range or more reads
 // as a step back.
 int64_t ExtendSeq(int64_t last, uint16_t bits) {
@@ -122,6 +119,10 @@ ErrInfo RtpManager::SetSendChanAddr(uint64_t index, const NetAddr& addr) {
   return sendChans_[index]->SetSendChanAddr(addr);
 }
 
+NetAddr RtpManager::GetSendChanAddr(uint64_t index) {
+  return index < sendChans_.size() ? sendChans_[index]->GetSendChanAddr().Addr : NetAddr();
+}
+
 void RtpManager::SetSendFilter(IRtpSendFilter* filter) {
   filter_ = filter;
 }
@@ -219,7 +220,7 @@ ErrInfo RtpManager::SendPackets(std::vector<RtpPacket>& packets) {
     SendOne(*sendChans_[i], packets[i]);
   }
   ++sendSeq_;
-  sendTs_ += kTimestampStep;
+  sendTs_ += kTickSamples;  // however many samples the packets hold
   return ERR_HERE("Network::RtpManager::SendPackets");
 }
 
@@ -233,7 +234,7 @@ void RtpManager::SendOne(RtpSendChan& channel, const RtpPacket& packet) {
       return;
     }
   }
-  if (channel.GetSendChanAddr().Addr.IsDefined()) channel.Send(packet);
+  channel.SendIfOn(packet);
 }
 
 }  // namespace Network

@@ -44,6 +44,7 @@ class RtpManager final : public IRtpManager, public IRtpReceiver {
   uint64_t GetRecvChanCount() override;
   uint64_t GetSendChanCount() override;
   ErrInfo SetSendChanAddr(uint64_t index, const NetAddr& addr) override;
+  NetAddr GetSendChanAddr(uint64_t index) override;
   ErrInfo RecvPackets(std::vector<RtpPacket>& packets) override;
   ErrInfo SendPackets(std::vector<RtpPacket>& packets) override;
   void SetSendFilter(IRtpSendFilter* filter) override;

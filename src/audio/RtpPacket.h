@@ -1,6 +1,6 @@
-// One datagram of an audio stream: its 12-byte header, its payload of interleaved 24-bit samples,
-// and the table of payload types. A view of a shared Packet, without lock: one thread fills a
-// packet before it is handed on.
+// One datagram of an audio stream: its 12-byte header and its payload of samples, whose form stands
+// in Format.h. A view of a shared Packet, without lock: one thread fills a packet before it is
+// handed on.
 //
 // The form is that of RTP (RFC 3550) but for the first two bytes, whose bit fields stand in the
 // opposite order: version 2 is the byte 0x02, payload type 100 without marker is 0xC8.
@@ -11,20 +11,15 @@
 #include <memory>
 #include <utility>
 
+#include "audio/Format.h"
 #include "runtime/ErrInfo.h"
 #include "sockets/Packet.h"
 
 namespace Network {
 
-// Payload types 100 (48000 Hz) and 101 (44100 Hz), both two channels of 24 bits.
-bool IsAudioPayloadType(uint32_t payloadType);
-uint32_t PayloadChanCount(uint32_t payloadType);   // channels in a packet; 0 if it isn't audio
-uint32_t PayloadSmplBytes(uint32_t payloadType);   // bytes of a sample; 0 if it isn't audio
-uint32_t PayloadTypeFromFreq(uint32_t frequency);  // 0: no type has that frequency in Hz
-
 // The header with its numbers in host order; on the wire they are big-endian.
 struct RtpHeader {
-  static constexpr size_t kSize = 12;  // bytes on the wire
+  static constexpr size_t kSize = kHeaderBytes;  // bytes on the wire
 
   uint8_t VersionAndFlags = 0x02;  // bits 0-1: version; not looked at when receiving
   uint8_t MarkerAndType = 0;       // bit 0: marker, not looked at; bits 1-7: payload type
@@ -65,11 +60,14 @@ class RtpPacket {
   ErrInfo SetHeader(const RtpHeader& header);
 
   uint8_t* GetPayload() const;      // null if empty or shorter than a header
-  uint64_t GetPayloadSize() const;  // bytes behind the header
+  uint64_t GetPayloadSize() const;  // bytes after the header
   uint64_t GetSmplCount() const;    // whole samples per channel; 0 if the payload isn't audio
 
-  // One channel, 0 left and 1 right, to and from GetSmplCount floats that lie `stride` apart.
-  // Full scale is 1.0; a sample beyond it isn't clipped: the low 24 bits of its code go out.
+  // Both channels, GetSmplCount floats each: what a tick uses.
+  ErrInfo SetAudioPayload(const float* left, const float* right);
+  ErrInfo GetAudioPayload(float* left, float* right) const;
+
+  // One channel alone, 0 left and 1 right; the floats lie `stride` apart.
   ErrInfo SetAudioPayloadChan(const float* source, uint32_t channel, uint32_t stride);
   ErrInfo GetAudioPayloadChan(float* destination, uint32_t channel, uint32_t stride) const;
 

@@ -29,9 +29,13 @@ struct JsonMsg {
   static void StartNumbersAt(uint32_t number);
 
   // Add this message's keys to `out`, take its fields from `in`. A derived one calls the base
-  // first. May throw JSON::Exception; the functions below catch it.
-  virtual ErrInfo Serialize(JSON::Value& out) const;
+  // first. May throw JSON::Exception; the functions below catch it. Serialize leaves the message
+  // as it is, although a derived one may be written without const: the functions below rely on it.
+  virtual ErrInfo Serialize(JSON::Value& out);
   virtual ErrInfo Deserialize(const JSON::Value& in);
+
+  // The fields of a derived message beyond this envelope; see JsonMsgs.h.
+  static void Fields(auto& /*self*/, auto&& /*field*/) {}
 
   // The whole datagram, into a packet whose capacity the caller has set: it takes at most one byte
   // less than that. On failure the packet is as it was.
@@ -44,7 +48,7 @@ struct JsonMsg {
   std::wstring ToString() const;
 
   // The message in a received datagram; the caller owns it. Null for anything that isn't a good
-  // message; throws nothing.
+  // message of one of the types in JsonMsgs.h; throws nothing.
   static JsonMsg* FromPacket(const Packet& packet);
 
   std::wstring msg;     // type name, fixed by the concrete constructor

@@ -21,7 +21,7 @@ JsonUdpManager::JsonUdpManager(const std::wstring& name, INetManager* netManager
       netManager_(netManager),
       log_(GetDebugLog()) {}
 
-// The NetManager may have gone by now; a stopped manager doesn't touch it.
+// The NetManager may have gone by now: its sockets can be destroyed all the same.
 JsonUdpManager::~JsonUdpManager() {
   JsonUdpManager::Stop();
 }
@@ -60,8 +60,8 @@ void JsonUdpManager::Stop() {
     std::lock_guard lock(sockMutex_);
     sock = std::exchange(sock_, nullptr);
   }
-  // Unlocked: Close waits for a delivery in progress, which may be sending and want the pointer.
-  if (sock) sock->Close();
+  // Unlocked: Destroy waits for a delivery in progress, which may be sending and want the pointer.
+  if (sock) sock->Destroy();
 }
 
 bool JsonUdpManager::IsStarted() {

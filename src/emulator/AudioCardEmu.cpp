@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "audio/RtpPacket.h"
+#include "audio/Format.h"
 #include "emulator/TestSignal.h"
 #include "runtime/Clocks.h"
 #include "runtime/Environment.h"
@@ -13,9 +13,6 @@ namespace Network {
 namespace {
 
 constexpr char kSourceFile[] = "src\\AudioCardEmu";
-
-constexpr uint32_t kRecvBufSize = 9;  // packets in each receive ring
-constexpr uint32_t kRecvBufPos = 5;   // where a stream's first packet goes
 
 constexpr size_t kPairSamples = 2 * kTickSamples;
 
@@ -115,22 +112,20 @@ ErrInfo AudioCardEmu::DoInitAudio(uint32_t freq) {
   sync_->SetSyncFreq(freq, kTickSamples);
   sync_->SetSpeed(unitSettings_.Speed);
 
-  rtpInfo_ = RtpManagerInfo();
-  rtpInfo_.RecvBufSize = kRecvBufSize;
-  rtpInfo_.RecvBufPos = kRecvBufPos;
-  rtpInfo_.SampleFreq = freq;
-  rtpInfo_.PacketSmplSize = kTickSamples;
+  RtpManagerInfo info;
+  info.SampleFreq = freq;
+  info.PacketSmplSize = kTickSamples;
   for (int32_t i = 0; i < unitSettings_.GetOutputCount(); ++i) {
     NetAddr addr;
     addr.SetFromTextAndPort(emuSettings_.AddrStr,
                             static_cast<uint32_t>(RtpPort(unitSettings_.BasePort, i)));
-    rtpInfo_.RecvAddrs.push_back(addr);
+    info.RecvAddrs.push_back(addr);
   }
   for (int32_t i = 0; i < unitSettings_.GetInputCount(); ++i) {
-    rtpInfo_.SendChans.push_back({NetAddr(), payloadType});
+    info.SendChans.push_back({NetAddr(), payloadType});
   }
 
-  ErrInfo rtpErr = rtp_->Init(rtpInfo_);
+  ErrInfo rtpErr = rtp_->Init(info);
   if (!rtpErr.IsOk()) return rtpErr;
   return err;
 }

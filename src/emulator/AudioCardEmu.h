@@ -101,8 +101,7 @@ class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
   std::shared_ptr<IJsonUdpConnect> connect_;
 
   std::mutex audioMutex_;
-  RtpManagerInfo rtpInfo_;  // its SendChans are also the list of inputs
-  bool closed_ = false;     // Stop was called: the audio stays off
+  bool closed_ = false;  // Stop was called: the audio stays off
 
   // On the thread of `sync_` alone.
   bool testDataOk_ = false;

@@ -73,23 +73,21 @@ void AudioCardEmu::OnGetInputs(const JsonMsgGetInputs&, const NetAddr& from) {
   auto answer = std::make_shared<JsonMsgInputs>();
   {
     std::lock_guard lock(audioMutex_);
-    for (const RtpSendChanInfo& chan : rtpInfo_.SendChans)
-      answer->inputs.push_back(chan.Addr);
+    for (uint64_t i = 0; i < rtp_->GetSendChanCount(); ++i)
+      answer->inputs.push_back(rtp_->GetSendChanAddr(i));
   }
   connect_->Send(answer, from);
 }
 
 void AudioCardEmu::OnSetInputs(const JsonMsgSetInputs& request, const NetAddr&) {
   std::lock_guard lock(audioMutex_);
-  if (request.inputs.size() != rtpInfo_.SendChans.size()) {
+  if (request.inputs.size() != rtp_->GetSendChanCount()) {
     log_->Write(L"ERROR: Incorrect inputs count");
     return;
   }
   for (size_t i = 0; i < request.inputs.size(); ++i) {
     const auto& input = request.inputs[i];
-    if (!input.set) continue;
-    rtpInfo_.SendChans[i].Addr = input.addr;
-    rtp_->SetSendChanAddr(i, input.addr);
+    if (input.set) rtp_->SetSendChanAddr(i, input.addr);
   }
 }
 

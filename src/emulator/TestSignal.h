@@ -5,10 +5,9 @@
 
 #include <cstdint>
 
-namespace Network {
+#include "audio/Format.h"
 
-// Samples per channel in one tick, and in one packet.
-constexpr uint32_t kTickSamples = 192;
+namespace Network {
 
 // Whether left and right, kTickSamples each, hold a ramp that rises from 1/192 to 1 and one that
 // falls from 1 to 1/192. Each sample may be off by 1/384.

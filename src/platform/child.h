@@ -21,6 +21,9 @@ struct ChildOptions {
   // outside the terminal's reach: Ctrl-C goes to this program alone.
   bool piped = false;
 
+  // With pipes: a third one in place of this program's own standard error.
+  bool errorsPiped = false;
+
   // Without pipes: what the child writes to standard output goes to this program's standard error.
   bool outputToError = false;
 };
@@ -41,6 +44,16 @@ class Child {
 
   // With pipes: waits for output, on any one thread. Empty at its end.
   std::string ReadOutput();
+
+  // With a pipe for errors: the same for the error output, on the same thread or another one.
+  std::string ReadErrors();
+
+  // With pipes, on the thread that reads: nothing is read any more, and what the child writes to
+  // standard output from now on fails.
+  void CloseOutput();
+
+  // The system's number of the process that was started.
+  int Id() const;
 
   // The exit status once the child has ended; 128 plus the number of the signal that ended it.
   std::optional<int> Wait(uint32_t milliseconds);

@@ -98,10 +98,15 @@ void AppendUtf8(std::string& out, char32_t code) {
 
 enum class OnBad { Throw, Replace };
 
+// Nearly all text is ASCII, which goes the short way in both directions: each datagram and each
+// line of the log passes here.
 std::wstring ToWide(std::string_view text, OnBad onBad) {
-  std::wstring out;
-  out.reserve(text.size());
-  for (size_t pos = 0; pos < text.size();) {
+  std::wstring out(text.size(), L'\0');
+  size_t pos = 0;
+  for (; pos < text.size() && static_cast<uint8_t>(text[pos]) < 0x80; ++pos)
+    out[pos] = static_cast<wchar_t>(text[pos]);
+  out.resize(pos);
+  while (pos < text.size()) {
     char32_t code = DecodeUtf8(text, pos);
     if (code == kBad) {
       if (onBad == OnBad::Throw) ThrowBadConversion();
@@ -112,7 +117,6 @@ std::wstring ToWide(std::string_view text, OnBad onBad) {
   return out;
 }
 
-// Nearly all text is ASCII, which goes the short way: the log converts each of its lines.
 std::string ToUtf8(std::wstring_view text, OnBad onBad) {
   std::string out(text.size(), '\0');
   size_t pos = 0;

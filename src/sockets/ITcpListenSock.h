@@ -48,7 +48,7 @@ class ITcpListenSock {
   // sockets wait for ever.
   virtual void Close() = 0;
 
-  // Close, then out of the manager's registry. The manager must still live.
+  // Close, then out of the manager's registry. Once the manager has gone, it only closes.
   virtual void Destroy() = 0;
 };
 

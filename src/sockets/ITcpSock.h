@@ -55,7 +55,7 @@ class ITcpSock {
   // wait for ever.
   virtual void Close() = 0;
 
-  // Close, then out of the manager's registry. The manager must still live.
+  // Close, then out of the manager's registry. Once the manager has gone, it only closes.
   virtual void Destroy() = 0;
 
   // Queues a packet, which must not change any more; the worker sends it whole, in order. Never

@@ -46,7 +46,7 @@ class IUdpSock {
   // callback; but callbacks of two managers that close each other's sockets wait for ever.
   virtual void Close() = 0;
 
-  // Close, then out of the manager's registry. The manager must still live.
+  // Close, then out of the manager's registry. Once the manager has gone, it only closes.
   virtual void Destroy() = 0;
 
   // Always succeeds.
@@ -57,8 +57,8 @@ class IUdpSock {
   virtual ErrInfo Send(const uint8_t* data, uint64_t size, const NetAddr& to) = 0;
 
   // The address that the socket is bound to, with the port that the system chose for port 0;
-  // undefined while it isn't bound.
-  virtual NetAddr LocalAddr() = 0;
+  // undefined while it isn't bound, and for a socket of a user's own that doesn't know better.
+  virtual NetAddr LocalAddr() { return NetAddr(); }
 };
 
 }  // namespace Network

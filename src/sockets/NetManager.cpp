@@ -42,48 +42,31 @@ struct NetManager::Lists {
 };
 
 NetManager::NetManager()
-    : udpSocks_(L"NetManager::UdpSocketsMutex"),
-      tcpSocks_(L"NetManager::TcpSocketsMutex"),
-      tcpListenSocks_(L"NetManager::TcpListenSocketsMutex"),
-      event_(std::make_shared<platform::WakeSet>()),
+    : home_(std::make_shared<SocketHome>(std::make_shared<platform::WakeSet>())),
       worker_([this] { Run(); }) {}
 
 NetManager::~NetManager() {
   stop_ = true;
-  event_->Signal();
+  home_->GetEvent()->Signal();
   worker_.join();
 }
 
 std::shared_ptr<IUdpSock> NetManager::CreateUdpSock() {
-  auto sock = std::make_shared<UdpSock>(this);
-  udpSocks_.Add(sock);
+  auto sock = std::make_shared<UdpSock>(home_);
+  home_->UdpSocks().Add(sock);
   return sock;
 }
 
 std::shared_ptr<ITcpSock> NetManager::CreateTcpSock() {
-  auto sock = std::make_shared<TcpSock>(this);
-  tcpSocks_.Add(sock);
+  auto sock = std::make_shared<TcpSock>(home_);
+  home_->TcpSocks().Add(sock);
   return sock;
 }
 
 std::shared_ptr<ITcpListenSock> NetManager::CreateTcpListenSock() {
-  auto sock = std::make_shared<TcpListenSock>(this);
-  tcpListenSocks_.Add(sock);
+  auto sock = std::make_shared<TcpListenSock>(home_);
+  home_->TcpListenSocks().Add(sock);
   return sock;
-}
-
-void NetManager::RemoveUdpSock(const UdpSock* sock) {
-  udpSocks_.Remove(sock);
-}
-void NetManager::RemoveTcpSock(const TcpSock* sock) {
-  tcpSocks_.Remove(sock);
-}
-void NetManager::RemoveTcpListenSock(const TcpListenSock* sock) {
-  tcpListenSocks_.Remove(sock);
-}
-
-void NetManager::AddTcpSock(std::shared_ptr<TcpSock> sock) {
-  tcpSocks_.Add(std::move(sock));
 }
 
 void NetManager::Run() {
@@ -92,7 +75,7 @@ void NetManager::Run() {
   bool busy = false;
   while (!stop_) {
     // Between busy rounds too: it doesn't sleep then, and brings the news of the sockets.
-    event_->Wait(busy ? 0 : kIdleWaitMs);
+    home_->GetEvent()->Wait(busy ? 0 : kIdleWaitMs);
     if (stop_) break;
     ++roundCount_;
     try {
@@ -105,11 +88,11 @@ void NetManager::Run() {
 
 bool NetManager::RunRound(Lists* lists) {
   bool busy = false;
-  udpSocks_.CopyTo(&lists->udp);
+  home_->UdpSocks().CopyTo(&lists->udp);
   busy |= Serve(lists->udp, &UdpSock::TryReceive);
-  tcpSocks_.CopyTo(&lists->tcp);
+  home_->TcpSocks().CopyTo(&lists->tcp);
   busy |= Serve(lists->tcp, &TcpSock::TrySendAndReceive);
-  tcpListenSocks_.CopyTo(&lists->tcpListen);
+  home_->TcpListenSocks().CopyTo(&lists->tcpListen);
   busy |= Serve(lists->tcpListen, &TcpListenSock::TryAccept);
   return busy;
 }

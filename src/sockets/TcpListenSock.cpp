@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "sockets/NetManager.h"
 #include "sockets/TcpSock.h"
 
 namespace Network {
@@ -11,8 +10,8 @@ namespace {
 constexpr char kSourceFile[] = "src\\TcpListenSock";
 }
 
-TcpListenSock::TcpListenSock(NetManager* manager)
-    : manager_(manager), event_(manager->GetEvent()) {}
+TcpListenSock::TcpListenSock(const std::shared_ptr<SocketHome>& home)
+    : ManagedSocket(home, L"TcpListenSock::_SockMutex") {}
 
 TcpListenSock::~TcpListenSock() {
   Close();
@@ -24,43 +23,24 @@ ErrInfo TcpListenSock::Open(const TcpListenSockInfo& info) {
   ScopedLock lock(sockMutex_);
   info_ = info;
 
-  platform::SocketResult result = socket_.OpenTcp();
-  if (!result.Ok()) return err.SetCode(result.error, L"Create listen socket failed");
+  const platform::SocketResult opened = socket_.OpenTcp();
+  if (!Passed(opened, L"Create listen socket failed", &err)) return err;
+  // The one failure that leaves the handle open; Close or the next Open ends it.
+  if (!info_.BindAddr.IsDefined()) return err.SetCode(opened.error, L"Undefined address");
 
-  if (!info_.BindAddr.IsDefined()) return err.SetCode(result.error, L"Undefined address");
-
-  result = socket_.Bind(info_.BindAddr.Raw());
-  if (!result.Ok()) {
-    CloseHandle();
-    return err.SetCode(result.error, L"bind socket failed");
-  }
-  result = socket_.Watch(event_, platform::kSocketAccept);
-  if (!result.Ok()) {
-    CloseHandle();
-    return err.SetCode(result.error, L"WSAEventSelect socket failed");
-  }
-  result = socket_.Listen();
-  if (!result.Ok()) {
-    CloseHandle();
-    return err.SetCode(result.error, L"listen socket failed");
-  }
+  if (Passed(socket_.Bind(info_.BindAddr.Raw()), L"bind socket failed", &err) &&
+      Passed(socket_.Watch(event_, platform::kSocketAccept), L"WSAEventSelect socket failed", &err))
+    Passed(socket_.Listen(), L"listen socket failed", &err);
   return err;
 }
 
-void TcpListenSock::CloseHandle() {
-  ScopedLock lock(sockMutex_);
-  socket_.Close();
-}
-
 void TcpListenSock::Close() {
-  CloseHandle();
-  // No new turn begins on a closed handle; this waits for the one that runs.
-  std::lock_guard delivery(deliveryMutex_);
+  CloseAndWait();
 }
 
 void TcpListenSock::Destroy() {
   Close();
-  manager_->RemoveTcpListenSock(this);
+  if (const auto home = home_.lock()) home->RemoveTcpListenSock(this);
 }
 
 bool TcpListenSock::TryAccept() {
@@ -93,15 +73,17 @@ bool TcpListenSock::TryAccept() {
   return true;
 }
 
-// Hands a new connection to the receiver, and to the manager if it is taken.
+// Hands a new connection to the receiver, and to the manager if it is taken. The home is there, as
+// the manager that gives this turn ends only after it.
 void TcpListenSock::Hand(platform::Socket connection, const TcpListenSockInfo& info) {
+  const std::shared_ptr<SocketHome> home = home_.lock();
   TcpSockInfo sockInfo;
   sockInfo.BindAddr = info.BindAddr;
   sockInfo.PeerAddr = info.PeerAddr;
   sockInfo.SendChunkSize = info.SendChunkSize;
   sockInfo.RecvBufBytes = info.RecvBufBytes;
   sockInfo.Receiver = info.Receiver;
-  const auto sock = std::make_shared<TcpSock>(manager_, std::move(connection), sockInfo);
+  const auto sock = std::make_shared<TcpSock>(home, std::move(connection), sockInfo);
 
   ITcpReceiver* const receiver = info.ListenReceiver->OnAccept(this, sock);
   if (!receiver) {
@@ -109,7 +91,7 @@ void TcpListenSock::Hand(platform::Socket connection, const TcpListenSockInfo& i
     return;
   }
   sock->SetReceiver(receiver);
-  manager_->AddTcpSock(sock);
+  home->AddTcpSock(sock);
 }
 
 }  // namespace Network

@@ -4,15 +4,13 @@
 #include <cstring>
 #include <utility>
 
-#include "sockets/NetManager.h"
-
 namespace Network {
 
 namespace {
 constexpr char kSourceFile[] = "src\\TcpSock";
 }
 
-// What one turn finds and does, for the callbacks behind it.
+// What one turn finds and does, for the callbacks after it.
 struct TcpSock::Turn {
   ErrInfo err;
   ITcpReceiver* receiver = nullptr;
@@ -21,13 +19,14 @@ struct TcpSock::Turn {
   bool busy = false;
 };
 
-TcpSock::TcpSock(NetManager* manager) : manager_(manager), event_(manager->GetEvent()) {}
+TcpSock::TcpSock(const std::shared_ptr<SocketHome>& home)
+    : ManagedSocket(home, L"TcpSock::_SockMutex") {}
 
-TcpSock::TcpSock(NetManager* manager, platform::Socket connection, const TcpSockInfo& info)
-    : manager_(manager), event_(manager->GetEvent()), socket_(std::move(connection)) {
+TcpSock::TcpSock(const std::shared_ptr<SocketHome>& home, platform::Socket connection,
+                 const TcpSockInfo& info)
+    : ManagedSocket(home, L"TcpSock::_SockMutex", std::move(connection)) {
   TakeOptions(info);
-  uint32_t error = 0;
-  if (!Watch(&error)) CloseHandle();
+  if (!Watch().Ok()) TcpSock::CloseHandle();
 }
 
 TcpSock::~TcpSock() {
@@ -50,46 +49,29 @@ void TcpSock::TakeOptions(const TcpSockInfo& info) {
 
 ErrInfo TcpSock::Connect() {
   ErrInfo err = ERR_HERE("Network::TcpSock::Open");
-  platform::SocketResult result = socket_.OpenTcp();
-  if (!result.Ok()) return err.SetCode(result.error, L"Create socket failed");
+  const platform::SocketResult opened = socket_.OpenTcp();
+  if (!Passed(opened, L"Create socket failed", &err)) return err;
+  // The one failure that leaves the handle open: the next Open says so until somebody closes it.
+  if (!info_.PeerAddr.IsDefined()) return err.SetCode(opened.error, L"Undefined address");
 
-  if (!info_.PeerAddr.IsDefined()) return err.SetCode(result.error, L"Undefined address");
-
-  if (info_.BindAddr.IsDefined()) {
-    result = socket_.Bind(info_.BindAddr.Raw());
-    if (!result.Ok()) {
-      CloseHandle();
-      return err.SetCode(result.error, L"bind socket failed");
-    }
-  }
-
-  result = socket_.Connect(info_.PeerAddr.Raw());
-  if (!result.Ok()) {
-    CloseHandle();
-    return err.SetCode(result.error, L"connect socket failed");
-  }
-
-  uint32_t error = 0;
-  if (!Watch(&error)) {
-    CloseHandle();
-    return err.SetCode(error, L"WSAEventSelect socket failed");
-  }
+  if (info_.BindAddr.IsDefined() &&
+      !Passed(socket_.Bind(info_.BindAddr.Raw()), L"bind socket failed", &err))
+    return err;
+  if (Passed(socket_.Connect(info_.PeerAddr.Raw()), L"connect socket failed", &err))
+    Passed(Watch(), L"WSAEventSelect socket failed", &err);
   return err;
 }
 
-bool TcpSock::Watch(uint32_t* error) {
+platform::SocketResult TcpSock::Watch() {
   connected_ = true;  // first: the worker may come at once
-  const platform::SocketResult result =
-      socket_.Watch(event_, platform::kSocketRead | platform::kSocketWrite |
-                                platform::kSocketConnect | platform::kSocketClose);
-  *error = result.error;
-  return result.Ok();
+  return socket_.Watch(event_, platform::kSocketRead | platform::kSocketWrite |
+                                   platform::kSocketConnect | platform::kSocketClose);
 }
 
 void TcpSock::CloseHandle() {
   ScopedLock lock(sockMutex_);
   connected_ = false;
-  socket_.Close();
+  ManagedSocket::CloseHandle();
   sendQueue_.Clear();
 }
 
@@ -102,14 +84,12 @@ void TcpSock::EmptyQueue() {
 }
 
 void TcpSock::Close() {
-  CloseHandle();
-  // No new turn begins on a closed handle; this waits for the one that runs.
-  std::lock_guard delivery(deliveryMutex_);
+  CloseAndWait();
 }
 
 void TcpSock::Destroy() {
   Close();
-  manager_->RemoveTcpSock(this);
+  if (const auto home = home_.lock()) home->RemoveTcpSock(this);
 }
 
 void TcpSock::SetReceiver(ITcpReceiver* receiver) {

@@ -1,35 +1,28 @@
 // The working stream socket. Its user's threads only queue; the worker of its manager sends and
 // receives, in the turns that it gives the socket.
 //
-// deliveryMutex_ is held during a turn with its callbacks; "TcpSock::_SockMutex" guards handle and
-// options and isn't held during a callback. Taken in this order. The queue has a lock of its own,
-// so that no turn and no connect holds up a Send.
+// The locks are those of ManagedSocket; the socket's own is "TcpSock::_SockMutex". The queue has a
+// lock of its own, so that no turn and no connect holds up a Send.
 #pragma once
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
-#include "platform/socket.h"
 #include "runtime/ConcurrentQueue.h"
-#include "runtime/TrackedMutex.h"
 #include "sockets/ITcpSock.h"
+#include "sockets/ManagedSocket.h"
 
 namespace Network {
 
-class NetManager;
-
-class TcpSock final : public ITcpSock {
+class TcpSock final : public ITcpSock, private ManagedSocket {
  public:
-  // The manager must live when Destroy is called, and only then.
-  explicit TcpSock(NetManager* manager);
+  explicit TcpSock(const std::shared_ptr<SocketHome>& home);
 
   // Takes over an accepted connection. Closed when the system can't watch it.
-  TcpSock(NetManager* manager, platform::Socket connection, const TcpSockInfo& info);
+  TcpSock(const std::shared_ptr<SocketHome>& home, platform::Socket connection,
+          const TcpSockInfo& info);
 
   ~TcpSock() override;
-  TcpSock(const TcpSock&) = delete;
-  TcpSock& operator=(const TcpSock&) = delete;
 
   ErrInfo Open(const TcpSockInfo& info) override;
   void Close() override;
@@ -48,23 +41,14 @@ class TcpSock final : public ITcpSock {
 
   void TakeOptions(const TcpSockInfo& info);
   ErrInfo Connect();
-  bool Watch(uint32_t* error);
-  void CloseHandle();
+  platform::SocketResult Watch();
+  void CloseHandle() override;
   void EmptyQueue();
   void RunTurn(Turn* turn);
   void SendOne(Turn* turn);
   void ReceiveOne(Turn* turn);
 
-  NetManager* const manager_;
-  const std::shared_ptr<platform::WakeSet> event_;
-
-  // Not tracked: it is held as long as a receiver takes. Recursive: a callback may close the
-  // socket.
-  std::recursive_mutex deliveryMutex_;
-
-  TrackedRecursiveMutex sockMutex_{L"TcpSock::_SockMutex"};
   TcpSockInfo info_;
-  platform::Socket socket_;
   std::atomic<bool> connected_{false};  // the worker serves it; false during Open's connect
 
   ConcurrentQueue<std::shared_ptr<Packet>> sendQueue_;

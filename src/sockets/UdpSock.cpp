@@ -1,14 +1,13 @@
 #include "sockets/UdpSock.h"
 
-#include "sockets/NetManager.h"
-
 namespace Network {
 
 namespace {
 constexpr char kSourceFile[] = "src\\UdpSock";
 }
 
-UdpSock::UdpSock(NetManager* manager) : manager_(manager), event_(manager->GetEvent()) {}
+UdpSock::UdpSock(const std::shared_ptr<SocketHome>& home)
+    : ManagedSocket(home, L"UdpSock::_SockMutex") {}
 
 UdpSock::~UdpSock() {
   Close();
@@ -20,46 +19,22 @@ ErrInfo UdpSock::Open(const UdpSockInfo& info) {
   ScopedLock lock(sockMutex_);
   info_ = info;
 
-  platform::SocketResult result = socket_.OpenUdp();
-  if (!result.Ok()) return err.SetCode(result.error, L"Create socket failed");
-
-  if (info_.Broadcast) {
-    result = socket_.SetBroadcast();
-    if (!result.Ok()) {
-      CloseHandle();
-      return err.SetCode(result.error, L"setsockopt SO_BROADCAST failed");
-    }
-  }
-
-  if (info_.BindAddr.IsDefined()) {
-    result = socket_.Bind(info_.BindAddr.Raw());
-    if (!result.Ok()) {
-      CloseHandle();
-      return err.SetCode(result.error, L"bind socket failed");
-    }
-    result = socket_.Watch(event_, platform::kSocketRead);
-    if (!result.Ok()) {
-      CloseHandle();
-      return err.SetCode(result.error, L"WSAEventSelect socket failed");
-    }
-  }
+  if (!Passed(socket_.OpenUdp(), L"Create socket failed", &err)) return err;
+  if (info_.Broadcast && !Passed(socket_.SetBroadcast(), L"setsockopt SO_BROADCAST failed", &err))
+    return err;
+  if (!info_.BindAddr.IsDefined()) return err;
+  if (Passed(socket_.Bind(info_.BindAddr.Raw()), L"bind socket failed", &err))
+    Passed(socket_.Watch(event_, platform::kSocketRead), L"WSAEventSelect socket failed", &err);
   return err;
 }
 
-void UdpSock::CloseHandle() {
-  ScopedLock lock(sockMutex_);
-  socket_.Close();
-}
-
 void UdpSock::Close() {
-  CloseHandle();
-  // No new delivery begins on a closed handle; this waits for the one that runs.
-  std::lock_guard delivery(deliveryMutex_);
+  CloseAndWait();
 }
 
 void UdpSock::Destroy() {
   Close();
-  manager_->RemoveUdpSock(this);
+  if (const auto home = home_.lock()) home->RemoveUdpSock(this);
 }
 
 ErrInfo UdpSock::SetSendAddr(const NetAddr& addr) {
@@ -83,8 +58,13 @@ ErrInfo UdpSock::SendDirect(const uint8_t* data, uint64_t size, const NetAddr& t
   return err;
 }
 
+// The result says whether there may be more to do at once, and so whether the worker may sleep.
+// An empty datagram and one that failed give false: the wake set reports the next one anyway, and a
+// failure that stays must not keep a time-critical thread awake. The lock order is the one that
+// Close relies on: handle and receiver are read under both locks, so a socket that Close has been
+// called on is never received from, and its receiver never called.
 bool UdpSock::TryReceive() {
-  // A manager may have hundreds of sockets, and most have nothing in most turns.
+  // Most sockets have nothing in most turns: this costs no lock and no system call.
   if (!socket_.MayHavePending()) return false;
 
   std::lock_guard delivery(deliveryMutex_);
@@ -119,7 +99,7 @@ bool UdpSock::TryReceive() {
   // Without the socket's lock, so that the receiver may use the socket.
   if (!err.IsOk()) {
     if (receiver) receiver->OnError(this, err);
-    return false;  // also without a receiver: a failure that stays mustn't keep the worker busy
+    return false;
   }
   if (receiver) receiver->OnDatagramReceived(this, packet, NetAddr(from));
   return true;

@@ -1,28 +1,20 @@
 // The working datagram socket. Sends on its user's thread, receives in the turns that the worker of
 // its manager gives it.
 //
-// deliveryMutex_ is held during a turn with its callback; "UdpSock::_SockMutex" guards handle and
-// options and isn't held during a callback. Taken in this order.
+// The locks are those of ManagedSocket; the socket's own is "UdpSock::_SockMutex".
 #pragma once
 
 #include <memory>
-#include <mutex>
 
-#include "platform/socket.h"
-#include "runtime/TrackedMutex.h"
 #include "sockets/IUdpSock.h"
+#include "sockets/ManagedSocket.h"
 
 namespace Network {
 
-class NetManager;
-
-class UdpSock final : public IUdpSock {
+class UdpSock final : public IUdpSock, private ManagedSocket {
  public:
-  // The manager must live when Destroy is called, and only then.
-  explicit UdpSock(NetManager* manager);
+  explicit UdpSock(const std::shared_ptr<SocketHome>& home);
   ~UdpSock() override;
-  UdpSock(const UdpSock&) = delete;
-  UdpSock& operator=(const UdpSock&) = delete;
 
   // On an open socket: closes it first.
   ErrInfo Open(const UdpSockInfo& info) override;
@@ -37,18 +29,8 @@ class UdpSock final : public IUdpSock {
 
  private:
   ErrInfo SendDirect(const uint8_t* data, uint64_t size, const NetAddr& to);
-  void CloseHandle();
 
-  NetManager* const manager_;
-  const std::shared_ptr<platform::WakeSet> event_;
-
-  // Not tracked: it is held as long as a receiver takes. Recursive: a callback may close the
-  // socket.
-  std::recursive_mutex deliveryMutex_;
-
-  TrackedRecursiveMutex sockMutex_{L"UdpSock::_SockMutex"};
   UdpSockInfo info_;
-  platform::Socket socket_;
 };
 
 }  // namespace Network

@@ -171,7 +171,7 @@ TEST(JsonMsg, TextThatCannotBeConvertedIsAFailure) {
 TEST(JsonMsg, AMessageThatCannotBeWrittenSaysSo) {
   struct Hole : JsonMsg {
     Hole() : JsonMsg(L"hole") {}
-    ErrInfo Serialize(JSON::Value& out) const override {
+    ErrInfo Serialize(JSON::Value& out) override {
       out.ItemForWrite(L"hole").AtForWrite(1).SetInt(1);
       return JsonMsg::Serialize(out);
     }

@@ -6,6 +6,7 @@
 
 #include "control/JsonMsgs.h"
 #include "support/CapturedLog.h"
+#include "support/MessageList.h"
 
 using namespace Network;
 
@@ -118,45 +119,28 @@ TEST(JsonMsgs, FieldsBearTheNamesOfTheirKeys) {
 
 // Each required key in turn is left out, and then holds what its field can't take.
 TEST(JsonMsgs, ARequiredKeyMustBeThereAndOfItsType) {
-  const struct {
-    const char* name;
-    std::vector<std::pair<const char*, const char*>> keys;  // with a good value
-  } table[] = {
-      {"ack", {{"ack_msg_id", "1"}}},
-      {"attach", {{"leader_id", "1"}, {"seg_count", "1"}, {"seg_number", "0"}}},
-      {"dev_info",
-       {{"unit_id", "\"a\""},
-        {"unit_type", "\"b\""},
-        {"hardware", "1"},
-        {"firmware", "1"},
-        {"software", "1"},
-        {"audio_protocol", "1"},
-        {"control_protocol", "1"},
-        {"rtp_port", "1"},
-        {"inputs", "1"},
-        {"outputs", "1"}}},
-      {"set_state", {{"device_freq", "1"}}},
-      {"state", {{"device_freq", "1"}, {"input_freq", "1"}}},
-      {"error", {{"code", "1"}, {"txt", "\"\""}, {"err_msg_id", "1"}}},
-  };
-  for (const auto& [name, keys] : table) {
-    const auto decode = [&](size_t special, const char* value) {
-      std::string text = "{\"msg\":\"" + std::string(name) + "\",\"msg_id\":1";
-      for (size_t i = 0; i < keys.size(); ++i) {
-        const char* chosen = i == special ? value : keys[i].second;
-        if (chosen) text += ",\"" + std::string(keys[i].first) + "\":" + chosen;
-      }
-      return Decode(text + "}");
-    };
-    ASSERT_NE(decode(keys.size(), nullptr), nullptr) << name;
-    for (size_t i = 0; i < keys.size(); ++i) {
-      EXPECT_EQ(decode(i, nullptr), nullptr) << name << " without " << keys[i].first;
-      for (const char* bad : {"null", "true", "1.0", "-1", "4294967296", "[]", "{}"})
-        EXPECT_EQ(decode(i, bad), nullptr) << name << " " << keys[i].first << " " << bad;
-      const char* otherKind = *keys[i].second == '"' ? "1" : "\"1\"";
-      EXPECT_EQ(decode(i, otherKind), nullptr) << name << " " << keys[i].first;
+  const std::vector<MessageField> fields = MessageFields();
+  const auto decode = [&](const std::string& name, const std::string& key, const char* value) {
+    std::string text = "{\"msg\":\"" + name + "\",\"msg_id\":1";
+    for (const MessageField& field : fields) {
+      if (field.message != name || !field.required) continue;
+      const char* good = field.type == "text" ? "\"a\"" : "1";
+      const char* chosen = field.key == key ? value : good;
+      if (chosen) text += ",\"" + field.key + "\":" + chosen;
     }
+    return Decode(text + "}");
+  };
+  size_t tried = 0;
+  for (const auto& [name, key, type, required] : fields) {
+    EXPECT_NE(decode(name, "none", nullptr), nullptr) << name;
+    if (!required) continue;
+    ++tried;
+    EXPECT_EQ(decode(name, key, nullptr), nullptr) << name << " without " << key;
+    const char* otherKind = type == "text" ? "1" : "\"1\"";
+    for (const char* bad : {"null", "true", "1.0", "-1", "4294967296", "[]", "{}", otherKind})
+      EXPECT_EQ(decode(name, key, bad), nullptr) << name << " " << key << " " << bad;
   }
+  EXPECT_EQ(tried, 20u);
 }
 
 TEST(JsonMsgs, ArraysMayLackButNotBeSomethingElse) {

@@ -121,7 +121,7 @@ TEST_F(CtlTest, AnInterruptedCommandGivesTheInputBack) {
     const auto deadline = Clock::now() + kPatience;
     while (Destination("tuner-b", 0) == "127.0.0.1:9001" && Clock::now() < deadline) {
     }
-    child.Send(Process::Signal::Interrupt);
+    Interrupt(child.Id());
     EXPECT_EQ(child.WaitExit(), status) << child.ErrorOutput();
     EXPECT_EQ(Destination("tuner-b", 0), "127.0.0.1:9001") << arguments.front();
   }
@@ -158,7 +158,7 @@ TEST_F(CtlTest, RelayCarriesRequestsAndTellsWhatItDid) {
   const Result info = Ctl({"info", here, "--json"});
   ASSERT_EQ(info.status, 0) << info.err;
   EXPECT_EQ(info.Objects().at(0)["unit_id"].string, "studio-a");
-  relay.Send(Process::Signal::Terminate);
+  Terminate(relay.Id());
   EXPECT_EQ(relay.WaitExit(), 0) << relay.ErrorOutput();
   const std::vector<Json> lines = ResultOf(relay).Objects();
   ASSERT_EQ(lines.size(), 3u);  // ready, there, back
@@ -204,7 +204,7 @@ TEST(CtlUp, RunsUntilCtrlCAndStopsItsEmulator) {
   ASSERT_TRUE(line);
   const std::string control = line->text.substr(line->text.find('=') + 1);
   EXPECT_EQ(Ctl({"info", control}).status, 0);
-  up.Send(Process::Signal::Interrupt);
+  Interrupt(up.Id());
   EXPECT_EQ(up.WaitExit(), 0) << up.ErrorOutput();
   EXPECT_EQ(Ctl({"info", control, "--timeout", "500"}).status, 3);
 }

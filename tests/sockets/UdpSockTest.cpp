@@ -117,7 +117,7 @@ TEST_F(UdpSock, SendsWithoutBeingBound) {
   UdpRecorder recorder;
   auto target = OpenUdp(kPort, &recorder);
   UdpRecorder neverUsed;
-  auto sock = std::make_shared<Network::UdpSock>(manager.get());
+  auto sock = std::make_shared<Network::UdpSock>(manager->Home());
   UdpSockInfo info;
   info.Receiver = &neverUsed;
   ASSERT_EQ(FailureOf(sock->Open(info)).text, L"");

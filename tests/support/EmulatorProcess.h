@@ -78,7 +78,7 @@ class EmulatorProcess {
 
   // For what the rules above don't fit: kills the run, checks nothing.
   void Abandon() {
-    child_->Send(Process::Signal::Kill);
+    child_->Kill();
     running_ = false;
   }
 

@@ -1,17 +1,21 @@
 // A child process that a test drives: its standard input is a pipe that stays open, its output is
-// kept as lines with the time at which each arrived. Threads of its own read the output and wait
-// for the end; every function may be called from any thread.
+// kept as lines with the time at which each arrived, by threads that read it as it comes. The
+// functions belong to the test's own thread.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
+
+#include "platform/child.h"
 
 class Process {
  public:
@@ -24,18 +28,11 @@ class Process {
   };
 
   struct Options {
-    std::vector<std::string> arguments = {};  // behind the program's name
-    std::vector<std::pair<std::string, std::string>> environment =
-        {};  // replaces or adds variables
-    // The child starts without the descriptor, as under `<&-` and `>&-` of a shell.
-    bool withoutInput = false;
-    bool withoutOutput = false;
-    // Gets the child's output as it comes, on a thread of the reader's own; then nothing of it is
-    // kept here.
+    std::vector<std::string> arguments = {};                            // after the program's name
+    std::vector<std::pair<std::string, std::string>> environment = {};  // added or replaced
+    // Gets the child's output as it comes, on a thread of its own; then nothing of it is kept.
     std::function<void(std::string_view)> takeOutput = {};
   };
-
-  enum class Signal { Interrupt, Terminate, Kill, Suspend, Resume };
 
   static constexpr auto kPatience = std::chrono::seconds(30);
 
@@ -48,13 +45,16 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   // False once the child no longer reads.
-  bool Write(std::string_view bytes);
-  void CloseInput();
+  bool Write(std::string_view bytes) { return child_.WriteInput(bytes); }
+  void CloseInput() { child_.CloseInput(); }
 
-  // Closes the reading end of the child's output: what it writes from now on fails.
+  // Closes the reading end of the child's output after the next bytes that come from there: what
+  // the child writes then fails.
   void StopReading();
 
-  void Send(Signal signal);
+  void Kill() { child_.Kill(); }
+  bool HasEnded() { return child_.Wait(0).has_value(); }
+  int Id() const { return child_.Id(); }
 
   // The first line from line number `from` on that holds `part`. Empty if the output ends or the
   // time runs out before.
@@ -65,15 +65,27 @@ class Process {
   // output is in. Empty if the child doesn't end in time.
   std::optional<int> WaitExit(Clock::duration patience = kPatience);
 
-  bool HasEnded() const;
-  int Id() const;
-
   // The lines so far, without the empty ones; the output as bytes; the error output.
   std::vector<Line> Lines() const;
   std::string Output() const;
   std::string ErrorOutput() const;
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  void ReadOutput();
+  void ReadErrors();
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::function<void(std::string_view)> takeOutput_;
+  std::vector<Line> lines_;
+  std::string output_;
+  std::string errors_;
+  size_t lineBegin_ = 0;  // in `output_`, of the line that is still incomplete
+  bool stopReading_ = false;
+  bool outputEnded_ = false;
+  bool errorsEnded_ = false;
+
+  platform::Child child_;
+  std::thread outputReader_;
+  std::thread errorsReader_;
 };

@@ -7,6 +7,14 @@
 // A number that no other process has now, for addresses and names of a test's own.
 int OwnProcessId();
 
+// Makes this program one that starts children as a shell at a terminal does: a child that has gone
+// makes writing to it fail, and what this program's own starter ignores isn't ignored there.
+void PrepareForChildren();
+
+// Ctrl-C for that process, and what asks it to end. Windows has Ctrl-Break for both.
+void Interrupt(int processId);
+void Terminate(int processId);
+
 // Whether this is a Windows program on Wine.
 bool UnderWine();
 

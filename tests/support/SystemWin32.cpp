@@ -8,6 +8,16 @@ int OwnProcessId() {
   return static_cast<int>(GetCurrentProcessId());
 }
 
+void PrepareForChildren() {}
+
+void Interrupt(int processId) {
+  GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, static_cast<DWORD>(processId));
+}
+
+void Terminate(int processId) {
+  Interrupt(processId);
+}
+
 // As Wine's developers advise for programs that have to know.
 bool UnderWine() {
   return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;

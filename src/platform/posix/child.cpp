@@ -22,6 +22,16 @@ void CloseIfOpen(int& descriptor) {
   descriptor = -1;
 }
 
+// Waits for bytes. Empty at the end of them.
+std::string ReadSome(int descriptor) {
+  char buffer[4096];
+  ssize_t got = 0;
+  do {
+    got = read(descriptor, buffer, sizeof(buffer));
+  } while (got < 0 && errno == EINTR);
+  return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : std::string();
+}
+
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   for (std::string& text : texts)
@@ -63,7 +73,8 @@ struct Child::Impl {
   pid_t pid = -1;
   int handle = -1;  // pidfd: readable once the child has ended
   int input = -1;   // writing end of the child's standard input
-  int output = -1;  // reading end of its standard output
+  int output = -1;  // reading ends of its standard output
+  int errors = -1;  // and its standard error
   std::optional<int> status;
 };
 
@@ -73,16 +84,19 @@ Child::~Child() {
   Kill();
   CloseIfOpen(impl_->input);
   CloseIfOpen(impl_->output);
+  CloseIfOpen(impl_->errors);
   CloseIfOpen(impl_->handle);
 }
 
 uint32_t Child::Start(const ChildOptions& options) {
   int input[2] = {-1, -1};
   int output[2] = {-1, -1};
-  if (options.piped && (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0)) {
+  int errors[2] = {-1, -1};
+  if (options.piped && (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0 ||
+                        (options.errorsPiped && pipe2(errors, O_CLOEXEC) != 0))) {
     const int error = errno;
-    CloseIfOpen(input[0]);
-    CloseIfOpen(input[1]);
+    for (int* end : {&input[0], &input[1], &output[0], &output[1]})
+      CloseIfOpen(*end);
     return static_cast<uint32_t>(error);
   }
   posix_spawn_file_actions_t actions;
@@ -92,6 +106,7 @@ uint32_t Child::Start(const ChildOptions& options) {
   if (options.piped) {
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+    if (options.errorsPiped) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
   }
   if (options.outputToError) {
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
@@ -106,8 +121,10 @@ uint32_t Child::Start(const ChildOptions& options) {
   posix_spawn_file_actions_destroy(&actions);
   CloseIfOpen(input[0]);
   CloseIfOpen(output[1]);
+  CloseIfOpen(errors[1]);
   impl_->input = input[1];
   impl_->output = output[0];
+  impl_->errors = errors[0];
   if (error != 0) {
     impl_->pid = -1;
     return static_cast<uint32_t>(error);
@@ -131,12 +148,19 @@ void Child::CloseInput() {
 }
 
 std::string Child::ReadOutput() {
-  char buffer[4096];
-  ssize_t got = 0;
-  do {
-    got = read(impl_->output, buffer, sizeof(buffer));
-  } while (got < 0 && errno == EINTR);
-  return got > 0 ? std::string(buffer, static_cast<size_t>(got)) : std::string();
+  return ReadSome(impl_->output);
+}
+
+std::string Child::ReadErrors() {
+  return ReadSome(impl_->errors);
+}
+
+void Child::CloseOutput() {
+  CloseIfOpen(impl_->output);
+}
+
+int Child::Id() const {
+  return impl_->pid;
 }
 
 std::optional<int> Child::Wait(uint32_t milliseconds) {

@@ -12,6 +12,14 @@ void CloseIfOpen(HANDLE& handle) {
   handle = nullptr;
 }
 
+// Waits for bytes. Empty at the end of them.
+std::string ReadSome(HANDLE handle) {
+  char buffer[4096];
+  DWORD got = 0;
+  if (!ReadFile(handle, buffer, sizeof(buffer), &got, nullptr)) return {};
+  return std::string(buffer, got);
+}
+
 // One argument as the C library of the child takes it apart again (documented with
 // CommandLineToArgvW): quotes and the backslashes in front of them are escaped.
 std::wstring Quoted(const std::string& argument) {
@@ -50,7 +58,8 @@ struct Child::Impl {
   HANDLE process = nullptr;
   DWORD id = 0;
   HANDLE input = nullptr;   // writing end of the child's standard input
-  HANDLE output = nullptr;  // reading end of its standard output
+  HANDLE output = nullptr;  // reading ends of its standard output
+  HANDLE errors = nullptr;  // and its standard error
   std::optional<int> status;
 };
 
@@ -60,6 +69,7 @@ Child::~Child() {
   Kill();
   CloseIfOpen(impl_->input);
   CloseIfOpen(impl_->output);
+  CloseIfOpen(impl_->errors);
   CloseIfOpen(impl_->process);
 }
 
@@ -68,18 +78,24 @@ uint32_t Child::Start(const ChildOptions& options) {
   startup.cb = sizeof(startup);
   HANDLE childInput = nullptr;
   HANDLE childOutput = nullptr;
+  HANDLE childErrors = nullptr;
   if (options.piped) {
     SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     if (!CreatePipe(&childInput, &impl_->input, &inherited, 0) ||
-        !CreatePipe(&impl_->output, &childOutput, &inherited, 0)) {
-      return GetLastError();
+        !CreatePipe(&impl_->output, &childOutput, &inherited, 0) ||
+        (options.errorsPiped && !CreatePipe(&impl_->errors, &childErrors, &inherited, 0))) {
+      const DWORD error = GetLastError();
+      CloseIfOpen(childInput);
+      CloseIfOpen(childOutput);
+      return error;
     }
+    if (impl_->errors) SetHandleInformation(impl_->errors, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(impl_->input, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(impl_->output, HANDLE_FLAG_INHERIT, 0);
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = childInput;
     startup.hStdOutput = childOutput;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdError = childErrors ? childErrors : GetStdHandle(STD_ERROR_HANDLE);
   }
   if (options.outputToError) {
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -100,6 +116,7 @@ uint32_t Child::Start(const ChildOptions& options) {
   const DWORD error = ok ? 0 : GetLastError();
   CloseIfOpen(childInput);
   CloseIfOpen(childOutput);
+  CloseIfOpen(childErrors);
   if (error != 0) return error;
   CloseHandle(started.hThread);
   impl_->process = started.hProcess;
@@ -118,10 +135,19 @@ void Child::CloseInput() {
 }
 
 std::string Child::ReadOutput() {
-  char buffer[4096];
-  DWORD got = 0;
-  if (!ReadFile(impl_->output, buffer, sizeof(buffer), &got, nullptr)) return {};
-  return std::string(buffer, got);
+  return ReadSome(impl_->output);
+}
+
+std::string Child::ReadErrors() {
+  return ReadSome(impl_->errors);
+}
+
+void Child::CloseOutput() {
+  CloseIfOpen(impl_->output);
+}
+
+int Child::Id() const {
+  return static_cast<int>(impl_->id);
 }
 
 std::optional<int> Child::Wait(uint32_t milliseconds) {
