@@ -1,7 +1,10 @@
 // The acknowledged connection as a script of datagrams, sends, passes of its thread and restarts.
 // Beside it stands the protocol written another way, which says of each pass what has to go out,
 // of each datagram what answers it, and in the end what the user had to be told.
+#include <algorithm>
 #include <deque>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <optional>
 #include <tuple>
@@ -27,6 +30,7 @@ constexpr int kMaxSends = 40;
 constexpr int kTransmissions = 5;
 constexpr int64_t kAckTimeoutMs = 50;
 constexpr size_t kSegmentSize = 1300;
+constexpr const wchar_t* kPeers[] = {L"10.4.5.6:7", L"10.1.2.3:4567", L"10.1.2.3:4568"};
 
 // Messages that came up: number, attachment and sender.
 using Delivered = std::vector<std::tuple<uint32_t, Bytes, std::wstring>>;
@@ -95,34 +99,38 @@ class ReceiveModel {
   std::optional<Half> half_;
 };
 
-// The sending side: the datagrams that are still to go, the first of them perhaps on its way.
+// The sending side: the messages that wait, in the order in which they came, and the one that is
+// being sent.
 class SendModel {
  public:
-  void Send(uint32_t leader, size_t attachment) {
+  void Send(uint32_t leader, size_t attachment, const std::wstring& to) {
     const size_t segments =
         attachment > kSegmentSize ? (attachment + kSegmentSize - 1) / kSegmentSize : 0;
-    rows_.push_back({leader, attachment, segments == 0 ? attachment : 0, 0, segments, leader});
+    Message message{
+        leader, to, {{attachment, segments == 0 ? attachment : 0, 0, segments, leader}}};
     for (size_t i = 0; i < segments; ++i) {
       const size_t size = std::min(kSegmentSize, attachment - i * kSegmentSize);
-      rows_.push_back({leader, size, size, i, segments, std::nullopt});
+      message.rows.push_back({size, size, i, segments, std::nullopt});
     }
+    waiting_.push_back(message);
   }
 
   // What a pass has sent, null for nothing, is what it had to send.
-  void Pass(int64_t nowMs, const JsonMsg* out) {
+  void Pass(int64_t nowMs, const JsonMsg* out, const std::wstring& to) {
     if (transmissions_ > 0 && nowMs - lastMs_ <= kAckTimeoutMs) {
       Require(!out, "nothing goes out while an acknowledgement may come");
     } else if (transmissions_ > 0 && left_ == 0) {
       Require(!out, "nothing goes out in the pass that gives up");
       ++givenUp;
-      const uint32_t leader = rows_.front().leader;
-      while (!rows_.empty() && rows_.front().leader == leader)
-        rows_.pop_front();
+      standing_[current_->to] = kLetOneRunOut;
+      current_.reset();
       transmissions_ = 0;
-    } else if (rows_.empty()) {
+    } else if (!current_ && waiting_.empty()) {
       Require(!out, "nothing goes out that wasn't sent");
     } else {
       Require(out != nullptr, "what waits goes out");
+      if (!current_) Choose();
+      Require(to == current_->to, "a message goes where it belongs, in its turn");
       RequireNext(*out);
       if (transmissions_ == 0) left_ = kTransmissions;
       if (transmissions_++ > 0) ++repeats;
@@ -133,7 +141,7 @@ class SendModel {
 
   // The number of the datagram on its way.
   std::optional<uint32_t> Current() const {
-    return transmissions_ > 0 ? rows_.front().id : std::nullopt;
+    return transmissions_ > 0 ? current_->rows.front().id : std::nullopt;
   }
 
   void Ack(uint32_t id) {
@@ -142,9 +150,12 @@ class SendModel {
       return;
     }
     ++acknowledged;
-    const uint32_t leader = rows_.front().leader;
-    rows_.pop_front();
-    if (rows_.empty() || rows_.front().leader != leader) sent.push_back(leader);
+    standing_[current_->to] = kAcknowledges;
+    current_->rows.pop_front();
+    if (current_->rows.empty()) {
+      sent.push_back(current_->leader);
+      current_.reset();
+    }
     transmissions_ = 0;
   }
 
@@ -162,31 +173,49 @@ class SendModel {
   uint32_t strayAcks = 0;
 
  private:
+  enum Standing { kAcknowledges = -1, kUnknown, kLetOneRunOut };
+
+  // One datagram.
   struct Row {
-    uint32_t leader;
     size_t announced;
     size_t bytes;  // that travel with it
     size_t number;
     size_t segments;             // of the message
     std::optional<uint32_t> id;  // a segment's is known when it has gone out
   };
+  struct Message {
+    uint32_t leader;
+    std::wstring to;
+    std::deque<Row> rows;
+  };
+
+  // The first of those whose destination stands best.
+  void Choose() {
+    const auto best = std::min_element(
+        waiting_.begin(), waiting_.end(),
+        [this](const Message& a, const Message& b) { return standing_[a.to] < standing_[b.to]; });
+    current_ = *best;
+    waiting_.erase(best);
+  }
 
   void RequireNext(const JsonMsg& out) {
-    Row& row = rows_.front();
+    Row& row = current_->rows.front();
     if (!row.id) row.id = out.msg_id;
     Require(out.msg_id == row.id, "messages and segments keep their order");
     Require(out.att == row.bytes && out.attachment.size() == row.announced,
             "an attachment is announced, and its part travels");
     const auto* segment = dynamic_cast<const JsonMsgAtt*>(&out);
-    Require((segment != nullptr) == (row.id != row.leader), "segments follow their head");
+    Require((segment != nullptr) == (row.id != current_->leader), "segments follow their head");
     if (!segment) return;
-    Require(segment->leader_id == row.leader && segment->seg_number == row.number &&
+    Require(segment->leader_id == current_->leader && segment->seg_number == row.number &&
                 segment->seg_count == row.segments,
             "a segment tells its place");
   }
 
-  std::deque<Row> rows_;
-  int transmissions_ = 0;  // of the first; 0: it hasn't gone out
+  std::map<std::wstring, int> standing_;
+  std::vector<Message> waiting_;
+  std::optional<Message> current_;
+  int transmissions_ = 0;  // of its first datagram; 0: that hasn't gone out
   int left_ = 0;           // transmissions before it is given up
   int64_t lastMs_ = 0;
 };
@@ -246,7 +275,7 @@ class Duel {
     connect_.Pass();
     const auto out = TakeSent();
     Require(out.size() <= 1, "a pass sends one datagram at most");
-    sent_.Pass(nowMs_, out.empty() ? nullptr : out[0].get());
+    sent_.Pass(nowMs_, out.empty() ? nullptr : out[0].get(), sentTo_);
   }
 
   void Advance(uint32_t ms) {
@@ -261,7 +290,7 @@ class Duel {
     auto msg = std::make_shared<JsonMsgGetState>();
     msg->attachment.assign(attachment, 'a');
     Require(connect_.Send(msg, peer_).IsOk(), "there is room for what is sent");
-    sent_.Send(msg->msg_id, attachment);
+    sent_.Send(msg->msg_id, attachment, peer_.ToText());
   }
 
   void Restart() {
@@ -291,6 +320,7 @@ class Duel {
     for (const SentDatagram& datagram : net_.LastSock()->Sent()) {
       messages.push_back(Decode(datagram.bytes));
       Require(messages.back() != nullptr, "what goes out can be read");
+      sentTo_ = datagram.to.ToText();
     }
     net_.LastSock()->ClearSent();
     return messages;
@@ -316,6 +346,7 @@ class Duel {
   ReceiveModel received_;
   SendModel sent_;
   Bytes latest_;
+  std::wstring sentTo_;  // of the latest that was taken
   size_t unreadable_ = 0;
   int sends_ = 0;
 };
@@ -355,7 +386,7 @@ void Step(Duel& duel, Input& input) {
       duel.Send(input.U16() % 4000);
       break;
     case 7:
-      duel.SetPeer(Addr(input.U8() % 2 ? L"10.1.2.3:4567" : L"10.4.5.6:7"));
+      duel.SetPeer(Addr(kPeers[input.U8() % std::size(kPeers)]));
       break;
     case 8:
       duel.Restart();

@@ -61,8 +61,8 @@ class IJsonUdpManager {
   // One datagram, one try: to `to` if that is defined, else to the default destination.
   virtual ErrInfo SendDirect(const std::shared_ptr<JsonMsg>& msg, const NetAddr& to) = 0;
 
-  // `name` stands in the log lines. The caller owns the object, which must not outlive its last
-  // use of `netManager` but may outlive the manager itself once stopped.
+  // `name` stands in the log lines. The caller owns the object. `netManager` lives at every call
+  // but the destructor.
   static IJsonUdpManager* Create(const std::wstring& name, INetManager* netManager);
 };
 
@@ -70,7 +70,9 @@ class IJsonUdpConnect : public IJsonUdpManager {
  public:
   // Queues a message, which is then repeated until the peer acknowledges it or five transmissions
   // are over. Never waits. Takes the message over: its attachment is cut into segments when it is
-  // longer than one datagram. Fails when 65,536 datagrams wait already.
+  // longer than one datagram. Destinations that acknowledge are served first. Fails, and leaves the
+  // attachment, when 256 datagrams wait for `to` already, or 4,096 in all; in the latter case
+  // messages to destinations that acknowledge less well make room first.
   virtual ErrInfo Send(const std::shared_ptr<JsonMsg>& msg, const NetAddr& to) = 0;
 
   static IJsonUdpConnect* Create(const std::wstring& name, INetManager* netManager);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 #include "platform/text.h"
 #include "runtime/Format.h"
@@ -39,26 +40,28 @@ ErrInfo JsonMsg::Serialize(JSON::Value& out) {
 
 ErrInfo JsonMsg::Deserialize(const JSON::Value& in) {
   msg_id = in.Item(L"msg_id").AsUInt();
-  const JSON::Value* announced = in.Find(L"att");
-  att = announced ? announced->AsUInt() : 0;
+  const JSON::Value* size = in.Find(L"att");
+  att = size ? size->AsUInt() : 0;
   return ERR_HERE("Network::JsonMsg::Deserialize");
 }
 
-ErrInfo JsonMsg::ToPacket(Packet& packet) const {
+ErrInfo JsonMsg::ToPacket(Packet& packet, std::wstring* text) const {
   ErrInfo err = ERR_HERE("Network::JsonMsg::ToPacket");
   try {
     JSON::Value root;
     ErrInfo serialized = ToTree(*this, root);
     if (!serialized.IsOk()) return serialized;
-    const std::string text = WideToUtf8(root.ToWString());
-    if (text.empty()) return err.SetText(L"Can not deserialize msg");
-    const size_t head = text.size() + 1;
+    std::wstring wide = root.ToWString();
+    const std::string utf8 = WideToUtf8(wide);
+    if (utf8.empty()) return err.SetText(L"Can not deserialize msg");
+    const size_t head = utf8.size() + 1;
     if (packet.Capacity() <= head + attachment.size()) {
       return err.SetText(L"Can not deserialize msg. Packet too small");
     }
     packet.Resize(head + attachment.size());
-    std::memcpy(packet.Data(), text.c_str(), head);
+    std::memcpy(packet.Data(), utf8.c_str(), head);
     std::copy(attachment.begin(), attachment.end(), packet.Data() + head);
+    if (text) *text = std::move(wide);
   } catch (const std::exception& error) {
     return err.SetText(error.what());
   }

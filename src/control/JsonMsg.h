@@ -12,8 +12,8 @@
 
 namespace Network {
 
-// An announced attachment beyond this makes a bad message: the announcement is a number from the
-// network, and its memory is taken before a byte of it has come.
+// Bytes. An announced attachment beyond this makes a bad message: the announcement is a number from
+// the network, and a connection holds what comes of it until it is whole.
 constexpr uint32_t kMaxAttachment = 1024 * 1024;
 
 struct JsonMsg {
@@ -38,8 +38,9 @@ struct JsonMsg {
   static void Fields(auto& /*self*/, auto&& /*field*/) {}
 
   // The whole datagram, into a packet whose capacity the caller has set: it takes at most one byte
-  // less than that. On failure the packet is as it was.
-  ErrInfo ToPacket(Packet& packet) const;
+  // less than that. On failure the packet is as it was. `text`, if given, receives the JSON text,
+  // as ToString gives it.
+  ErrInfo ToPacket(Packet& packet, std::wstring* text = nullptr) const;
 
   // The JSON text without the attachment.
   ErrInfo ToString(std::wstring& out) const;
@@ -48,15 +49,21 @@ struct JsonMsg {
   std::wstring ToString() const;
 
   // The message in a received datagram; the caller owns it. Null for anything that isn't a good
-  // message of one of the types in JsonMsgs.h; throws nothing.
+  // message of one of the types in JsonMsgs.h; throws nothing. Its attachment has the announced
+  // size, with zeros where bytes haven't come.
   static JsonMsg* FromPacket(const Packet& packet);
+
+  // The same, but the attachment holds only the bytes that have come: a datagram of 45 bytes can
+  // announce a megabyte.
+  static JsonMsg* FromPacketAsCame(const Packet& packet);
 
   std::wstring msg;     // type name, fixed by the concrete constructor
   uint32_t msg_id = 0;  // number of this message
   // Sending: the attachment bytes that the message announces. Received: how many leading bytes of
-  // `attachment`, which has the announced size, have really arrived.
+  // `attachment` have really arrived.
   uint64_t att = 0;
   std::vector<uint8_t> attachment;
+  uint64_t announced = 0;  // received: size of the whole attachment, bytes
 };
 
 }  // namespace Network

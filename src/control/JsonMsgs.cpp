@@ -110,14 +110,12 @@ std::unique_ptr<JsonMsg> MakeByName(const std::wstring& name, MessageTypes<Msg..
   return made;
 }
 
-// Gives the message the attachment that it announces, filled as far as bytes have come.
+// Gives the message as much of the attachment that it announces as has come.
 bool TakeAttachment(JsonMsg& msg, const uint8_t* bytes, size_t size) {
   if (msg.att > kMaxAttachment) return false;
-  const auto announced = static_cast<size_t>(msg.att);
-  msg.attachment.resize(announced);
-  const size_t here = std::min(announced, size);
-  std::copy(bytes, bytes + here, msg.attachment.begin());
-  msg.att = here;
+  msg.announced = msg.att;
+  msg.att = std::min<uint64_t>(msg.announced, size);
+  msg.attachment.assign(bytes, bytes + msg.att);
   return true;
 }
 
@@ -146,10 +144,20 @@ std::unique_ptr<JsonMsg> Decode(const Packet& packet) {
 
 }  // namespace
 
-// Stands here and not with the envelope, as it knows all messages.
-JsonMsg* JsonMsg::FromPacket(const Packet& packet) {
+// These two stand here and not with the envelope, as they know all messages.
+JsonMsg* JsonMsg::FromPacketAsCame(const Packet& packet) {
   try {
     return Decode(packet).release();
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+JsonMsg* JsonMsg::FromPacket(const Packet& packet) {
+  try {
+    std::unique_ptr<JsonMsg> msg = Decode(packet);
+    if (msg) msg->attachment.resize(static_cast<size_t>(msg->announced));
+    return msg.release();
   } catch (const std::exception&) {
     return nullptr;
   }

@@ -17,16 +17,19 @@ constexpr char kSourceFile[] = "src\\JsonUdpConnect";
 constexpr uint32_t kBusyWaitMs = 1;    // with a datagram on its way
 constexpr uint32_t kIdleWaitMs = 100;  // a lost wake-up costs this at most
 
+// Nobody is left to be told: the failure dies here, which writes it to the log. The thread goes on
+// also when there is no memory for that.
+void LogException(const char* what) noexcept {
+  try {
+    ERR_HERE("Network::JsonUdpConnect::Pass").SetText(what);
+  } catch (const std::exception&) {
+  }
+}
+
 }  // namespace
 
 IJsonUdpConnect* IJsonUdpConnect::Create(const std::wstring& name, INetManager* netManager) {
   return new JsonUdpConnect(name, netManager);
-}
-
-bool OutgoingMsg::IsLastOfMessage() const {
-  if (wire == leader && (leader->att == 0 || !leader->attachment.empty())) return true;
-  const auto* segment = dynamic_cast<const JsonMsgAtt*>(wire.get());
-  return segment && segment->seg_number == segment->seg_count - 1;
 }
 
 std::wstring JsonUdpStatistics::ToString() const {
@@ -102,18 +105,23 @@ ErrInfo JsonUdpConnect::SendDirect(const std::shared_ptr<JsonMsg>& msg, const Ne
 ErrInfo JsonUdpConnect::Send(const std::shared_ptr<JsonMsg>& msg, const NetAddr& to) {
   ErrInfo err = ERR_HERE("Network::JsonUdpConnect::Send");
   if (!msg) return err.SetText(L"No message to send");
-  const size_t waiting = sendQueue_.Size();
-  if (waiting >= kMaxWaiting) {
-    return err.SetText(Format(L"Send queue full: %d datagrams wait, message dropped", waiting));
-  }
   msg->att = msg->attachment.size();
-  if (msg->att <= segmentSize_) {
-    sendQueue_.Push({msg, msg, to});
-  } else {
-    const std::vector<OutgoingMsg> datagrams = CutIntoSegments(msg, to);
+  std::vector<OutgoingMsg> datagrams{{msg, msg, to}};
+  std::vector<uint8_t> cut;
+  if (msg->att > segmentSize_) {
+    datagrams = CutIntoSegments(msg, to);
     // The head announces the full length and carries no bytes.
-    msg->attachment.clear();
-    sendQueue_.PushAll(datagrams);
+    cut.swap(msg->attachment);
+  }
+  const SendQueue::PushResult pushed = sendQueue_.Push(std::move(datagrams));
+  for (const OutgoingMsg& dropped : pushed.dropped) {
+    ERR_HERE("Network::JsonUdpConnect::Send")
+        .SetText(Format(L"Send queue full: %s to %s dropped, which doesn't acknowledge",
+                        dropped.leader->msg, dropped.addr.ToText()));
+  }
+  if (pushed.full != 0) {
+    if (!cut.empty()) msg->attachment.swap(cut);
+    return err.SetText(Format(L"Send queue full: %d datagrams wait, message dropped", pushed.full));
   }
   wakeEvent_.Set();
   return err;
@@ -157,6 +165,9 @@ bool JsonUdpConnect::IsWaitingForAck() {
   return pending_.IsValid();
 }
 
+// Sends at most one datagram and delivers at most one message of each kind, each step in the order
+// in which a peer may have waited for it. What a step throws ends the pass, costs what that step
+// had taken, and is reported; the event that each delivery sets makes the next pass follow at once.
 void JsonUdpConnect::Pass() {
   try {
     try {
@@ -167,27 +178,23 @@ void JsonUdpConnect::Pass() {
     } catch (const std::exception& error) {
       SetError(error.what());
     }
+  } catch (const std::exception& error) {
+    LogException(error.what());  // of a receiver that failed again while it was told
   } catch (...) {
-    // The receiver failed again while it was told, or threw what has no text. The thread goes on.
+    LogException("Exception of an unknown type out of a receiver");
   }
 }
 
 // What is to go out in this pass, if anything. Throws when the datagram on its way is given up.
+//
+// One datagram is on its way at a time. While its acknowledgement may still come nothing goes out,
+// then its repeat, and after the last one its message ends as a failure; the next message goes out
+// in the next pass. An acknowledgement can come at any moment on the worker, so that each look at
+// pending_ and the change that follows it are one step under the lock.
 InternalMsg JsonUdpConnect::NextTransmission() {
-  std::shared_ptr<JsonMsg> failed;
   {
     std::lock_guard lock(stateMutex_);
-    if (pending_.IsValid()) {
-      const int64_t now = ClockTicks100ns();
-      if (now - lastSendTime_ <= ackTimeout_) return {};
-      if (attempts_ < repeatCount_) {
-        ++attempts_;
-        lastSendTime_ = now;
-        ++statistics_.RepeatMsgSent;
-        return {pending_.wire, pending_.addr};
-      }
-      failed = std::exchange(pending_, {}).wire;
-    } else {
+    if (!pending_.IsValid()) {
       OutgoingMsg next = sendQueue_.TryPop();
       if (!next.IsValid()) return {};
       // Set before the datagram goes out: its acknowledgement may arrive at once.
@@ -196,23 +203,20 @@ InternalMsg JsonUdpConnect::NextTransmission() {
       attempts_ = 1;
       return {pending_.wire, pending_.addr};
     }
+    const int64_t now = ClockTicks100ns();
+    if (now - lastSendTime_ <= ackTimeout_) return {};
+    if (attempts_ < repeatCount_) {
+      ++attempts_;
+      lastSendTime_ = now;
+      ++statistics_.RepeatMsgSent;
+      return {pending_.wire, pending_.addr};
+    }
+    sendQueue_.RanOut(std::exchange(pending_, {}).addr);
   }
-  DiscardSegmentsOf(*failed);
-  wakeEvent_.Set();  // the rest of this pass is skipped, and what it had to do mustn't wait
+  // The exception ends this pass, also for what has been received and acknowledged: that mustn't
+  // wait for the next time-out.
+  wakeEvent_.Set();
   throw std::runtime_error("Protocol error. No ack received");
-}
-
-void JsonUdpConnect::DiscardSegmentsOf(const JsonMsg& failed) {
-  const auto* failedSegment = dynamic_cast<const JsonMsgAtt*>(&failed);
-  const uint32_t leader = failedSegment ? failedSegment->leader_id : failed.msg_id;
-  for (;;) {
-    OutgoingMsg next = sendQueue_.TryPop();
-    if (!next.IsValid()) return;
-    const auto* segment = dynamic_cast<const JsonMsgAtt*>(next.wire.get());
-    if (segment && segment->leader_id == leader) continue;
-    sendQueue_.PushFront(std::move(next));
-    return;
-  }
 }
 
 void JsonUdpConnect::Transmit(const InternalMsg& transmit) {
@@ -259,9 +263,9 @@ void JsonUdpConnect::OnMsgReceived(IJsonUdpManager*, const std::shared_ptr<JsonM
   ErrInfo err = manager_->SendDirect(std::make_shared<JsonMsgAck>(msg->msg_id), from);
   if (!err.IsOk()) Report(err);
 
-  const bool duplicate = lastReceived_ && lastReceived_->msg_id == msg->msg_id;
+  const bool duplicate = lastReceived_ == msg->msg_id;
   if (!duplicate) {
-    lastReceived_ = msg;
+    lastReceived_ = msg->msg_id;
     Assemble(msg, from);
   }
   {
@@ -283,6 +287,7 @@ void JsonUdpConnect::OnAck(const JsonMsgAck& ack) {
     return;
   }
   if (pending_.IsLastOfMessage()) sentQueue_.Push(pending_.leader);
+  sendQueue_.Acknowledged(pending_.addr);
   pending_ = {};
   ++statistics_.MsgSent;
   const auto ms = static_cast<uint32_t>((ClockTicks100ns() - lastSendTime_) / 10'000);
@@ -301,30 +306,32 @@ void JsonUdpConnect::Assemble(const std::shared_ptr<JsonMsg>& msg, const NetAddr
     return;
   }
   if (segment) return;
-  if (msg->att < msg->attachment.size()) {
-    assembly_ = {msg, from};
-    nextSegment_ = 0;
-  } else {
+  if (msg->att == msg->announced) {
     receivedQueue_.Push({msg, from});
+    return;
   }
+  assembly_ = {msg, from};
+  msg->attachment.resize(static_cast<size_t>(msg->att));
+  nextSegment_ = 0;
 }
 
+// The memory of a message comes with its bytes: what it announces is only a number from the
+// network.
 void JsonUdpConnect::Append(const JsonMsgAtt& segment) {
   JsonMsg& held = *assembly_.msg;
-  const size_t size = segment.attachment.size();
-  const bool fits = segment.seg_number == nextSegment_ && segment.att == size &&
-                    size <= held.attachment.size() - held.att;
+  const bool fits = segment.seg_number == nextSegment_ && segment.att == segment.announced &&
+                    segment.att <= held.announced - held.att;
   if (!fits) {
     assembly_ = {};
     return;
   }
-  std::copy(segment.attachment.begin(), segment.attachment.end(),
-            held.attachment.begin() + static_cast<ptrdiff_t>(held.att));
-  held.att += size;
+  held.attachment.insert(held.attachment.end(), segment.attachment.begin(),
+                         segment.attachment.end());
+  held.att = held.attachment.size();
   if (++nextSegment_ < segment.seg_count) return;
 
   InternalMsg whole = std::exchange(assembly_, {});
-  if (whole.msg->att == whole.msg->attachment.size()) receivedQueue_.Push(std::move(whole));
+  if (whole.msg->att == whole.msg->announced) receivedQueue_.Push(std::move(whole));
 }
 
 }  // namespace Network

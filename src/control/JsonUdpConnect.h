@@ -9,10 +9,12 @@
 
 #include <atomic>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "control/IJsonUdp.h"
 #include "control/JsonMsgs.h"
+#include "control/SendQueue.h"
 #include "platform/event.h"
 #include "runtime/ConcurrentQueue.h"
 
@@ -24,18 +26,6 @@ struct InternalMsg {
   NetAddr addr;
 
   bool IsValid() const { return msg != nullptr; }
-};
-
-// One datagram to be sent reliably.
-struct OutgoingMsg {
-  std::shared_ptr<JsonMsg> leader;  // what Send was given
-  std::shared_ptr<JsonMsg> wire;    // what travels: the leader itself or one of its segments
-  NetAddr addr;
-
-  bool IsValid() const { return leader && wire; }
-
-  // With its acknowledgement the whole message has arrived.
-  bool IsLastOfMessage() const;
 };
 
 struct JsonUdpStatistics {
@@ -52,10 +42,6 @@ struct JsonUdpStatistics {
 
 class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
  public:
-  // Datagrams that may wait. A peer that asks and never acknowledges would fill memory otherwise.
-  // A message is taken whole or not at all, so a long one may go beyond.
-  static constexpr size_t kMaxWaiting = 65536;
-
   JsonUdpConnect(const std::wstring& name, INetManager* netManager);
   ~JsonUdpConnect() override;
   JsonUdpConnect(const JsonUdpConnect&) = delete;
@@ -91,7 +77,6 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   void Run();
   bool IsWaitingForAck();
   InternalMsg NextTransmission();
-  void DiscardSegmentsOf(const JsonMsg& failed);
   void Transmit(const InternalMsg& transmit);
   void DeliverSent();
   void DeliverReceived();
@@ -107,7 +92,7 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   JsonUdpInfo info_;  // fixed while started
   const std::shared_ptr<IJsonUdpManager> manager_;
 
-  ConcurrentQueue<OutgoingMsg> sendQueue_;
+  SendQueue sendQueue_;
   ConcurrentQueue<InternalMsg> receivedQueue_;
   ConcurrentQueue<std::shared_ptr<JsonMsg>> sentQueue_;
 
@@ -119,7 +104,7 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   uint32_t attempts_ = 0;  // transmissions of pending_; connection's thread only
 
   // Worker thread only.
-  std::shared_ptr<JsonMsg> lastReceived_;
+  std::optional<uint32_t> lastReceived_;  // number of the message last accepted
   InternalMsg assembly_;
   uint32_t nextSegment_ = 0;
 

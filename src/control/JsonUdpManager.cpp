@@ -83,7 +83,8 @@ ErrInfo JsonUdpManager::SendDirect(const std::shared_ptr<JsonMsg>& msg, const Ne
   if (info_.SendFilter && !info_.SendFilter->MaySend(this, msg)) return err;
 
   Packet packet(info_.MaxPacketSize);
-  ErrInfo rendered = msg->ToPacket(packet);
+  std::wstring text;
+  ErrInfo rendered = msg->ToPacket(packet, &text);
   if (!rendered.IsOk()) return rendered;
 
   const std::shared_ptr<IUdpSock> sock = Sock();
@@ -93,14 +94,14 @@ ErrInfo JsonUdpManager::SendDirect(const std::shared_ptr<JsonMsg>& msg, const Ne
   if (err.IsOk()) err = sock->Send(packet.Data(), packet.Size(), dest);
   if (err.IsOk()) {
     if (info_.Receiver) info_.Receiver->OnMsgSent(this, msg);
-    LogMsg(L"->", dest, *msg);
+    LogMsg(L"->", dest, *msg, text);
   }
   return err;
 }
 
 void JsonUdpManager::OnDatagramReceived(IUdpSock*, std::shared_ptr<Packet> packet,
                                         const NetAddr& from) {
-  const std::shared_ptr<JsonMsg> msg(JsonMsg::FromPacket(*packet));
+  const std::shared_ptr<JsonMsg> msg(JsonMsg::FromPacketAsCame(*packet));
   if (!msg) {
     if (!info_.Receiver) return;
     info_.Receiver->OnError(
@@ -108,7 +109,7 @@ void JsonUdpManager::OnDatagramReceived(IUdpSock*, std::shared_ptr<Packet> packe
         ERR_HERE("Network::JsonUdpManager::OnDatagramReceived").SetText(L"Bad message received"));
     return;
   }
-  LogMsg(L"<-", from, *msg);
+  LogMsg(L"<-", from, *msg, msg->ToString());
   if (info_.Receiver) info_.Receiver->OnMsgReceived(this, msg, from);
 }
 
@@ -116,10 +117,10 @@ void JsonUdpManager::OnError(IUdpSock*, ErrInfo err) {
   if (info_.Receiver) info_.Receiver->OnError(this, err);
 }
 
-void JsonUdpManager::LogMsg(const wchar_t* direction, const NetAddr& peer, const JsonMsg& msg) {
+void JsonUdpManager::LogMsg(const wchar_t* direction, const NetAddr& peer, const JsonMsg& msg,
+                            const std::wstring& text) {
   if (!log_) return;
-  log_->Write(Format(L"%s: MSG: %s (%s) %s : %s", name_, direction, peer.ToText(), msg.msg,
-                     msg.ToString()));
+  log_->Write(Format(L"%s: MSG: %s (%s) %s : %s", name_, direction, peer.ToText(), msg.msg, text));
 }
 
 }  // namespace Network

@@ -35,7 +35,8 @@ class JsonUdpManager final : public IJsonUdpManager, public IUdpReceiver {
 
  private:
   std::shared_ptr<IUdpSock> Sock();
-  void LogMsg(const wchar_t* direction, const NetAddr& peer, const JsonMsg& msg);
+  void LogMsg(const wchar_t* direction, const NetAddr& peer, const JsonMsg& msg,
+              const std::wstring& text);
 
   const std::wstring name_;
   INetManager* const netManager_;

@@ -55,6 +55,12 @@ class SimulatedNetwork {
     return 10'000;
   }
 
+  // From now on `count` others, of whom nobody acknowledges, ask the unit every `ms` milliseconds.
+  void AddDeadPeers(uint32_t count, int64_t ms) {
+    dead_ = count;
+    deadMs_ = ms;
+  }
+
   void RunIdle(int64_t ms) {
     for (int64_t t = 0; t < ms; ++t)
       Step();
@@ -90,6 +96,7 @@ class SimulatedNetwork {
   // One millisecond, with all that follows from one another in it.
   void Step() {
     clock_.AdvanceMs(1);
+    if (dead_ != 0 && ++ms_ % deadMs_ == 0) AskFromDeadPeers();
     for (int turn = 0; turn < 6; ++turn) {
       while (!underWay_.empty() && underWay_.top().time <= clock_.Counter()) {
         const UnderWay datagram = underWay_.top();
@@ -103,9 +110,18 @@ class SimulatedNetwork {
     }
   }
 
+  void AskFromDeadPeers() {
+    for (uint32_t i = 0; i < dead_; ++i) {
+      NetAddr from;
+      from.SetFromTextAndPort(L"10.0.1." + std::to_wstring(i), 4567);
+      unit_.net.LastSock()->Deliver(ToDatagram(JsonMsgSetState()), from);
+    }
+  }
+
   void TakeSent(Side& from, Side& to) {
     const auto sock = from.net.LastSock();
     for (const SentDatagram& datagram : sock->Sent()) {
+      if (datagram.to != to.addr) continue;
       for (const relay::Arrival& arrival : from.link.Next()) {
         UnderWay copy{clock_.Counter() + arrival.delay, ++order_, &to, from.addr, datagram.bytes};
         if (arrival.damage != 0)
@@ -121,6 +137,9 @@ class SimulatedNetwork {
   Side unit_;
   std::priority_queue<UnderWay, std::vector<UnderWay>, std::greater<>> underWay_;
   uint64_t order_ = 0;
+  uint32_t dead_ = 0;
+  int64_t deadMs_ = 1;
+  int64_t ms_ = 0;
 };
 
 // Weather and fine spells in turn. Each time the network heals, the next exchange takes less than a
@@ -175,6 +194,23 @@ TEST_P(BadNetwork, CorruptionPassesAndLeavesNothingBehind) {
   SimulatedNetwork network(RunSeed(), {.segments = true, .corrupted = true});
   RunThroughWeather(network, {loss, 10, 10, 20, 1, 20});
   ExpectNothingPilesUp(network);
+}
+
+// One dead peer that asks 1,000 times a second, and fifty that ask at once, again and again and
+// soon more than the queue holds. A controller that acknowledges is kept from its answer by the one
+// message on its way (250 ms), or by none.
+TEST(DeadPeers, DoNotKeepAnAcknowledgingControllerWaiting) {
+  for (const auto& [count, ms] : {std::pair<uint32_t, int64_t>{1, 1}, {50, 1000}, {50, 25}}) {
+    SCOPED_TRACE(count);
+    SimulatedNetwork network(RunSeed(), {.flooded = true});
+    Log().Allow(L"Send queue full");
+    EXPECT_LT(network.Exchange(), 10);
+    network.AddDeadPeers(count, ms);
+    for (int i = 0; i < 20; ++i) {
+      network.RunIdle(233);
+      EXPECT_LT(network.Exchange(), 300);
+    }
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Loss, BadNetwork, testing::Values(0, 10, 20, 30, 40),

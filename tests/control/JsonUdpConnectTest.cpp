@@ -40,6 +40,7 @@ TEST_F(Connection, SurvivesAThrowingUser) {
   user.onSent = [](const auto&) { throw std::runtime_error("handler failed"); };
   user.onError = [](const std::wstring&) { throw std::runtime_error("error handler failed"); };
   Log().Allow(L"handler failed");
+  Log().Allow(L"of an unknown type");
   Send(std::make_shared<JsonMsgGetState>());
   connect.Pass();
   Ack(Out()[0]->msg_id);
@@ -49,6 +50,8 @@ TEST_F(Connection, SurvivesAThrowingUser) {
   EXPECT_EQ(user.Sent().size(), 1U);
   EXPECT_EQ(user.Received().size(), 3U);
   EXPECT_EQ(Log().Count(L"handler failed: \x00E4 Method=Network::JsonUdpConnect::SetError"), 1U);
+  EXPECT_EQ(Log().Count(L"error handler failed Method=Network::JsonUdpConnect::Pass"), 2U);
+  EXPECT_EQ(Log().Count(L"of an unknown type out of a receiver"), 1U);
 }
 
 TEST_F(Connection, WithoutReceiverItAcknowledgesAndLogs) {

@@ -1,3 +1,5 @@
+#include <map>
+
 #include "control/ConnectionFixture.h"
 
 using namespace Network;
@@ -5,6 +7,13 @@ using namespace Network;
 namespace {
 
 using Sending = Connection;
+
+NetAddr HostAddr(size_t host) {
+  NetAddr addr;
+  addr.SetFromTextAndPort(
+      L"10.0." + std::to_wstring(host / 256) + L"." + std::to_wstring(host % 256), 1);
+  return addr;
+}
 
 TEST_F(Sending, TellsOnceWhenThePeerHasAcknowledged) {
   const auto msg = std::make_shared<JsonMsgGetState>();
@@ -158,13 +167,104 @@ TEST_F(Sending, RefusesNothingAndTooMuch) {
   EXPECT_FALSE(connect.Send(nullptr, peer).IsOk());
   EXPECT_NE(Log().TryTake(L"Method=Network::JsonUdpConnect::Send"), L"");
 
-  const auto msg = std::make_shared<JsonMsgGetState>();
-  for (size_t i = 0; i < JsonUdpConnect::kMaxWaiting; ++i)
-    ASSERT_TRUE(connect.Send(msg, peer).IsOk());
-  EXPECT_FALSE(connect.Send(msg, peer).IsOk());
+  // As many for one destination as may wait, and then for as many as may wait in all.
+  const auto send = [&](size_t host) {
+    return connect.Send(std::make_shared<JsonMsgGetState>(), HostAddr(host)).IsOk();
+  };
+  const size_t hosts = SendQueue::kMaxInAll / SendQueue::kMaxForOne;
+  for (size_t host = 0; host < hosts; ++host) {
+    for (size_t i = 0; i < SendQueue::kMaxForOne; ++i)
+      ASSERT_TRUE(send(host));
+    EXPECT_FALSE(send(host));
+    EXPECT_NE(Log().TryTake(L"Send queue full: 256 datagrams wait, message dropped"), L"");
+  }
+  EXPECT_FALSE(send(hosts));
+  EXPECT_NE(Log().TryTake(L"Send queue full: 4096 datagrams wait, message dropped"), L"");
+  const auto longOne = std::make_shared<JsonMsgGetState>();
+  longOne->attachment = PatternBytes(3000);
+  EXPECT_FALSE(connect.Send(longOne, peer).IsOk());
   EXPECT_NE(Log().TryTake(L"Send queue full"), L"");
+  EXPECT_EQ(longOne->attachment, PatternBytes(3000)) << "what is refused stays the sender's";
+
   connect.Pass();
-  EXPECT_TRUE(connect.Send(msg, peer).IsOk()) << "one has left the queue";
+  EXPECT_TRUE(send(hosts)) << "one has left the queue";
+  LoseAllAcks();
+  // Whoever lets messages run out makes room for the others, and only for them.
+  for (size_t host : {hosts, hosts + 1}) {
+    EXPECT_TRUE(send(host));
+    EXPECT_NE(Log().TryTake(L"Send queue full: get_state to 10.0.0.0:1 dropped"), L"");
+  }
+  EXPECT_FALSE(send(0));
+  EXPECT_NE(Log().TryTake(L"Send queue full: 4096 datagrams wait, message dropped"), L"");
+}
+
+// Who acknowledges comes first, then who isn't known, then who let a message run out; the rest goes
+// by the order of the sends, and a message that has begun is finished.
+TEST_F(Sending, WhoAcknowledgesIsServedFirst) {
+  enum { kDead, kGood, kNew };
+  std::vector<std::pair<size_t, size_t>> went;  // host, number of the message
+  std::map<uint32_t, size_t> numbers;
+  const auto send = [&](size_t host, size_t attachment = 0) {
+    auto msg = std::make_shared<JsonMsgGetState>();
+    msg->attachment = PatternBytes(attachment);
+    numbers[msg->msg_id] = numbers.size();
+    EXPECT_TRUE(connect.Send(msg, HostAddr(host)).IsOk());
+  };
+  const auto goOut = [&] {
+    const auto sentTo = [&] { return Sock().Sent().at(0).to; };
+    connect.Pass();
+    ASSERT_EQ(Sock().Sent().size(), 1U);
+    const NetAddr to = sentTo();
+    const auto msg = Out()[0];
+    const auto* segment = dynamic_cast<const JsonMsgAtt*>(msg.get());
+    const size_t host = to.Raw().address[3];
+    went.emplace_back(host, numbers.at(segment ? segment->leader_id : msg->msg_id));
+    if (host == kDead) {
+      LoseAllAcks();
+      Out();
+    } else {
+      Ack(msg->msg_id);
+    }
+  };
+  send(kDead);  // 0
+  send(kGood);  // 1
+  goOut();
+  goOut();
+  send(kDead);        // 2
+  send(kNew);         // 3
+  send(kDead);        // 4
+  send(kNew);         // 5
+  send(kGood, 2000);  // 6, with two segments
+  send(kGood);        // 7
+  goOut();            // 6 has begun
+  send(kGood);        // 8
+  for (int i = 0; i < 8; ++i)
+    goOut();
+  const std::vector<std::pair<size_t, size_t>> expected = {
+      {kDead, 0}, {kGood, 1}, {kGood, 6}, {kGood, 6}, {kGood, 6}, {kGood, 7},
+      {kGood, 8}, {kNew, 3},  {kNew, 5},  {kDead, 2}, {kDead, 4}};
+  EXPECT_EQ(went, expected);
+}
+
+// A unit that meets ever new destinations forgets the oldest, and takes them for new ones.
+TEST_F(Sending, ForgetsTheDestinationJudgedLongestAgo) {
+  const auto exchange = [&](size_t host, bool acknowledged) {
+    EXPECT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), HostAddr(host)).IsOk());
+    const auto out = PassOut();
+    if (acknowledged) {
+      Ack(out->msg_id);
+    } else {
+      LoseAllAcks();
+      Out();
+    }
+  };
+  exchange(0, false);
+  exchange(1, false);
+  for (size_t host = 2; host <= SendQueue::kMaxKnown; ++host)
+    exchange(host, true);
+  connect.Send(std::make_shared<JsonMsgGetState>(), HostAddr(1));
+  connect.Send(std::make_shared<JsonMsgGetInputs>(), HostAddr(0));
+  EXPECT_EQ(PassOut()->msg, L"get_inputs") << "0 is forgotten, 1 isn't";
 }
 
 TEST_F(Sending, CountsAndTimes) {

@@ -195,13 +195,15 @@ class Traffic {
   std::thread thread_;
 };
 
-TEST(ConnectionStress, DiesWhileTrafficRuns) {
+// Stop and the end of a connection come in the middle of traffic; after them nobody is called.
+TEST(ConnectionStress, StopsAndDiesWhileTrafficRuns) {
   Log().Allow(L"Bad socket");  // an acknowledgement in the moment of the end
   Log().Allow(L"send failed");
   Log().Allow(L"No ack received");  // on a slow machine
   FakeNetManager net;
   Traffic traffic(net);
   int round = 0;
+  int received = 0;
   for (Rounds rounds(2000); rounds.More(); ++round) {
     CountingReceiver user;
     {
@@ -210,42 +212,28 @@ TEST(ConnectionStress, DiesWhileTrafficRuns) {
       ASSERT_TRUE(connect.Start().IsOk());
       ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
       ASSERT_TRUE(traffic.WaitDeliveries(round % 7));
+      if (round % 2 == 0) {
+        connect.Stop();
+        user.stopped = true;
+        ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
+        user.stopped = false;
+        ASSERT_TRUE(connect.Start().IsOk());
+        ASSERT_TRUE(traffic.WaitDeliveries(round % 3));
+      }
     }
+    received += user.received;
     // Both are dead now; a delivery that comes all the same is a use of freed memory.
+    ASSERT_EQ(user.callsWhenStopped, 0) << "Stop returned too early";
   }
-}
-
-TEST(ConnectionStress, StopsWhileDatagramsAreDelivered) {
-  Log().Allow(L"Bad socket");
-  Log().Allow(L"send failed");
-  Log().Allow(L"No ack received");  // on a slow machine
-  FakeNetManager net;
-  CountingReceiver user;
-  JsonUdpConnect connect(L"unit", &net);
-  ASSERT_TRUE(connect.Init(InfoFor(&user)).IsOk());
-  ASSERT_TRUE(connect.Start().IsOk());
-  Traffic traffic(net);
-  int round = 0;
-  for (Rounds rounds(2000); rounds.More(); ++round) {
-    ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
-    ASSERT_TRUE(traffic.WaitDeliveries(round % 7));
-    connect.Stop();
-    user.stopped = true;
-    ASSERT_TRUE(connect.Send(std::make_shared<JsonMsgGetState>(), Addr(kPeer)).IsOk());
-    user.stopped = false;
-    ASSERT_TRUE(connect.Start().IsOk());
-  }
-  EXPECT_EQ(user.callsWhenStopped, 0) << "Stop returned too early";
-  EXPECT_GT(user.received, 0);
-  EXPECT_GT(user.sent, 0);
+  EXPECT_GT(received, 0);
 }
 
 // Each thread's messages go out in its order, each once, and no other datagram comes between the
 // pieces of one.
 TEST(ConnectionStress, TakesMessagesFromManyThreads) {
   constexpr uint32_t kThreads = 4;
-  constexpr uint32_t kMessages = 100;
-  ManualClock clock;  // stands still: nothing is repeated
+  constexpr uint32_t kMessages = 35;  // their datagrams have room in the queue
+  ManualClock clock;                  // stands still: nothing is repeated
   FakeNetManager net;
   CountingReceiver user;
   JsonUdpConnect connect(L"unit", &net);
