@@ -1,4 +1,4 @@
-// The clocks of the machine, behind one replaceable object so that logic can be tested with time
+// The clocks of the machine, as one replaceable object so that logic can be tested with time
 // moved by hand. Any thread.
 #pragma once
 
@@ -17,6 +17,8 @@ struct LocalTime {
   int minute = 0;
   int second = 0;  // 0 to 60
   int millisecond = 0;
+
+  bool operator==(const LocalTime&) const = default;
 };
 
 class Clock {

@@ -13,21 +13,19 @@ constexpr uint32_t kNoTranslation = 1113;  // a name that can't be converted to 
 
 // The numbers of the running system. Constant-initialised: usable before main.
 extern const uint32_t kFileNotFound;
-extern const uint32_t kPathNotFound;   // a missing directory; some systems give kFileNotFound
-extern const uint32_t kFileExists;     // a file that was to be new is there
-extern const uint32_t kAlreadyExists;  // told of a file that was there; or the target of a move is
-extern const uint32_t kAccessDenied;
-extern const uint32_t kBusy;           // somebody else writes the file
-extern const uint32_t kLocked;         // TryLock found the file locked
-extern const uint32_t kNotAFile;       // a directory, or something that would block a reader
+extern const uint32_t kPathNotFound;  // a missing directory; some systems give kFileNotFound
+extern const uint32_t kFileExists;    // a file that was to be new is there
+extern const uint32_t
+    kAlreadyExists;             // the file to be opened was there, or the target of a move is
+extern const uint32_t kBusy;    // somebody else writes the file
+extern const uint32_t kLocked;  // TryLock found the file locked
 extern const uint32_t kInvalidHandle;  // the file is closed
 extern const uint32_t kSocketClosed;   // the socket is
 extern const uint32_t kInvalidArgument;
 extern const uint32_t kNotSupported;
 
-extern const uint32_t kAddrInUse;   // the port is taken
-extern const uint32_t kMsgSize;     // a datagram too large for the network or the buffer
-extern const uint32_t kWouldBlock;  // a socket has nothing to give, or no room
+extern const uint32_t kAddrInUse;  // the port is taken
+extern const uint32_t kMsgSize;    // a datagram too large for the network or the buffer
 extern const uint32_t kConnRefused;
 
 }  // namespace platform

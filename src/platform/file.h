@@ -32,7 +32,7 @@ constexpr uint32_t kAttributeDevice = 0x40;  // no regular file and no directory
 constexpr uint32_t kAttributeNormal = 0x80;  // none of the others
 constexpr uint32_t kAttributeTemporary = 0x100;
 constexpr uint32_t kAttributeSparse = 0x200;
-constexpr uint32_t kAttributeLink = 0x400;  // the other bits then tell of its target
+constexpr uint32_t kAttributeLink = 0x400;  // the other bits are those of its target
 constexpr uint32_t kAttributeCompressed = 0x800;
 constexpr uint32_t kAttributeOffline = 0x1000;
 constexpr uint32_t kAttributeNotIndexed = 0x2000;
@@ -62,7 +62,7 @@ struct OpenOptions {
   bool ownerOnly = false;
 };
 
-// `existed`, which may be null, tells whether the file was there before.
+// `existed`, which may be null, becomes whether the file was there before.
 uint32_t FileOpen(const wchar_t* path, const OpenOptions& options, FileHandle* file, bool* existed);
 uint32_t FileClose(FileHandle file);
 
@@ -130,7 +130,8 @@ struct FileEntry {
 
 // Lists a directory: "." and ".." first where it has them, then the rest in no order. `search` is
 // the directory, a separator and "*.*", which stands for every name. ListNext gives kNoMoreFiles at
-// the end, and kNoTranslation for a name that isn't text; the call after that goes on behind it.
+// the end, and kNoTranslation for a name that isn't text; the call after that goes on with the
+// next.
 uint32_t ListOpen(const wchar_t* search, FileHandle* listing, FileEntry* first);
 uint32_t ListNext(FileHandle listing, FileEntry* entry);
 uint32_t ListClose(FileHandle listing);

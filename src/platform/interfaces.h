@@ -16,7 +16,7 @@ struct Interface {
   bool loopback = false;
 };
 
-// Empty when the system doesn't tell.
+// Empty when the system can't list them.
 std::vector<Interface> ListInterfaces();
 
 }  // namespace platform

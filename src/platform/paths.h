@@ -8,9 +8,10 @@ namespace platform {
 // What stands between the names of a path: '/' or '\'.
 wchar_t PathSeparator();
 
-// The full path of the running program's file; empty if the system doesn't tell it. What isn't
-// text in it becomes U+FFFD: this is called before anybody could catch an exception.
-std::wstring ModuleFile();
+// The full path of the file of the program or library that `module`, an address, belongs to, null
+// being the running program; empty if the system knows none. What isn't text in it becomes U+FFFD:
+// this is called before anybody could catch an exception.
+std::wstring ModuleFile(const void* module);
 
 // The directory for temporary files, ending in a separator; empty if the system names none.
 std::wstring TempDir();

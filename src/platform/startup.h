@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-// The program behind the system's own entry function (main.cpp in the system's folder); it gives
-// the exit status. Defined by each executable that uses that entry.
+// The program, as the system's own entry function calls it (main.cpp in the system's folder); it
+// gives the exit status. Defined by each executable that uses that entry.
 int ProgramMain();
 
 namespace platform {
@@ -20,14 +20,18 @@ void Startup();
 
 // Waits on the calling thread for one character on standard input, the end of input, or a signal
 // that asks the program to stop, whichever comes first. A signal that came before the call ends it
-// at once.
+// at once. What a terminal holds besides that character is dropped, the rest of its line first of
+// all. An input that can't be read is none, and so is a terminal as long as the program runs in its
+// background: only a signal ends the wait then.
 void WaitForInput();
 
 // Waits up to `milliseconds` for a signal that asks the program to stop; 0 only tests. True once
 // one has come.
 bool WaitForStop(uint32_t milliseconds);
 
-// Writes all bytes to standard output and flushes. A failure (closed pipe, full disk) is ignored.
+// Writes all bytes to standard output and flushes, however long it takes them. A failure (closed
+// pipe, full disk) is ignored. Holds nothing that the end of the process needs: a thread may stay
+// in here for ever.
 void WriteOutput(std::string_view bytes);
 
 // Gives the memory that the program has freed back to the system, as far as that can be had. May

@@ -22,8 +22,8 @@ bool IsSurrogate(char32_t unit) {
   throw std::range_error("bad conversion");
 }
 
-// Reads the code point at `pos` and moves `pos` behind it. On malformed input the result is kBad
-// and `pos` moves on by at least one byte, behind what can't be part of a good sequence.
+// Reads the code point at `pos` and moves `pos` past it. On malformed input the result is kBad and
+// `pos` moves on by at least one byte, past what can't be part of a good sequence.
 char32_t DecodeUtf8(std::string_view text, size_t& pos) {
   const auto byteAt = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
   const uint8_t lead = byteAt(pos++);

@@ -25,7 +25,7 @@ struct Root {
 Root FindRoot(const std::wstring& path, const PathStyle& style) {
   const auto isSeparator = [&](size_t i) { return i < path.size() && path[i] == style.separator; };
   if (style.drives && isSeparator(0) && isSeparator(1) && path.size() > 2) {
-    // A network path: the root ends behind the separator that follows the share's name.
+    // A network path, \\server\share\rest: the root ends with the separator after the share's name.
     size_t end = path.find(style.separator, 2);
     if (end != std::wstring::npos) end = path.find(style.separator, end + 1);
     return {end == std::wstring::npos ? path.size() : end + 1};
@@ -37,9 +37,11 @@ Root FindRoot(const std::wstring& path, const PathStyle& style) {
   return {.length = 0, .relative = true};
 }
 
-// Deletes the segments in [begin, end) with one separator: the one in front, or, where that belongs
-// to the root, the one behind. The first segment of a relative path goes alone. Returns where the
-// next segment begins.
+// Deletes the characters in [begin, end), which are whole segments, and one separator with them:
+// "\a\b\.." becomes "\a" and not "\a\". That is the separator before them, or, where that one
+// belongs to the root, the one after them ("\a\..\b" becomes "\b"). The first segment of a relative
+// path goes alone ("a\..\b" becomes "\b", whose separator the caller removes at the end). Returns
+// where the next segment begins.
 size_t DeleteSegments(std::wstring& path, size_t begin, size_t end, size_t root,
                       wchar_t separator) {
   size_t next = begin;
@@ -60,9 +62,9 @@ wchar_t GetPathSeparator() {
   return platform::PathSeparator();
 }
 
-std::wstring GetModulePath(bool withDirectory, bool withExtension) {
+std::wstring GetModulePath(bool withDirectory, bool withExtension, const void* module) {
   std::wstring path =
-      CutModulePath(platform::ModuleFile(), withDirectory, withExtension, NativeStyle());
+      CutModulePath(platform::ModuleFile(module), withDirectory, withExtension, NativeStyle());
   if (withDirectory) NormalizePath(path);
   return path;
 }

@@ -5,8 +5,10 @@
 
 wchar_t GetPathSeparator();
 
-// The path of the running program's file; what can't be converted to text is U+FFFD.
-std::wstring GetModulePath(bool withDirectory, bool withExtension);
+// The path of a module's file, or the part of it that is asked for; what can't be converted to text
+// is U+FFFD. `module` is an address in it, as its handle on Windows is; null is the running
+// program. Empty if no module is there.
+std::wstring GetModulePath(bool withDirectory, bool withExtension, const void* module = nullptr);
 
 // The directory for temporary files, ending in a separator; empty if the system names none.
 std::wstring GetTempDir();

@@ -12,22 +12,20 @@ namespace {
 
 using platform::Event;
 
-TEST(Event, AutoResetSignalsCountAsOneAndAreClearedByTheWait) {
+TEST(Event, SignalsCountAsOneAndStayOnlyWhereTheyAreResetByHand) {
   Event event(Event::Mode::AutoReset);
   EXPECT_FALSE(event.Wait(0));
   event.Set();
   event.Set();
   EXPECT_TRUE(event.Wait(0));
   EXPECT_FALSE(event.Wait(0));
-}
 
-TEST(Event, ManualResetStaysSignalled) {
-  Event event(Event::Mode::ManualReset);
-  event.Set();
-  EXPECT_TRUE(event.Wait(0));
-  EXPECT_TRUE(event.Wait(1000));
-  event.Reset();
-  EXPECT_FALSE(event.Wait(0));
+  Event manual(Event::Mode::ManualReset);
+  manual.Set();
+  EXPECT_TRUE(manual.Wait(0));
+  EXPECT_TRUE(manual.Wait(1000));
+  manual.Reset();
+  EXPECT_FALSE(manual.Wait(0));
 }
 
 TEST(Event, WaitLastsItsTimeAndNoShorter) {

@@ -1,5 +1,4 @@
 // What only a system with POSIX files can show.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +11,6 @@
 
 namespace {
 
-using platform::FileHandle;
-
 class FilePosix : public testing::Test {
  protected:
   TempDir dir_;
@@ -24,29 +21,6 @@ class FilePosix : public testing::Test {
 TEST_F(FilePosix, APathThatIsNoTextFails) {
   const wchar_t lone[] = {0xD800, 0};
   EXPECT_EQ(platform::PathRemove(lone), platform::kNoTranslation);
-}
-
-// A copied directory may hold names from another system; they must not hide the rest.
-TEST_F(FilePosix, AListingGoesOnBehindANameThatIsNoText) {
-  const std::string bad = dir_.File("\xFF").string();
-  close(open(bad.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-  dir_.Write("good", "");
-  dir_.Write("also", "");
-
-  FileHandle listing = platform::kNoFile;
-  platform::FileEntry entry;
-  ASSERT_EQ(platform::ListOpen((dir_.Wide() + L"/*.*").c_str(), &listing, &entry), 0u);
-  int untranslated = 0;
-  int named = 1;
-  for (;;) {
-    const uint32_t error = platform::ListNext(listing, &entry);
-    if (error == platform::kNoMoreFiles) break;
-    ASSERT_TRUE(error == 0 || error == platform::kNoTranslation);
-    ++(error == 0 ? named : untranslated);
-  }
-  platform::ListClose(listing);
-  EXPECT_EQ(untranslated, 1);
-  EXPECT_EQ(named, 4) << "with . and ..";
 }
 
 // The temporary directory and the home often stand on different volumes.

@@ -2,8 +2,11 @@
 // signals. A child ends itself by an alarm if it hangs.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/clock.h"
 #include "platform/startup.h"
 #include "platform/thread.h"
 
@@ -140,23 +144,13 @@ TEST(Startup, WaitOutlastsOtherSignals) {
   EXPECT_EQ(child.Wait(), 42);
 }
 
-TEST(Startup, SignalBeforeTheWaitEndsItAtOnce) {
+// As a script's background job; and where no descriptor is left.
+TEST(Startup, SignalsBeforeTheWaitEndItUnlessTheyWereIgnored) {
   Pipe input;
   const Child child([&] {
     dup2(input.Read(), STDIN_FILENO);
-    platform::Startup();
-    raise(SIGTERM);
-    platform::WaitForInput();
-    return 42;
-  });
-  EXPECT_EQ(child.Wait(), 42);
-}
-
-// As a script's background job.
-TEST(Startup, WhatWasIgnoredStaysIgnored) {
-  Pipe input;
-  const Child child([&] {
-    dup2(input.Read(), STDIN_FILENO);
+    const rlimit none{3, 3};
+    setrlimit(RLIMIT_NOFILE, &none);
     signal(SIGINT, SIG_IGN);
     signal(SIGTERM, SIG_IGN);
     platform::Startup();
@@ -164,7 +158,76 @@ TEST(Startup, WhatWasIgnoredStaysIgnored) {
     if (platform::WaitForStop(0)) return 1;
     raise(SIGTERM);
     platform::WaitForInput();
-    return 42;
+    return platform::WaitForStop(0) ? 42 : 2;
+  });
+  EXPECT_EQ(child.Wait(), 42);
+}
+
+// What nohup gives a program is open for writing alone. It is no input; it hasn't ended either.
+TEST(Startup, AnInputThatCannotBeReadEndsNothing) {
+  const Child child([] {
+    dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDIN_FILENO);
+    platform::Startup();
+    std::jthread late([] {
+      platform::SystemClock().Sleep(50);
+      kill(getpid(), SIGTERM);
+    });
+    platform::WaitForInput();
+    return platform::WaitForStop(0) ? 42 : 1;
+  });
+  EXPECT_EQ(child.Wait(), 42);
+}
+
+// A session on a terminal of its own, with the program as a job of it. What is typed for the shell
+// must not stop the program in the background, nor end it; once it is in the foreground a line ends
+// it, and the shell gets nothing of what was typed.
+TEST(Startup, InTheBackgroundTheTerminalIsTheShells) {
+  const Child session([] {
+    setsid();
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master == -1 || grantpt(master) != 0 || unlockpt(master) != 0) return 1;
+    const int terminal = open(ptsname(master), O_RDWR);  // becomes the session's
+    dup2(terminal, STDIN_FILENO);
+    signal(SIGTTOU, SIG_IGN);
+    if (write(master, "stop\nls\n", 8) != 8) return 2;
+
+    const pid_t job = fork();
+    if (job == 0) {
+      setpgid(0, 0);
+      platform::Startup();
+      platform::WaitForInput();
+      _exit(platform::WaitForStop(0) ? 1 : 42);
+    }
+    setpgid(job, job);
+    int status = 0;
+    for (int i = 0; i < 30; ++i) {  // long enough for the job to come to its wait
+      if (waitpid(job, &status, WNOHANG | WUNTRACED) != 0) return WIFSTOPPED(status) ? 3 : 4;
+      platform::SystemClock().Sleep(10);
+    }
+    tcsetpgrp(terminal, job);
+    waitpid(job, &status, 0);
+    tcsetpgrp(terminal, getpgrp());
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 42) return 5;
+    pollfd left{terminal, POLLIN, 0};
+    return poll(&left, 1, 0) == 0 ? 42 : 6;
+  });
+  EXPECT_EQ(session.Wait(), 42);
+}
+
+// Not the time of Greenwich: users compare it with their own clock.
+TEST(SystemClock, LocalTimeIsThatOfTheTimeZone) {
+  const Child child([] {
+    setenv("TZ", "TEST-05:30", 1);
+    tzset();
+    int minutes = -1;
+    // Times are cached, by the thread.
+    std::thread([&] {
+      const platform::LocalTime local = platform::SystemClock().Local();
+      minutes = local.hour * 60 + local.minute;
+    }).join();
+    const int64_t utc = platform::SystemClock().WallSeconds() / 60;
+    const int64_t ahead = (minutes - utc % 1440 + 1440) % 1440;
+    return ahead == 330 || ahead == 329 ? 42 : 1;  // between the two a minute may have begun
   });
   EXPECT_EQ(child.Wait(), 42);
 }

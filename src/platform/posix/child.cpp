@@ -88,6 +88,10 @@ Child::~Child() {
   CloseIfOpen(impl_->handle);
 }
 
+// posix_spawn and not fork: this program has threads, and a forked child of such a program may do
+// next to nothing before it executes another (POSIX, fork). The pipes' ends are closed by exec in
+// all children (O_CLOEXEC), but for the copies that become 0 and 1: a second child that kept the
+// writing end of the first one's input would keep that input from ending.
 uint32_t Child::Start(const ChildOptions& options) {
   int input[2] = {-1, -1};
   int output[2] = {-1, -1};
@@ -129,6 +133,7 @@ uint32_t Child::Start(const ChildOptions& options) {
     impl_->pid = -1;
     return static_cast<uint32_t>(error);
   }
+  // To wait for the end with a time limit, without SIGCHLD, which belongs to the whole process.
   impl_->handle = static_cast<int>(syscall(SYS_pidfd_open, impl_->pid, 0));
   return 0;
 }

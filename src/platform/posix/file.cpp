@@ -82,7 +82,7 @@ int OpenByDisposition(const char* path, int flags, mode_t mode, Disposition disp
   if (disposition == Disposition::OpenExisting || disposition == Disposition::TruncateExisting) {
     return OpenRetrying(path, flags, mode);
   }
-  // Only an exclusive creation tells for sure whether the file was there.
+  // Only an exclusive creation shows for sure whether the file was there.
   int fd = OpenRetrying(path, flags | O_CREAT | O_EXCL, mode);
   if (fd >= 0) {
     *existed = false;

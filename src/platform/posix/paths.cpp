@@ -1,5 +1,6 @@
 #include "platform/paths.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,7 +14,15 @@ wchar_t PathSeparator() {
   return L'/';
 }
 
-std::wstring ModuleFile() {
+std::wstring ModuleFile(const void* module) {
+  Dl_info library{};
+  Dl_info program{};
+  if (module != nullptr) {
+    if (dladdr(module, &library) == 0) return {};
+    // Of the program itself it knows no more than how it was called.
+    dladdr(reinterpret_cast<const void*>(&ModuleFile), &program);
+    if (library.dli_fbase != program.dli_fbase) return Utf8ToWideLossy(library.dli_fname);
+  }
   std::string path(256, '\0');
   for (;;) {
     const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());

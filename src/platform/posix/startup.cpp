@@ -6,16 +6,43 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
+#include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 namespace platform {
 
 namespace {
 
-int stopSignals = -1;  // signalfd of the signals that end the run; -1 before Startup
+// The signals that end the run are blocked in all threads but while one waits for them in ppoll,
+// which lets them in. That takes no descriptor, so it can't fail where they have run out.
+std::atomic<bool> stopAsked{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
+
+void OnStopSignal(int) {
+  stopAsked = true;
+}
+
+sigset_t stopSignals{};  // those that Startup has reserved; none before it
+
+void ReserveStopSignal(int number) {
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  if (sigaction(number, &action, nullptr) == 0) sigaddset(&stopSignals, number);
+}
+
+// What the calling thread has blocked, but for the signals that end the run.
+sigset_t MaskOfWait() {
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    if (sigismember(&stopSignals, number) == 1) sigdelset(&mask, number);
+  }
+  return mask;
+}
 
 void OpenIfClosed(int descriptor, int flags) {
   if (fcntl(descriptor, F_GETFD) != -1 || errno != EBADF) return;
@@ -46,47 +73,97 @@ void Startup() {
 
   RaiseDescriptorLimit();
 #ifdef __GLIBC__
-  // A large block goes back to the system as soon as it is freed. Left to itself the allocator
-  // takes the first such block for a habit and keeps later ones, for each of its arenas.
+  // Blocks from 128 KiB on are mapped one by one and go back to the system as soon as they are
+  // freed. Left to itself glibc raises that limit to the size of each mapped block that is freed
+  // (up to 32 MiB): after one attachment of 1 MiB all blocks up to that size would come from the
+  // heaps, of which there are several, and freed memory in their middle stays with the program.
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
 #endif
   signal(SIGPIPE, SIG_IGN);
   signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of the write, as a full disk is
 
   // Blocked here, before any thread exists, they are blocked in all threads and stay pending until
-  // WaitForInput reads them. What is ignored at the start stays so: shells start the background
+  // somebody waits for them. What is ignored at the start stays so: shells start the background
   // jobs of a script without Ctrl-C, and nohup starts programs that outlive their terminal. SIGTERM
   // is never meant for another.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  if (!IsIgnored(SIGINT)) sigaddset(&signals, SIGINT);
-  if (!IsIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  stopSignals = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  ReserveStopSignal(SIGTERM);
+  if (!IsIgnored(SIGINT)) ReserveStopSignal(SIGINT);
+  if (!IsIgnored(SIGHUP)) ReserveStopSignal(SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 }
 
+namespace {
+
+// While it lives, a read from a terminal whose foreground belongs to another job fails, instead of
+// stopping this whole program until its user brings it to the foreground.
+class NotStoppedByTerminal {
+ public:
+  NotStoppedByTerminal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTTIN);
+    sigaddset(&signals, SIGTTOU);
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~NotStoppedByTerminal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  NotStoppedByTerminal(const NotStoppedByTerminal&) = delete;
+  NotStoppedByTerminal& operator=(const NotStoppedByTerminal&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+// Standard input is the terminal of this program's session, whose input now belongs to another job.
+bool InBackground() {
+  const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+  return foreground != -1 && foreground != getpgrp();
+}
+
+enum class Read { Ended, Again, Impossible };
+
+// Takes one character, or the end of input. Of a terminal the rest of the line goes with it, and
+// what was typed ahead: the shell would take it for its next command.
+Read ReadCharacter() {
+  char line[4096];  // the longest line of a terminal on Linux
+  const bool terminal = isatty(STDIN_FILENO) == 1;
+  const ssize_t got = read(STDIN_FILENO, line, terminal ? sizeof line : 1);
+  if (got >= 0) {
+    if (terminal) tcflush(STDIN_FILENO, TCIFLUSH);
+    return Read::Ended;
+  }
+  // EIO: it has gone to the background since.
+  return errno == EINTR || errno == EAGAIN || (errno == EIO && InBackground()) ? Read::Again
+                                                                               : Read::Impossible;
+}
+
+}  // namespace
+
+// An input that can't be read, as the one that nohup gives, counts as none. In the background it is
+// looked at once a second whether the user has brought the program to the foreground.
 void WaitForInput() {
-  // A descriptor of -1 is skipped by poll, so this also works without Startup.
-  pollfd waits[] = {{STDIN_FILENO, POLLIN, 0}, {stopSignals, POLLIN, 0}};
-  for (;;) {
-    const int count = poll(waits, 2, -1);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return;
-    if (waits[1].revents != 0) return;
-    if (waits[0].revents != 0) {
-      char character = 0;
-      const ssize_t got = read(STDIN_FILENO, &character, 1);
-      if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-      return;  // a character, the end of input, or an input that can't be read
-    }
+  const NotStoppedByTerminal reading;
+  const sigset_t mask = MaskOfWait();
+  bool readable = true;
+  while (!stopAsked) {
+    const bool background = readable && InBackground();
+    pollfd input{readable && !background ? STDIN_FILENO : -1, POLLIN, 0};  // poll skips -1
+    const timespec second{1, 0};
+    const int count = ppoll(&input, 1, background ? &second : nullptr, &mask);
+    if (count < 0 && errno != EINTR) return;
+    if (count <= 0) continue;
+    const Read read = ReadCharacter();
+    if (read == Read::Ended) return;
+    readable = read != Read::Impossible;
   }
 }
 
 bool WaitForStop(uint32_t milliseconds) {
-  // The signal stays unread, so that every later wait sees it too.
-  pollfd wait{stopSignals, POLLIN, 0};
-  return poll(&wait, 1, static_cast<int>(milliseconds)) == 1;
+  if (stopAsked) return true;
+  const sigset_t mask = MaskOfWait();
+  const timespec limit{static_cast<time_t>(milliseconds / 1000),
+                       static_cast<long>(milliseconds % 1000) * 1'000'000};
+  ppoll(nullptr, 0, &limit, &mask);
+  return stopAsked;
 }
 
 void WriteOutput(std::string_view bytes) {

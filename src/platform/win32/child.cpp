@@ -73,6 +73,10 @@ Child::~Child() {
   CloseIfOpen(impl_->process);
 }
 
+// A child inherits all inheritable handles or none, so this program's own ends of the pipes are
+// made uninheritable again: the child's input would never end while the child itself held its other
+// end. With pipes it gets a process group of its own, which Terminate's CTRL_BREAK reaches and the
+// console's Ctrl-C doesn't.
 uint32_t Child::Start(const ChildOptions& options) {
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);

@@ -44,6 +44,10 @@ DWORD NativeDisposition(Disposition disposition) {
 
 }  // namespace
 
+// Windows keeps the sharing modes and empties a file only once they admit it, so one call does all
+// that other systems need several for. It sets the last error after a success too, if the file was
+// there; only for the dispositions that may make one. What isn't a file on a disk (a pipe, a
+// console, CON or NUL under any folder) is refused to readers: it would block them.
 uint32_t FileOpen(const wchar_t* path, const OpenOptions& options, FileHandle* file,
                   bool* existed) {
   *file = kNoFile;
@@ -119,6 +123,7 @@ uint32_t FileTimes(FileHandle file, FileTime* created, FileTime* accessed, FileT
   return 0;
 }
 
+// The whole range of 64 bits from offset 0, so that the lock also covers what is written later.
 uint32_t FileLock(FileHandle file, bool exclusive, bool wait) {
   const DWORD flags =
       (exclusive ? LOCKFILE_EXCLUSIVE_LOCK : 0u) | (wait ? 0u : LOCKFILE_FAIL_IMMEDIATELY);
@@ -131,6 +136,8 @@ uint32_t FileUnlock(FileHandle file) {
   return Result(UnlockFileEx(AsHandle(file), 0, MAXDWORD, MAXDWORD, &start));
 }
 
+// Not shared: a file that somebody else has open stays as it is. The flag admits folders too, for
+// which compression is what new files in them get.
 uint32_t PathSetCompression(const wchar_t* path, bool on) {
   const HANDLE handle = CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_BACKUP_SEMANTICS, nullptr);

@@ -8,10 +8,15 @@ wchar_t PathSeparator() {
   return L'\\';
 }
 
-std::wstring ModuleFile() {
+std::wstring ModuleFile(const void* module) {
+  HMODULE handle = nullptr;
+  constexpr DWORD kByAddress =
+      GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+  if (module && !GetModuleHandleExW(kByAddress, static_cast<const wchar_t*>(module), &handle))
+    return {};
   std::wstring path(MAX_PATH, L'\0');
   for (;;) {
-    const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    const DWORD length = GetModuleFileNameW(handle, path.data(), static_cast<DWORD>(path.size()));
     if (length == 0) return {};
     if (length < path.size()) {
       path.resize(length);

@@ -2,10 +2,8 @@
 
 #include <malloc.h>
 
-#include <cstdio>
-
 #include "platform/win32/win.h"
-// Behind windows.h, whose types it uses.
+// After windows.h, whose types it uses.
 #include <timeapi.h>
 
 namespace platform {
@@ -31,10 +29,17 @@ BOOL WINAPI OnControl(DWORD event) {
   return TRUE;
 }
 
+// Of a console the rest of the line goes with the character, and what was typed ahead. An input
+// that can't be read is none, unlike one that has ended: a pipe whose other end is closed.
 DWORD WINAPI ReadCharacter(void*) {
-  char character = 0;
+  const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+  char line[4096];
+  DWORD mode = 0;
+  const bool console = GetConsoleMode(input, &mode) != 0;
   DWORD got = 0;
-  ReadFile(GetStdHandle(STD_INPUT_HANDLE), &character, 1, &got, nullptr);
+  const BOOL read = ReadFile(input, line, console ? sizeof line : 1, &got, nullptr);
+  if (!read && GetLastError() != ERROR_BROKEN_PIPE && GetLastError() != ERROR_HANDLE_EOF) return 0;
+  if (console) FlushConsoleInputBuffer(input);
   SetEvent(characterSignal);
   return 0;
 }
@@ -71,11 +76,12 @@ void Startup() {
 
 void WaitForInput() {
   // Reading can't be given up halfway, so a thread of its own does it; when the stop signal comes
-  // first, that thread stays behind in its read until the process ends.
+  // first, that thread stays in its read until the process ends.
   characterSignal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   const HANDLE reader = CreateThread(nullptr, 0, ReadCharacter, nullptr, 0, nullptr);
   if (!reader) {
     ReadCharacter(nullptr);
+    if (WaitForSingleObject(characterSignal, 0) != WAIT_OBJECT_0) WaitForStop(INFINITE);
     return;
   }
   CloseHandle(reader);
@@ -87,10 +93,22 @@ bool WaitForStop(uint32_t milliseconds) {
   return stopSignal && WaitForSingleObject(stopSignal, milliseconds) == WAIT_OBJECT_0;
 }
 
+// Not through the C library's stream: its lock, held by a thread that stays in its write, would
+// hold up the end of the process. Line feeds become what text files have here, as in that stream.
 void WriteOutput(std::string_view bytes) {
-  // Through the C library's stream and so in text mode, as any console program's output.
-  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-  std::fflush(stdout);
+  const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+  char text[4096];
+  while (!bytes.empty()) {
+    DWORD size = 0;
+    while (!bytes.empty() && size + 2 <= sizeof text) {
+      if (bytes.front() == '\n') text[size++] = '\r';
+      text[size++] = bytes.front();
+      bytes.remove_prefix(1);
+    }
+    for (DWORD done = 0, count = 0; done < size; done += count) {
+      if (!WriteFile(output, text + done, size - done, &count, nullptr) || count == 0) return;
+    }
+  }
 }
 
 void ReturnFreeMemory() {
