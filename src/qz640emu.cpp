@@ -5,7 +5,7 @@
 
 #include "emulator/Emulator.h"
 #include "platform/startup.h"
-#include "runtime/DebugLog.h"
+#include "runtime/ConsoleLog.h"
 #include "runtime/Environment.h"
 #include "runtime/Format.h"
 

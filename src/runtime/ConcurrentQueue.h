@@ -43,7 +43,7 @@ class ConcurrentQueue {
   }
 
   void Clear() {
-    std::deque<T> dropped;  // destroyed behind the unlock: an element's destructor may be long
+    std::deque<T> dropped;  // destroyed after the unlock: an element's destructor may be long
     std::lock_guard lock(lock_);
     dropped.swap(items_);
   }

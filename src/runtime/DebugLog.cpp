@@ -1,18 +1,18 @@
 #include "runtime/DebugLog.h"
 
+#include <array>
 #include <chrono>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "platform/startup.h"
-#include "platform/text.h"
+#include "runtime/LogLine.h"
 
 namespace {
 
 // How long SetSniffer(nullptr) waits for a slow listener.
 constexpr std::chrono::seconds kDrainLimit{2};
-
-// What the console gets at a time, at most about: as much as a pipe holds on Linux.
-constexpr size_t kConsoleBytes = 65536;
 
 // After so many lines a quiet second is used to give back the memory that they took while they
 // waited: allocators keep it, and a program that runs for weeks would stay as large as its worst
@@ -48,45 +48,48 @@ void CDebugLog::StartWriter() {
   try {
     thread_ = std::thread([this] { RunWriter(); });
   } catch (const std::system_error&) {
-    // Without a writer the lines stay in the queue; the program goes on all the same.
     running_ = false;
   }
 }
 
 CDebugLog::~CDebugLog() {
-  if (files_) files_->StopCleanUp();
-  {
-    std::lock_guard lock(queueLock_);
-    stopRequested_ = true;
+  std::unique_lock lock(queueLock_);
+  stopRequested_ = true;
+  if (!thread_.joinable()) {
+    DrainQueue(lock);
+    return;
   }
+  lock.unlock();
   wake_.Set();
-  if (thread_.joinable()) thread_.join();
+  thread_.join();
 }
 
+// Called by time-critical threads: one short lock, and memory only for each block of lines.
 void CDebugLog::WriteText(std::wstring_view text) {
   while (text.ends_with(L'\0'))
     text.remove_suffix(1);
   if (text.empty()) return;
-  std::wstring line = FormatLogLine(text.data(), text.size());
+  const std::wstring_view prefix = LogPrefix();
   bool first = false;
-  {
+  Try([&] {
     std::lock_guard lock(queueLock_);
-    first = queue_.empty();
-    queue_.push_back(std::move(line));
+    first = queue_.Empty();
+    queue_.Push({prefix, text, kLogLineEnd});
     ++queued_;
-  }
+  });
   if (first) wake_.Set();
 }
 
 void CDebugLog::SetSniffer(IDebugLogSniffer* sniffer) {
   if (!sniffer) {
-    // The writer is behind its callers: without this wait the last lines would miss the listener.
+    // The writer runs later than its callers: without this wait the last lines would miss the
+    // listener.
     std::unique_lock lock(queueLock_);
+    if (!thread_.joinable()) DrainQueue(lock);
     const uint64_t target = queued_;
     handledSignal_.wait_for(lock, kDrainLimit, [&] { return handled_ >= target || !running_; });
   }
   std::lock_guard lock(snifferLock_);
-  if (sniffer_) sniffer_->OnQueueEmpty();
   sniffer_ = sniffer;
 }
 
@@ -122,43 +125,44 @@ void CDebugLog::RunWriter() {
 // All lines at once: in a flood the writer, whose priority is the lowest of all, keeps up only as
 // its system calls grow fewer the more lines wait.
 void CDebugLog::DrainQueue(std::unique_lock<std::mutex>& lock) {
-  while (!queue_.empty()) {
-    std::deque<std::wstring> lines;
-    lines.swap(queue_);
-    const uint64_t count = lines.size();
+  while (!queue_.Empty()) {
+    std::vector<LogQueue::Block> blocks = queue_.TakeAll();
     lock.unlock();
-    Handle(lines);
+    uint64_t count = 0;
+    for (const LogQueue::Block& block : blocks) {
+      Handle(block);
+      count += block.lines.size();
+    }
+    Try([&] {
+      if (files_) files_->WriteGathered();
+    });
+    Try([&] { ShowTrouble(); });
     lock.lock();
+    queue_.GiveBack(std::move(blocks.back()));
     handled_ += count;
     handledSignal_.notify_all();
   }
 }
 
-void CDebugLog::Handle(std::deque<std::wstring>& lines) {
-  for (; !lines.empty(); lines.pop_front()) {
-    const std::wstring& line = lines.front();
-    Try([&] {
-      std::lock_guard lock(snifferLock_);
-      if (sniffer_) sniffer_->Sniff(line);
-    });
+void CDebugLog::Handle(const LogQueue::Block& block) {
+  Try([&] { Show(block.lines); });
+  for (const std::wstring_view line : block.lines) {
     Try([&] {
       if (files_) files_->Store(line);
     });
   }
-  Try([&] {
-    std::lock_guard lock(snifferLock_);
-    if (sniffer_) sniffer_->OnQueueEmpty();
-  });
-  if (files_) files_->WriteGathered();
 }
 
-void LogToConsoleSniffer::Sniff(const std::wstring& line) {
-  gathered_ += platform::WideToUtf8Lossy(line);
-  gathered_ += '\n';
-  if (gathered_.size() >= kConsoleBytes) OnQueueEmpty();
+void CDebugLog::Show(std::span<const std::wstring_view> lines) {
+  std::lock_guard lock(snifferLock_);
+  if (sniffer_) sniffer_->SniffAll(lines);
 }
 
-void LogToConsoleSniffer::OnQueueEmpty() {
-  platform::WriteOutput(gathered_);
-  gathered_.clear();
+// That there is no file can't stand in the file.
+void CDebugLog::ShowTrouble() {
+  if (!files_) return;
+  const std::wstring trouble = files_->TakeTrouble();
+  if (trouble.empty()) return;
+  const std::wstring line = FormatLogLine(trouble.data(), trouble.size());
+  Show(std::array<std::wstring_view, 1>{line});
 }

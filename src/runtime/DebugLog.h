@@ -1,22 +1,23 @@
-// The program's log: formats a line on the caller's thread, queues it, and on a writer thread of
-// its own shows it to the sniffer and stores it in the log files.
+// The program's log: queues a line on the caller's thread, and on a writer thread of its own shows
+// it to the sniffer and stores it in the log files. Where no thread is to be had, the lines wait
+// until the sniffer or the log goes, and whoever ends it shows and stores them.
 //
 // Locks, all leaves: queueLock_ (queue, counts, flags), snifferLock_ (the sniffer and its calls).
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
+#include <span>
+#include <string_view>
 #include <thread>
 
 #include "platform/event.h"
 #include "runtime/LogFiles.h"
 #include "runtime/LogForms.h"
-#include "runtime/LogLine.h"
+#include "runtime/LogQueue.h"
 
 // Starts a log with its writer thread, which opens the first file. The last holder of the pointer
 // ends it: the queue is then emptied and the file closed first.
@@ -37,7 +38,9 @@ class CDebugLog final : public LogForms {
   void StartWriter();
   void RunWriter();
   void DrainQueue(std::unique_lock<std::mutex>& lock);
-  void Handle(std::deque<std::wstring>& lines);
+  void Handle(const LogQueue::Block& block);
+  void Show(std::span<const std::wstring_view> lines);
+  void ShowTrouble();
 
   std::mutex snifferLock_;
   IDebugLogSniffer* sniffer_ = nullptr;
@@ -47,25 +50,13 @@ class CDebugLog final : public LogForms {
   // long on Windows.
   platform::Event wake_{platform::Event::Mode::AutoReset};
   std::condition_variable handledSignal_;  // a line was handled, or the writer has ended
-  std::deque<std::wstring> queue_;
+  LogQueue queue_;
   uint64_t queued_ = 0;   // lines ever queued
   uint64_t handled_ = 0;  // lines ever shown and stored
   bool running_ = true;   // the writer hasn't ended
   bool stopRequested_ = false;
 
-  std::optional<LogFiles> files_;  // of the writer thread
+  std::optional<LogFiles> files_;  // of the writer
 
   std::thread thread_;  // last: it uses all of the above
-};
-
-// Shows the log on standard output, as UTF-8. A line ends in its own carriage return and line feed,
-// so the console shows a blank line behind each. Lines that come faster than the console takes them
-// one by one go there together.
-class LogToConsoleSniffer final : public IDebugLogSniffer {
- public:
-  void Sniff(const std::wstring& line) override;
-  void OnQueueEmpty() override;
-
- private:
-  std::string gathered_;
 };

@@ -30,7 +30,9 @@ Dir::Dir(const std::wstring& directory, const std::wstring& pattern, uint32_t fl
       pattern_(pattern, std::regex::ECMAScript | std::regex::icase),
       path_(directory),
       flags_(flags) {
-  NormalizePath(path_);
+  // A relative path that leads back to where it began normalises to nothing, which the root does
+  // too once its separator is gone: the working directory has its name then.
+  if (NormalizePath(path_).empty()) path_ = L".";
   RemoveTrailingSeparator(path_);
   Scan();
 }

@@ -16,7 +16,7 @@ class Dir {
  public:
   // Bits of the constructor's flags: what is listed.
   static constexpr uint32_t kFiles = 1;        // what isn't a directory
-  static constexpr uint32_t kDirectories = 2;  // directories other than . and ..
+  static constexpr uint32_t kDirectories = 2;  // directories, but . and ..
   static constexpr uint32_t kDots = 4;         // . and ..
 
   // Without regard to the case of A to Z, as file names are compared on Windows. Of two names that

@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "runtime/DebugLog.h"
-#include "runtime/IFS.h"
 #include "runtime/Paths.h"
 #include "runtime/SingletonGate.h"
 
@@ -28,7 +27,9 @@ EnvironmentRef::~EnvironmentRef() {
 }
 
 IEnvironment* EnvironmentRef::Get() {
-  // One reference more while the gate's mutex is in use, given back also when Create throws.
+  // The gate's mutex dies with the last reference, and ReleaseEnvironment may give up the
+  // environment's own meanwhile: this one keeps the mutex until it is unlocked, also if Create
+  // throws.
   const EnvironmentRef held;
   std::lock_guard lock(*gate.mutex.load());
   if (!environment.load()) environment.store(Create().release());
@@ -52,11 +53,8 @@ EnvironmentCommon::EnvironmentCommon() {
   params.name = GetModulePath(false, true);
   params.dir = GetTempDir();
   AddTrailingSeparator(params.dir) += params.name + L".logs";
-  // It usually exists. Where it can't be made there are no files, which is the log's affair.
-  fs::FsRef().Get()->MakeDir(params.dir.c_str());
-  AddTrailingSeparator(params.dir);
-  params.maxFileSize = 1'048'576;
-  params.maxTotalSize = 20 * params.maxFileSize;
-  params.maxAgeDays = 20;
+  params.maxFileSize = kLogFileSize;
+  params.maxTotalSize = kLogTotalSize;
+  params.maxAgeDays = kLogAgeDays;
   log_ = CreateDebugLog(params);
 }

@@ -1,6 +1,7 @@
 // The root object of the process, through which every part reaches the log.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "runtime/IDebugLog.h"
@@ -13,9 +14,14 @@ class IEnvironment {
   virtual std::shared_ptr<IDebugLog> GetLog() = 0;
 };
 
+// The limits of the program's log files.
+constexpr uint64_t kLogFileSize = 1'048'576;           // bytes, above which the next file begins
+constexpr uint64_t kLogTotalSize = 20 * kLogFileSize;  // bytes of all files together
+constexpr uint32_t kLogAgeDays = 20;
+
 // The environment of the program: makes the debug log when it is made. Its files stand in the
 // directory "<name>.logs" of the system's temporary directory, by the name of the executable's
-// file, in pieces of 1 MiB, 20 MiB together, for 20 days.
+// file.
 class EnvironmentCommon : public IEnvironment {
  public:
   EnvironmentCommon();

@@ -143,7 +143,7 @@ bool implFile::WriteAt(uint64_t position, const void* buffer, uint32_t size, uin
   return keepPosition ? SeekBack(before) : moved;
 }
 
-// A read or write that failed has moved the position too. Its error is the one to tell.
+// A read or write that failed has moved the position too. Its error is the one to report.
 bool implFile::SeekBack(uint64_t position) {
   const uint32_t error = lastError;
   const bool back = Seek(static_cast<int64_t>(position), 0);
@@ -316,9 +316,9 @@ IFile* implFS::Open(const wchar_t* path, uint32_t mode, uint32_t attributes) {
     Succeeded(platform::kNoPlace);
     return nullptr;
   }
-  const bool tells = options.disposition == platform::Disposition::CreateAlways ||
-                     options.disposition == platform::Disposition::OpenAlways;
-  if (tells && existed) file->lastError = platform::kAlreadyExists;
+  const bool mayMake = options.disposition == platform::Disposition::CreateAlways ||
+                       options.disposition == platform::Disposition::OpenAlways;
+  if (mayMake && existed) file->lastError = platform::kAlreadyExists;
   return file.release();
 }
 

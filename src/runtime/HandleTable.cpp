@@ -64,8 +64,10 @@ void HandleTable::Leave(uint64_t slot) {
   --used_;
   if (slot == hint_) return;
   if (hint_ < size && !handles_[hint_]) {
-    // The hint already names a free place. It stays if the new one isn't much nearer behind it than
-    // ahead: then the search goes round the table and leaves no part of it unused.
+    // The hint already names a free place, and the search goes on from there round the table. Of
+    // two free places the hint keeps the one that the search meets first, as far as half the table:
+    // with 8 places and the hint at 2, leaving place 4 changes nothing (2 ahead), leaving place 1
+    // makes that the hint (7 ahead, so nearer backwards).
     const uint64_t ahead = (slot + size - hint_) % size;
     if (2 * ahead <= size) return;
   }

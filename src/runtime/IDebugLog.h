@@ -2,16 +2,28 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string>
+#include <string_view>
 
-// Listens to the log. Called on the log's writer thread, one line at a time and one call at a time.
+// Listens to the log. Called on the log's writer thread, one call at a time.
 class IDebugLogSniffer {
  public:
   // `line` is the complete formatted line, with its line end (carriage return, line feed).
   virtual void Sniff(const std::wstring& line) = 0;
 
-  // No line is waiting for now: a listener that gathers lines to show them together shows them.
-  virtual void OnQueueEmpty() {}
+  // What the log calls: all lines that have come since the latest call, oldest first, for a
+  // listener that is quicker with many at once. The texts live as long as the call. Unless it is
+  // overridden, each line goes to Sniff; one that throws costs that line alone.
+  virtual void SniffAll(std::span<const std::wstring_view> lines) {
+    for (const std::wstring_view line : lines) {
+      try {
+        Sniff(std::wstring(line));
+      } catch (...) {
+        // The listener couldn't show it; there is nobody else to report that to.
+      }
+    }
+  }
 
  protected:
   ~IDebugLogSniffer() = default;

@@ -1,6 +1,6 @@
 // The file layer as its users see it: operations on paths, an open file, a directory listing.
-// Results are true or not null on success; the operating system's error number is then behind
-// GetLastError of the object that was asked. Nothing is logged.
+// Results are true or not null on success; the operating system's error number is then what
+// GetLastError of the object that was asked gives. Nothing is logged.
 //
 // Narrow paths are UTF-8 and throw std::range_error("bad conversion") when they aren't; nothing
 // else throws. Any thread may use the one IFS, but its GetLastError is one value for all threads. A
@@ -68,7 +68,7 @@ class IFile {
  public:
   virtual ~IFile() = default;  // closes the file if it is open
 
-  // Of the latest operation on this file. Right after IFS::Open it tells whether the file was
+  // Of the latest operation on this file. Right after IFS::Open it says whether the file was
   // there before: platform::kAlreadyExists if so, else 0.
   virtual uint32_t GetLastError() = 0;
   virtual void Close() = 0;
@@ -109,7 +109,7 @@ class IFileFinder {
   virtual void Close() = 0;
 
   // False at the end (platform::kNoMoreFiles), and for a name that isn't text
-  // (platform::kNoTranslation), behind which the next call goes on.
+  // (platform::kNoTranslation), after which the next call goes on.
   virtual bool FindNext(FindRecord* record) = 0;
   virtual bool FindNext(FindRecordW* record) = 0;
 };

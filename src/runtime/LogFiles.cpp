@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "platform/clock.h"
-#include "platform/text.h"
+#include "platform/errors.h"
 #include "runtime/Dir.h"
+#include "runtime/Format.h"
 #include "runtime/LogLine.h"
 #include "runtime/Paths.h"
 
@@ -23,8 +23,26 @@ constexpr size_t kGatheredBytes = 65536;
 
 LogParams Normalized(LogParams params) {
   NormalizePath(params.dir);
-  RemoveTrailingSeparator(params.dir);
+  // The root keeps its separator: an empty text would be the working directory.
+  if (params.dir.size() > 1) RemoveTrailingSeparator(params.dir);
   return params;
+}
+
+platform::LocalTime SecondNow() {
+  platform::LocalTime now = platform::GetClock().Local();
+  now.millisecond = 0;
+  return now;
+}
+
+// `name` as a regular expression that matches it alone.
+std::wstring Literal(std::wstring_view name) {
+  std::wstring pattern;
+  for (const wchar_t unit : name) {
+    if (std::wstring_view(L"^$\\.*+?()[]{}|").find(unit) != std::wstring_view::npos)
+      pattern += L'\\';
+    pattern += unit;
+  }
+  return pattern;
 }
 
 }  // namespace
@@ -32,7 +50,7 @@ LogParams Normalized(LogParams params) {
 LogFiles::LogFiles(const LogParams& params) : params_(Normalized(params)) {}
 
 LogFiles::~LogFiles() {
-  StopCleanUp();
+  destroying_ = true;
   if (cleanUp_.joinable()) cleanUp_.join();
 }
 
@@ -41,26 +59,47 @@ std::wstring LogFiles::NewPath() const {
   if (!path.empty()) AddTrailingSeparator(path);
   path += params_.name;
   if (params_.maxFileSize != 0) {
-    const platform::LocalTime now = platform::GetClock().Local();
     path += L'~';
-    AppendDigits(path, now.year, 4);
-    AppendDigits(path, now.month, 2);
-    AppendDigits(path, now.day, 2);
+    AppendDigits(path, openTried_.year, 4);
+    AppendDigits(path, openTried_.month, 2);
+    AppendDigits(path, openTried_.day, 2);
     path += L'-';
-    AppendDigits(path, now.hour, 2);
-    AppendDigits(path, now.minute, 2);
-    AppendDigits(path, now.second, 2);
+    AppendDigits(path, openTried_.hour, 2);
+    AppendDigits(path, openTried_.minute, 2);
+    AppendDigits(path, openTried_.second, 2);
   }
   return path + L".log";
 }
 
+// Makes the directory if it isn't there. The log of a service is no reading for others, and in a
+// directory that others write they could have put a link under the name of the file, to a file of
+// ours that we would empty.
+uint32_t LogFiles::PrepareDir() const {
+  if (params_.dir.empty()) return 0;
+  const wchar_t* dir = params_.dir.c_str();
+  const uint32_t error = platform::PathCheckOwnDir(dir);
+  if (error != platform::kFileNotFound && error != platform::kPathNotFound) return error;
+  const uint32_t made = platform::PathMakeDir(dir);
+  return made != 0 ? made : platform::PathCheckOwnDir(dir);
+}
+
+// One sentence for each reason, however often it is tried.
+void LogFiles::NoFile(const std::wstring& reason) {
+  std::wstring trouble = Format(L"No log file in \"%s\": %s. It is tried again every second.",
+                                params_.dir.empty() ? L"." : params_.dir, reason);
+  if (trouble == latestTrouble_) return;
+  trouble_ = latestTrouble_ = std::move(trouble);
+}
+
 void LogFiles::Open() {
   const bool rotates = params_.maxFileSize != 0;
+  openTried_ = SecondNow();
   path_ = NewPath();
   written_ = 0;
-  // The log of a service is no reading for others, and in a directory that others write they could
-  // have put a link under this name, to a file of ours that we would empty.
-  if (!params_.dir.empty() && platform::PathCheckOwnDir(params_.dir.c_str()) != 0) return;
+  if (const uint32_t error = PrepareDir(); error != 0) {
+    NoFile(Format(L"it has to be a folder that this user alone can change (error %d)", error));
+    return;
+  }
   if (rotates) {
     // Of two files in one second the later stays. Emptying the earlier one would wait until the
     // system has brought it to the disk, removing it doesn't.
@@ -73,7 +112,14 @@ void LogFiles::Open() {
                                       .disposition = rotates ? platform::Disposition::CreateAlways
                                                              : platform::Disposition::OpenAlways,
                                       .ownerOnly = true};
-  if (platform::FileOpen(path_.c_str(), options, &file_, nullptr) != 0) return;
+  const uint32_t error = platform::FileOpen(path_.c_str(), options, &file_, nullptr);
+  if (error != 0) {
+    NoFile(error == platform::kBusy ? std::wstring(L"another program writes a file of that name")
+                                    : Format(L"the file can't be made (error %d)", error));
+    return;
+  }
+  trouble_.clear();
+  latestTrouble_.clear();
   platform::FileSeek(file_, 0, platform::SeekFrom::End, &written_);
   WriteBanner(kBeginBanner);
 }
@@ -110,13 +156,14 @@ void LogFiles::WriteGathered() {
 }
 
 void LogFiles::WriteBanner(const wchar_t* text) {
-  gathered_ += platform::WideToUtf8Lossy(FormatLogLine(text, std::wstring_view(text).size()));
+  AppendShown(gathered_, FormatLogLine(text, std::wstring_view(text).size()));
   WriteGathered();
 }
 
-void LogFiles::Store(const std::wstring& line) {
+void LogFiles::Store(std::wstring_view line) {
+  if (file_ == platform::kNoFile && SecondNow() != openTried_) Open();
   if (file_ == platform::kNoFile) return;
-  gathered_ += platform::WideToUtf8Lossy(line);
+  AppendShown(gathered_, line);
   const bool full = params_.maxFileSize != 0 && written_ + gathered_.size() > params_.maxFileSize;
   if (full || gathered_.size() >= kGatheredBytes) WriteGathered();
   if (params_.maxFileSize != 0 && written_ > params_.maxFileSize) Rotate();
@@ -139,7 +186,7 @@ void LogFiles::StartCleanUp() {
       try {
         DeleteOldLogs(params_, destroying_);
       } catch (...) {
-        // A name that is no regular expression, or no memory: the files stay.
+        // No memory: the files stay until the next rotation.
       }
       cleaning_ = false;
     });
@@ -154,7 +201,7 @@ namespace {
 class RotatedFiles {
  public:
   RotatedFiles(const LogParams& params, const std::atomic<bool>& stop) : stop_(stop) {
-    const std::wstring pattern = L"^" + params.name + L"~[0-9]{8}-[0-9]{6}\\.log$";
+    const std::wstring pattern = L"^" + Literal(params.name) + L"~[0-9]{8}-[0-9]{6}\\.log$";
     const std::wstring dir = params.dir.empty() ? L"." : params.dir;
     files_ = *fs::Dir(dir, pattern, fs::Dir::kFiles).files;
     // No log made these.
@@ -174,9 +221,8 @@ class RotatedFiles {
   // A file that can't be deleted, the current one above all, counts as gone here: it would stand
   // in the way of all that follow.
   void DeleteOldest() {
-    const fs::FsRef fileSystem;
     const auto oldest = files_.begin();
-    fileSystem.Get()->Remove(oldest->first.c_str());
+    platform::PathRemove(oldest->first.c_str());
     totalSize_ -= oldest->second.size;
     files_.erase(oldest);
     platform::GetClock().Sleep(kDeletePauseMs);

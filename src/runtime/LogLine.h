@@ -3,10 +3,24 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
-// `text` behind the local time and the calling thread's number, with its line end:
-// YYYY/MM/DD HH:MM:SS.mmm @ TTTTTTTT @ text
+// What stands in front of a text that the calling thread writes now: the local time and the
+// thread's number, "YYYY/MM/DD HH:MM:SS.mmm @ TTTTTTTT @ ". Made anew once a millisecond at most;
+// valid until the thread's next call.
+std::wstring_view LogPrefix();
+
+constexpr std::wstring_view kLogLineEnd = L"\r\n";
+
+// A whole line: prefix, `text`, line end.
 std::wstring FormatLogLine(const wchar_t* text, size_t length);
+
+// Appends a line as the console and the files get it: UTF-8, in which what can't be converted is
+// U+FFFD. Characters that steer a terminal or reorder the text around them, which the text of a
+// peer may hold, become "\u009b" and the like: the control characters except tab, carriage return
+// and line feed, DEL, U+2028, U+2029, and the marks of bidirectional text (Unicode UAX #9). Throws
+// std::bad_alloc, and then leaves `out` as it was.
+void AppendShown(std::string& out, std::wstring_view line);
 
 // Appends the last `width` digits of a number that isn't negative, with leading zeros; `width` is
 // at most 8.

@@ -5,15 +5,12 @@
 namespace {
 
 constexpr uint32_t kPollMs = 10;
-constexpr uint32_t kIdle = 0;
-constexpr uint32_t kCreating = 1;
-constexpr uint32_t kDeleting = 2;
-
+// One thread at a time makes or deletes the mutex; there is no other lock yet that could see to it.
 void Enter(std::atomic<uint32_t>& gateState, uint32_t state) {
-  uint32_t expected = kIdle;
+  uint32_t expected = SingletonGate::kIdle;
   while (!gateState.compare_exchange_strong(expected, state)) {
     platform::SystemClock().Sleep(kPollMs);
-    expected = kIdle;
+    expected = SingletonGate::kIdle;
   }
 }
 
@@ -28,7 +25,7 @@ void SingletonGate::Acquire() {
     }
     return;
   }
-  Enter(gateState, kCreating);
+  Enter(gateState, kMakingMutex);
   mutex.store(new std::mutex);
   refs.fetch_add(1);  // the singleton's own
   gateState.store(kIdle);
@@ -36,8 +33,9 @@ void SingletonGate::Acquire() {
 
 bool SingletonGate::Release() {
   if (refs.fetch_sub(1) != 1) return false;
-  Enter(gateState, kDeleting);
-  // Nobody holds it any more: it is fetched, not locked, as a locked mutex can't be deleted.
+  Enter(gateState, kDeletingMutex);
+  // This was the last reference, and who locks the mutex holds one: so the mutex is free and stays
+  // free. It isn't locked here, as a locked mutex must not be deleted.
   delete mutex.exchange(nullptr);
   gateState.store(kIdle);
   return true;

@@ -7,10 +7,14 @@
 #include <mutex>
 
 struct SingletonGate {
-  std::atomic<std::mutex*> mutex{
-      nullptr};  // made by the first Acquire, deleted by the last Release
+  static constexpr uint32_t kIdle = 0;
+  static constexpr uint32_t kMakingMutex = 1;
+  static constexpr uint32_t kDeletingMutex = 2;
+
+  // Made by the first Acquire, deleted by the last Release.
+  std::atomic<std::mutex*> mutex{nullptr};
   std::atomic<uint32_t> refs{0};
-  std::atomic<uint32_t> gateState{0};  // 0 idle, 1 the mutex is being made, 2 it is being deleted
+  std::atomic<uint32_t> gateState{kIdle};
 
   // Adds a reference. The first one also adds the singleton's own, so that scoped references may
   // come and go while the object stays. Any thread.

@@ -24,10 +24,6 @@ bool StatInterval::Due() {
 
 StatSeries::StatSeries(std::wstring name) : name_(std::move(name)), log_(GetDebugLog()) {}
 
-void StatSeries::SetName(std::wstring name) {
-  name_ = std::move(name);
-}
-
 void StatSeries::Configure(uint32_t mode, uint32_t period, int64_t clockFrequency, uint32_t unit,
                            int32_t min, int32_t max) {
   mode_ = mode;
@@ -156,7 +152,7 @@ ScopedDuration::ScopedDuration(const wchar_t* name) : start_(ClockRead(nullptr))
 ScopedDuration::~ScopedDuration() {
   uint32_t frequency = 0;
   const int64_t end = ClockRead(&frequency);
-  // A difference of 32 bits, as in the "LOCK" lines; the products have 64.
+  // As in the "LOCK" lines: a difference of 32 bits (429 s), products of 64.
   const uint64_t ticks = static_cast<uint32_t>(end - start_);
   if (ticks < uint64_t{DurationLimitMs} * frequency / 1000) return;
   try {

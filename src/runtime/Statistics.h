@@ -1,5 +1,5 @@
 // How the real-time path measures itself: series of time intervals that write one "STATISTICS" line
-// a minute, and a guard that logs a piece of code that took too long.
+// a minute, and guards that log a piece of code or a lock (TrackedMutex.h) that took too long.
 //
 // No thread and no lock: each series is fed by one thread. A sample allocates nothing; text is made
 // only when a line is written.
@@ -12,6 +12,7 @@
 
 #include "platform/clock.h"
 #include "runtime/IDebugLog.h"
+#include "runtime/TrackedMutex.h"
 
 // A gate that opens once in each wall-clock period.
 class StatInterval {
@@ -42,8 +43,6 @@ class StatSeries {
   explicit StatSeries(std::wstring name);
   StatSeries(const StatSeries&) = delete;
   StatSeries& operator=(const StatSeries&) = delete;
-
-  void SetName(std::wstring name);
 
   // `period`: minutes from line to line. `clockFrequency`: counts per second of the values given to
   // Sample and Finish, at least 1. Intervals are counted in 1/`unit` seconds, unit above 0, with

@@ -5,21 +5,36 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
+
+// What ScopedLock knows of a tracked mutex. The name stands in the "LOCK" line.
+class NamedMutex {
+ public:
+  NamedMutex(const NamedMutex&) = delete;
+  NamedMutex& operator=(const NamedMutex&) = delete;
+
+  virtual void Lock() = 0;
+  virtual void Unlock() = 0;
+  const std::wstring& Name() const { return name_; }
+
+ protected:
+  explicit NamedMutex(std::wstring name) : name_(std::move(name)) {}
+  ~NamedMutex() = default;
+
+ private:
+  const std::wstring name_;
+};
 
 template <typename Mutex>
-class BasicTrackedMutex {
+class BasicTrackedMutex final : public NamedMutex {
  public:
-  explicit BasicTrackedMutex(const wchar_t* name) : name_(name) {}
-  BasicTrackedMutex(const BasicTrackedMutex&) = delete;
-  BasicTrackedMutex& operator=(const BasicTrackedMutex&) = delete;
+  explicit BasicTrackedMutex(std::wstring name) : NamedMutex(std::move(name)) {}
 
-  void Lock() { mutex_.lock(); }
-  void Unlock() { mutex_.unlock(); }
-  const std::wstring& Name() const { return name_; }
+  void Lock() override { mutex_.lock(); }
+  void Unlock() override { mutex_.unlock(); }
 
  private:
   Mutex mutex_;
-  const std::wstring name_;
 };
 
 using TrackedMutex = BasicTrackedMutex<std::mutex>;
@@ -35,14 +50,13 @@ struct LockTimes {
 
   static int64_t Now();
 
-  // Called behind the unlock: writes the "LOCK" line if the whole took too long.
+  // Called after the unlock: writes the "LOCK" line if the whole took too long.
   void Report(const std::wstring& name) const;
 };
 
-template <typename Mutex>
 class ScopedLock {
  public:
-  explicit ScopedLock(Mutex& mutex) : mutex_(mutex) {
+  explicit ScopedLock(NamedMutex& mutex) : mutex_(mutex) {
     times_.requested = LockTimes::Now();
     mutex_.Lock();
     times_.granted = LockTimes::Now();
@@ -58,6 +72,6 @@ class ScopedLock {
   ScopedLock& operator=(const ScopedLock&) = delete;
 
  private:
-  Mutex& mutex_;
+  NamedMutex& mutex_;
   LockTimes times_;
 };

@@ -42,10 +42,24 @@ TEST_F(DirTest, FlagsChooseTheKindAndThePatternHasToMatchTheWholeName) {
   EXPECT_EQ(Names(L".*", Dir::kDots), (Expected{L".", L".."}));
   EXPECT_EQ(Names(L".*", Dir::kFiles | Dir::kDirectories | Dir::kDots),
             (Expected{L".", L"..", L"a.log", L"a.log.old", L"B.LOG", L"d.log"}));
-  EXPECT_EQ(Names(L".*", 0), Expected{});
 
   const Dir listing(dir_.Wide(), L"a\\.log", Dir::kFiles);
   EXPECT_EQ(listing.files->begin()->second.size, 3u);
+}
+
+TEST_F(DirTest, NamesOfTheWorkingDirectoryAndOfTheRootAreNotMixedUp) {
+  dir_.Write("only here", "");
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir_.Path());
+  const std::wstring separator(1, GetPathSeparator());
+  for (const wchar_t* here : {L".", L"x/..", L""}) {
+    const Dir listing(here, L"only here", Dir::kFiles);
+    ASSERT_EQ(listing.files->size(), 1u);
+    EXPECT_EQ(listing.files->begin()->first, L"." + separator + L"only here");
+  }
+  const Dir root(separator, L"only here", Dir::kFiles);
+  EXPECT_TRUE(root.files->empty());
+  std::filesystem::current_path(before);
 }
 
 TEST_F(DirTest, AMissingDirectoryGivesAnEmptyListAndItsError) {

@@ -2,8 +2,10 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/text.h"
 #include "runtime/DebugLog.h"
@@ -13,31 +15,35 @@
 
 namespace {
 
-class Counter final : public IDebugLogSniffer {
+class Console final : public IDebugLogSniffer {
  public:
-  void Sniff(const std::wstring&) override { ++lines; }
+  void Sniff(const std::wstring& line) override {
+    (line.find(L"No log file in ") == std::wstring::npos ? lines : troubles) += 1;
+  }
   int lines = 0;  // of the writer thread until the log has ended
+  int troubles = 0;
 };
 
 class LogFilesPosix : public testing::Test {
  protected:
-  // Writes 100 lines to a log with small files; the result is how many were shown.
-  // `midway` runs when the first half has been shown and stored.
-  int LinesShown(const std::function<void()>& midway = nullptr) {
-    Counter counter;
+  // Writes 100 lines to a log with small files. `midway` runs when the first half has been shown
+  // and stored. The result is how often the console heard that there is no file.
+  int Troubles(const std::function<void()>& midway = nullptr) {
+    Console console;
     {
       const auto log = CreateDebugLog(params_);
-      log->SetSniffer(&counter);
+      log->SetSniffer(&console);
       for (int i = 0; i < 100; ++i) {
         if (midway && i == 50) {
           log->SetSniffer(nullptr);  // waits for the lines so far
-          log->SetSniffer(&counter);
+          log->SetSniffer(&console);
           midway();
         }
         log->Write(L"a line of a log with files of a small size");
       }
     }
-    return counter.lines;
+    EXPECT_EQ(console.lines, 100);
+    return console.troubles;
   }
 
   TempDir dir_;
@@ -46,45 +52,81 @@ class LogFilesPosix : public testing::Test {
 
 }  // namespace
 
-TEST_F(LogFilesPosix, ADirectoryThatIsDeletedMeanwhileCostsTheFilesAlone) {
-  std::filesystem::create_directory(dir_.File("logs"));
-  EXPECT_EQ(LinesShown([&] { std::filesystem::remove_all(dir_.File("logs")); }), 100);
-  EXPECT_FALSE(dir_.Has("logs"));
+TEST_F(LogFilesPosix, ADirectoryThatIsDeletedMeanwhileComesBack) {
+  EXPECT_EQ(Troubles([&] { std::filesystem::remove_all(dir_.File("logs")); }), 0);
+  EXPECT_FALSE(std::filesystem::is_empty(dir_.File("logs")));
 }
 
 // In a temporary directory that all users share, anybody can have been there first.
-TEST_F(LogFilesPosix, ADirectoryOfOthersHoldsNoLog) {
+TEST_F(LogFilesPosix, ADirectoryOfOthersHoldsNoLogAndTheConsoleSaysSo) {
   dir_.Write("victim", "keep");
   std::filesystem::create_directory(dir_.File("real"));
   std::filesystem::create_directory_symlink("real", dir_.File("logs"));
-  EXPECT_EQ(LinesShown(), 100);
+  EXPECT_EQ(Troubles(), 1);
   EXPECT_TRUE(std::filesystem::is_empty(dir_.File("real")));
 
   std::filesystem::remove(dir_.File("logs"));
   std::filesystem::create_directory(dir_.File("logs"));
-  ASSERT_EQ(chmod(dir_.File("logs").c_str(), 0777), 0);
-  EXPECT_EQ(LinesShown(), 100);
-  EXPECT_TRUE(std::filesystem::is_empty(dir_.File("logs")));
+  for (const mode_t mode : {0770u, 0707u}) {
+    ASSERT_EQ(chmod(dir_.File("logs").c_str(), mode), 0);
+    EXPECT_EQ(Troubles(), 1) << std::oct << mode;
+    EXPECT_TRUE(std::filesystem::is_empty(dir_.File("logs")));
+  }
 
   ManualClock clock;
   ASSERT_EQ(chmod(dir_.File("logs").c_str(), 0700), 0);
   std::filesystem::create_symlink(dir_.File("victim"), dir_.File("logs/emu~20260102-030405.log"));
-  EXPECT_EQ(LinesShown(), 100);
+  EXPECT_EQ(Troubles(), 0);
   EXPECT_EQ(dir_.Read("victim"), "keep");
 }
 
-TEST_F(LogFilesPosix, TheProgramsLogStandsInTheTemporaryDirectoryByItsName) {
+// The program's own log: where it stands, whom it is for, and its limits.
+TEST_F(LogFilesPosix, TheProgramsLogHoldsPiecesOf1MiBFor20DaysAnd20MiBInAll) {
+  const std::string name = "runtime_tests.logs/runtime_tests~";
+  const auto file = [&](const char* stamp) { return name + stamp + ".log"; };
+  const auto write = [&](const char* stamp, uintmax_t size) {
+    dir_.Write(file(stamp), "");
+    std::filesystem::resize_file(dir_.File(file(stamp)), size);
+  };
   ManualClock clock;
   const char* named = getenv("TMPDIR");
   const std::string before = named ? named : "";
   ASSERT_EQ(setenv("TMPDIR", dir_.Path().c_str(), 1), 0);
-  EnvironmentCommon().GetLog()->Write(L"found");
+  clock.SetLocal({2026, 1, 22, 0, 0, 0, 0});
+  {
+    EnvironmentCommon environment;
+    const auto log = environment.GetLog();
+    // Returns when the log has stored one more MiB, and a rotation has deleted what it deletes.
+    const auto fill = [&](int second, const std::string& gone) {
+      log->SetSniffer(nullptr);  // the writer stands still
+      clock.SetLocal({2026, 1, 22, 0, 0, second, 0});
+      for (int i = 0; i < 1060; ++i)
+        log->Write(std::wstring(1000 - 39, L'x'));
+      const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (dir_.Has(gone) && std::chrono::steady_clock::now() < limit)
+        std::this_thread::yield();
+      EXPECT_FALSE(dir_.Has(gone)) << gone;
+    };
+    log->Write(L"the first");
+    log->SetSniffer(nullptr);
+    write("20260101-000000", 1);  // 21 days old
+    write("20260102-000000", 1);  // 20
+    write("20260103-000000", (18u << 20) + 500'000);
+    fill(1, file("20260101-000000"));
+    EXPECT_TRUE(dir_.Has(file("20260102-000000")));
+    EXPECT_TRUE(dir_.Has(file("20260103-000000"))) << "19.5 MiB in all";
+    fill(2, file("20260103-000000"));  // 20.5 MiB in all
+    EXPECT_FALSE(dir_.Has(file("20260102-000000")));
+  }
   named ? setenv("TMPDIR", before.c_str(), 1) : unsetenv("TMPDIR");
+
+  const std::string first = dir_.Read(file("20260122-000000"));
+  EXPECT_NE(first.find(" @ the first\r\n"), std::string::npos);
+  EXPECT_GT(first.size(), 1'048'576u);
+  EXPECT_LT(first.size(), 1'048'576u + 1200) << "a line and the banner more";
   struct stat info {};
   ASSERT_EQ(stat(dir_.File("runtime_tests.logs").c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0700u);
-  const std::string file = "runtime_tests.logs/runtime_tests~20260102-030405.log";
-  EXPECT_NE(dir_.Read(file).find(" @ found\r\n"), std::string::npos);
-  ASSERT_EQ(stat(dir_.File(file).c_str(), &info), 0);
+  ASSERT_EQ(stat(dir_.File(file("20260122-000000")).c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
 }

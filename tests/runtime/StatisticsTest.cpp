@@ -45,23 +45,13 @@ class StatisticsTest : public testing::Test {
 };
 
 TEST_F(StatisticsTest, LineHoldsMeanAndSpreadOfTheIntervals) {
-  for (const int ms : {2, 4, 4, 6})
-    Interval(ms * kTicksPerMs);
+  for (const int64_t ticks : {15'000, 35'000, 44'999, 64'999})  // rounded to 2, 4, 4, 6 ms
+    Interval(ticks);
   EXPECT_EQ(Flush(), " N=4, E=4, J=1, S=1.41421, Min=2, Max=6(03:04:05.006), Unit=1/1000");
-}
-
-TEST_F(StatisticsTest, MeanOnlyModeLeavesTheSpreadOut) {
   Configure(StatSeries::kMeanOnly);
   Interval(1 * kTicksPerMs);
   Interval(2 * kTicksPerMs);
   EXPECT_EQ(Flush(), " N=2, E=1.5, Min=1, Max=2(03:04:05.006), Unit=1/1000");
-}
-
-TEST_F(StatisticsTest, IntervalsAreRoundedToTheNearestUnit) {
-  Interval(14999);
-  EXPECT_EQ(Flush(), " N=1, E=1, J=0, S=0, Min=1, Max=1(03:04:05.006), Unit=1/1000");
-  Interval(15000);
-  EXPECT_EQ(Flush(), " N=1, E=2, J=0, S=0, Min=2, Max=2(03:04:05.006), Unit=1/1000");
 }
 
 TEST_F(StatisticsTest, MeanSeesTheLastBinButMaxIsExact) {
@@ -161,18 +151,49 @@ TEST(StatIntervalTest, OpensOncePerPeriod) {
   }
 }
 
-TEST(ScopedDurationTest, OnlyAScopeOfFiveMillisecondsIsLogged) {
+// Both guards, just below and at the limit, and where milliseconds times the frequency leave 32
+// bits.
+TEST(GuardsTest, OnlyFiveMillisecondsAndMoreAreLogged) {
   ManualClock clock;
+  TrackedMutex mutex(std::wstring(L"SyncManager::OutMutex"));
+  TrackedRecursiveMutex recursive(L"UdpSock::_SockMutex");
   const auto spend = [&](int64_t ticks) {
-    ScopedDuration guard(L"RtpAudioManager::RecvAudio");
+    {
+      ScopedDuration guard(L"RtpAudioManager::RecvAudio");
+      clock.AdvanceTicks(ticks);
+    }
+    ScopedLock lock(mutex);
+    ScopedLock outer(recursive);
+    ScopedLock inner(recursive);
     clock.AdvanceTicks(ticks);
+  };
+  const auto lines = [](const std::wstring& ms) {
+    const std::wstring rest = L": Total=" + ms + L" Waiting=0 Owning=" + ms + L" Release=0";
+    return std::vector<std::wstring>{L"DURATION: " + ms + L" ms : RtpAudioManager::RecvAudio",
+                                     L"LOCK: UdpSock::_SockMutex" + rest,
+                                     L"LOCK: UdpSock::_SockMutex" + rest,
+                                     L"LOCK: SyncManager::OutMutex" + rest};
   };
   spend(49'999);
   EXPECT_TRUE(Log().Lines().empty());
   spend(50'000);
-  EXPECT_EQ(Log().TryTake(L"DURATION"), L"DURATION: 5 ms : RtpAudioManager::RecvAudio");
-  spend(10'007'000 * 60);  // milliseconds times the frequency are beyond 32 bits
-  EXPECT_EQ(Log().TryTake(L"DURATION"), L"DURATION: 60042 ms : RtpAudioManager::RecvAudio");
+  EXPECT_EQ(Log().Lines(), lines(L"5"));
+  Log().Clear();
+  spend(600'420'000);
+  EXPECT_EQ(Log().Lines(), lines(L"60042"));
+}
+
+TEST(GuardsTest, TheLockLineHoldsWaitingOwningAndReleasing) {
+  ManualClock clock;
+  LockTimes times;
+  times.requested = clock.Counter();
+  clock.AdvanceTicks(31'000);
+  times.granted = clock.Counter();
+  clock.AdvanceTicks(19'999);
+  times.releasing = clock.Counter();
+  clock.AdvanceTicks(70'000);
+  times.Report(L"x");
+  EXPECT_EQ(Log().TryTake(L"LOCK"), L"LOCK: x: Total=12 Waiting=3 Owning=1 Release=7");
 }
 
 }  // namespace

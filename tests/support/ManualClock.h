@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 
 #include "platform/clock.h"
 
@@ -16,7 +17,10 @@ class ManualClock final : public platform::Clock {
   void AdvanceTicks(int64_t ticks) { counter_ += ticks; }
   void AdvanceMs(int64_t ms) { counter_ += ms * (platform::kCounterFrequency / 1000); }
   void SetCounter(int64_t ticks) { counter_ = ticks; }
-  void SetLocal(const platform::LocalTime& time) { local_ = time; }  // before threads use it
+  void SetLocal(const platform::LocalTime& time) {
+    std::lock_guard lock(localMutex_);
+    local_ = time;
+  }
 
   int64_t Counter() override { return counter_; }
   // Moves the wall clock alone.
@@ -25,11 +29,15 @@ class ManualClock final : public platform::Clock {
   int64_t WallSeconds() override {
     return 1'700'000'000 + wallJump_ + counter_ / platform::kCounterFrequency;
   }
-  platform::LocalTime Local() override { return local_; }
+  platform::LocalTime Local() override {
+    std::lock_guard lock(localMutex_);
+    return local_;
+  }
   void Sleep(uint32_t milliseconds) override { AdvanceMs(milliseconds); }
 
  private:
   std::atomic<int64_t> counter_{1'000'000'000};
   std::atomic<int64_t> wallJump_{0};
+  std::mutex localMutex_;
   platform::LocalTime local_{2026, 1, 2, 3, 4, 5, 6};
 };
