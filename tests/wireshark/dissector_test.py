@@ -33,7 +33,7 @@ SINGLE = ("msg msg_id att ack_msg_id leader_id seg_count seg_number unit_id unit
 
 
 def wait(condition, what):
-    deadline = time.monotonic() + 30
+    deadline = time.monotonic() + 90
     while not condition():
         if time.monotonic() > deadline:
             sys.exit(f"waited in vain for {what}")
