@@ -66,12 +66,12 @@ TEST(JsonMsg, DatagramsAreExactToTheByte) {
 TEST(JsonMsg, BadDatagramsAreNoMessages) {
   EXPECT_EQ(Decode(""), nullptr);
   EXPECT_EQ(Decode("{\"msg\":\"get_state\",\"msg_id\":1}"), nullptr) << "no end";
-  const char* const good = "{\"msg\":\"get_state\",\"msg_id\":1";
-  EXPECT_NE(DecodeText(std::string(good) + "}"), nullptr);
-  EXPECT_EQ(Decode(std::string(good) + '\0' + '}'), nullptr);
+  const std::string good = "{\"msg\":\"get_state\",\"msg_id\":1";
+  EXPECT_NE(DecodeText(good + "}"), nullptr);
+  EXPECT_EQ(Decode(good + '\0' + '}'), nullptr);
   for (const char* tail : {",\"att\":1048577}", ",\"att\":4294967295}", ",\"att\":null}",
                            ",\"att\":-1}", "} \xC3", ",\"x\":\"\xED\xA0\x80\"}"})
-    EXPECT_EQ(DecodeText(good + std::string(tail)), nullptr) << tail;
+    EXPECT_EQ(DecodeText(good + tail), nullptr) << tail;
   for (const char* text : {
            "\xEF\xBB\xBF{\"msg\":\"get_state\",\"msg_id\":1}",
            "{\"msg\":\"get_state\"}",
