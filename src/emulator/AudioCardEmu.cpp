@@ -28,7 +28,7 @@ void PointIntoPairs(std::vector<float*>& bufs, int32_t pairs, float* samples) {
 }  // namespace
 
 AudioCardEmu::AudioCardEmu(INetManager* ctlNet, const NetFactory& makeNet)
-    : log_(GetDebugLog()), ctlNet_(ctlNet), rtpNet_(makeNet()) {}
+    : log_(GetDebugLog()), ctlNet_(ctlNet), rtpNet_(makeNet(NetWorker::Shared)) {}
 
 AudioCardEmu::~AudioCardEmu() {
   // The connection's thread may be waiting for audioMutex_, so it isn't held here.

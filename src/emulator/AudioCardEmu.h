@@ -25,7 +25,7 @@
 namespace Network {
 
 // Makes the networks of units and emulator: INetManager::Create, but for tests.
-using NetFactory = std::function<std::unique_ptr<INetManager>()>;
+using NetFactory = std::function<std::unique_ptr<INetManager>(NetWorker)>;
 
 class AudioCardEmu final : public ISyncTarget, public IJsonUdpReceiver {
  public:

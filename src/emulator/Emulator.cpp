@@ -44,7 +44,7 @@ Emulator::Emulator() : Emulator(&INetManager::Create, GetModulePath(true, true) 
 Emulator::Emulator(NetFactory makeNet, const std::wstring& settingsPath)
     : makeNet_(std::move(makeNet)), netErr_(ERR_HERE("Network::Emulator::Init")) {
   netErr_ = Try("Network::Emulator::Init", L"Can not make the control network: ", [&] {
-    netManager_ = makeNet_();
+    netManager_ = makeNet_(NetWorker::Own);  // no audio delays an acknowledgement
     broadcastCatcher_.reset(IJsonUdpManager::Create(L"BroadcastCatcher", netManager_.get()));
     return ERR_HERE("Network::Emulator::Init");
   });

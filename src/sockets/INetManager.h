@@ -1,4 +1,5 @@
-// Makes sockets and serves them all from one worker thread.
+// Makes sockets and serves them all from one worker thread: their callbacks run there, one at a
+// time.
 #pragma once
 
 #include <memory>
@@ -10,8 +11,17 @@ namespace Network {
 class ITcpSock;
 class ITcpListenSock;
 
-// Any thread may call these. Ends its worker when it is destroyed, and then closes the sockets that
-// nobody else holds. A created socket is closed until its Open.
+// Which worker thread serves a manager.
+enum class NetWorker {
+  Own,    // one for this manager alone
+  Shared  // one of a few in the process, at most one a core, that all such managers share. For many
+          // managers with short callbacks, as each callback holds up the sockets of the others
+};
+
+// Any thread may call these. A created socket is closed until its Open. When the manager has been
+// destroyed, no callback of its sockets runs and none can start, and the sockets that nobody else
+// holds are closed. So it mustn't be destroyed in such a callback, and who destroys it holds no
+// lock that one takes.
 class INetManager {
  public:
   virtual ~INetManager() = default;
@@ -20,9 +30,8 @@ class INetManager {
   virtual std::shared_ptr<ITcpSock> CreateTcpSock() = 0;
   virtual std::shared_ptr<ITcpListenSock> CreateTcpListenSock() = 0;
 
-  // The working manager; its worker thread runs from now on. Throws std::system_error when the
-  // system has no room for it.
-  static std::unique_ptr<INetManager> Create();
+  // The working manager. Throws std::system_error when the system has no room for it.
+  static std::unique_ptr<INetManager> Create(NetWorker worker = NetWorker::Own);
 };
 
 }  // namespace Network

@@ -1,6 +1,9 @@
 #include "sockets/NetManager.h"
 
-#include "platform/thread.h"
+#include <exception>
+
+#include "platform/text.h"
+#include "runtime/ErrInfo.h"
 #include "sockets/TcpListenSock.h"
 #include "sockets/TcpSock.h"
 #include "sockets/UdpSock.h"
@@ -9,7 +12,22 @@ namespace Network {
 
 namespace {
 
-constexpr uint32_t kIdleWaitMs = 100'000;
+constexpr char kSourceFile[] = "src\\NetManager";
+
+// Writes down the exception in flight, as far as memory allows that.
+void ReportException() noexcept {
+  try {
+    ErrInfo err = ERR_HERE("Network::NetManager::Run");
+    try {
+      throw;
+    } catch (const std::exception& thrown) {
+      err.SetText(L"A receiver threw: " + platform::Utf8ToWideLossy(thrown.what()));
+    } catch (...) {
+      err.SetText(L"A receiver threw something that is no std::exception");
+    }
+  } catch (...) {
+  }
+}
 
 // One turn of each socket, in the order of the list. True when one of them did work.
 template <typename Sock>
@@ -20,7 +38,8 @@ bool Serve(const std::vector<std::shared_ptr<Sock>>& socks, bool (Sock::*turn)()
       if ((sock.get()->*turn)()) busy = true;
     } catch (...) {
       // A receiver that threw, or no memory. The worker has the other sockets to serve, so it goes
-      // on, and looks again: this turn may have left something behind.
+      // on, and looks again: this turn may have left something undone.
+      ReportException();
       busy = true;
     }
   }
@@ -29,26 +48,20 @@ bool Serve(const std::vector<std::shared_ptr<Sock>>& socks, bool (Sock::*turn)()
 
 }  // namespace
 
-std::unique_ptr<INetManager> INetManager::Create() {
-  return std::make_unique<NetManager>();
+std::unique_ptr<INetManager> INetManager::Create(NetWorker worker) {
+  return std::make_unique<NetManager>(worker);
 }
 
-// The worker's copies of the registries. They keep their memory from round to round, and keep a
-// socket that was removed during a round alive until the next one.
-struct NetManager::Lists {
-  std::vector<std::shared_ptr<UdpSock>> udp;
-  std::vector<std::shared_ptr<TcpSock>> tcp;
-  std::vector<std::shared_ptr<TcpListenSock>> tcpListen;
-};
+NetManager::NetManager(NetWorker worker)
+    : place_(std::make_unique<SocketWorker::Place>(
+          worker == NetWorker::Shared ? SocketWorker::Shared() : SocketWorker::Own())),
+      home_(std::make_shared<SocketHome>(place_->Event())) {
+  place_->Serve(this);
+}
 
-NetManager::NetManager()
-    : home_(std::make_shared<SocketHome>(std::make_shared<platform::WakeSet>())),
-      worker_([this] { Run(); }) {}
-
+// No round after this: the rest may go in any order.
 NetManager::~NetManager() {
-  stop_ = true;
-  home_->GetEvent()->Signal();
-  worker_.join();
+  place_.reset();
 }
 
 std::shared_ptr<IUdpSock> NetManager::CreateUdpSock() {
@@ -69,31 +82,20 @@ std::shared_ptr<ITcpListenSock> NetManager::CreateTcpListenSock() {
   return sock;
 }
 
-void NetManager::Run() {
-  platform::SetTimeCritical();
-  Lists lists;
+// The sockets that have nothing answer their turn by a look into memory.
+bool NetManager::RunRound() {
+  ++roundCount_;
   bool busy = false;
-  while (!stop_) {
-    // Between busy rounds too: it doesn't sleep then, and brings the news of the sockets.
-    home_->GetEvent()->Wait(busy ? 0 : kIdleWaitMs);
-    if (stop_) break;
-    ++roundCount_;
-    try {
-      busy = RunRound(&lists);
-    } catch (...) {
-      busy = true;  // no memory for the copies: whatever woke the worker is still to be done
-    }
+  try {
+    home_->UdpSocks().Refresh(&udpSocks_);
+    busy |= Serve(udpSocks_, &UdpSock::TryReceive);
+    home_->TcpSocks().Refresh(&tcpSocks_);
+    busy |= Serve(tcpSocks_, &TcpSock::TrySendAndReceive);
+    home_->TcpListenSocks().Refresh(&tcpListenSocks_);
+    busy |= Serve(tcpListenSocks_, &TcpListenSock::TryAccept);
+  } catch (...) {
+    busy = true;  // no memory for a copy: whatever woke the worker is still to be done
   }
-}
-
-bool NetManager::RunRound(Lists* lists) {
-  bool busy = false;
-  home_->UdpSocks().CopyTo(&lists->udp);
-  busy |= Serve(lists->udp, &UdpSock::TryReceive);
-  home_->TcpSocks().CopyTo(&lists->tcp);
-  busy |= Serve(lists->tcp, &TcpSock::TrySendAndReceive);
-  home_->TcpListenSocks().CopyTo(&lists->tcpListen);
-  busy |= Serve(lists->tcpListen, &TcpListenSock::TryAccept);
   return busy;
 }
 

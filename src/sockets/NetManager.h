@@ -1,21 +1,21 @@
-// The working network manager: one thread that serves all the sockets made through it, one turn
-// each, every time it wakes.
+// The working network manager: serves all the sockets made through it from one worker thread, one
+// turn each, every time one of them has news.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <thread>
+#include <vector>
 
 #include "sockets/INetManager.h"
 #include "sockets/SocketHome.h"
+#include "sockets/SocketWorker.h"
 
 namespace Network {
 
-class NetManager final : public INetManager {
+class NetManager final : public INetManager, private SocketWorker::Client {
  public:
-  // Throws std::system_error when the system has no room for the worker.
-  NetManager();
+  explicit NetManager(NetWorker worker = NetWorker::Own);
   ~NetManager() override;
   NetManager(const NetManager&) = delete;
   NetManager& operator=(const NetManager&) = delete;
@@ -27,19 +27,21 @@ class NetManager final : public INetManager {
   // Where its sockets live. They keep it only weakly.
   const std::shared_ptr<SocketHome>& Home() const { return home_; }
 
-  // Rounds that the worker has begun. An idle worker begins none.
+  // Rounds that the worker has begun. A manager without news gets none.
   uint64_t RoundCount() const { return roundCount_; }
 
  private:
-  struct Lists;
+  bool RunRound() override;
 
-  void Run();
-  bool RunRound(Lists* lists);
+  // The worker's copies of the registries. They keep a socket that was removed during a round alive
+  // until the next one.
+  std::vector<std::shared_ptr<UdpSock>> udpSocks_;
+  std::vector<std::shared_ptr<TcpSock>> tcpSocks_;
+  std::vector<std::shared_ptr<TcpListenSock>> tcpListenSocks_;
 
-  const std::shared_ptr<SocketHome> home_;
-  std::atomic<bool> stop_{false};
   std::atomic<uint64_t> roundCount_{0};
-  std::thread worker_;  // last: it uses all of the above
+  std::unique_ptr<SocketWorker::Place> place_;
+  const std::shared_ptr<SocketHome> home_;
 };
 
 }  // namespace Network

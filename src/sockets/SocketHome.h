@@ -7,6 +7,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -29,6 +30,7 @@ class SocketRegistry {
   void Add(std::shared_ptr<Sock> sock) {
     ScopedLock lock(mutex_);
     socks_.push_back(std::move(sock));
+    changed_ = true;
   }
 
   // Does nothing when it isn't there.
@@ -40,17 +42,24 @@ class SocketRegistry {
     if (found == socks_.end()) return;
     removed = std::move(*found);
     socks_.erase(found);
+    changed_ = true;
   }
 
-  void CopyTo(std::vector<std::shared_ptr<Sock>>* list) {
-    list->clear();  // before the lock: a socket may die here
+  // Makes `list` a copy of the registry, which costs nothing as long as that hasn't changed. Keeps
+  // the old list when there is no memory. One thread, always with the same list.
+  void Refresh(std::vector<std::shared_ptr<Sock>>* list) {
+    if (!changed_) return;
+    std::vector<std::shared_ptr<Sock>> old;  // dies after the unlock, and sockets perhaps with it
     ScopedLock lock(mutex_);
-    *list = socks_;
+    old = socks_;
+    old.swap(*list);
+    changed_ = false;
   }
 
  private:
   TrackedMutex mutex_;
   std::vector<std::shared_ptr<Sock>> socks_;
+  std::atomic<bool> changed_{false};  // since the latest Refresh
 };
 
 class SocketHome {

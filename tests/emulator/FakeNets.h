@@ -38,7 +38,7 @@ class FakeNets {
   FakeNets() { Log().Allow(L"No ack received"); }
 
   Network::NetFactory Factory() {
-    return [this]() -> std::unique_ptr<Network::INetManager> {
+    return [this](Network::NetWorker) -> std::unique_ptr<Network::INetManager> {
       if (made == room) throw std::system_error(kNoRoom, std::generic_category());
       ++made;
       auto net = std::make_shared<FakeNetManager>();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -15,37 +16,48 @@ namespace {
 constexpr uint32_t kLongMs = 60'000;
 
 // In milliseconds.
-int64_t WaitTime(platform::WakeSet& wakeSet, uint32_t milliseconds) {
+int64_t WaitTime(platform::Waiter& waiter, uint32_t milliseconds) {
   const int64_t start = platform::SystemClock().Counter();
-  wakeSet.Wait(milliseconds);
+  waiter.Wait(milliseconds);
   return (platform::SystemClock().Counter() - start) * 1000 / platform::kCounterFrequency;
 }
 
 }  // namespace
 
-TEST(WakeSet, RemembersASignalForTheNextWaitOnce) {
-  platform::WakeSet wakeSet;
-  wakeSet.Signal();
-  wakeSet.Signal();
-  EXPECT_LT(WaitTime(wakeSet, kLongMs), kLongMs / 2);
-  EXPECT_GE(WaitTime(wakeSet, 20), 19) << "both signals were one";
-  EXPECT_LT(WaitTime(wakeSet, 0), kLongMs / 2);
+TEST(WakeSet, SignalEndsOneWaitAndNamesItsSet) {
+  const auto waiter = std::make_shared<platform::Waiter>();
+  platform::WakeSet one(waiter);
+  platform::WakeSet other(waiter);
+  waiter->Wait(0);  // a set that has just come may wake
+  one.Signal();
+  one.Signal();
+  EXPECT_LT(WaitTime(*waiter, kLongMs), kLongMs / 2);
+  EXPECT_TRUE(one.TakeNews());
+  EXPECT_FALSE(one.TakeNews()) << "both signals were one";
+  EXPECT_FALSE(other.TakeNews());
+  EXPECT_GE(WaitTime(*waiter, 20), 19);
+  waiter->Wake();
+  EXPECT_LT(WaitTime(*waiter, kLongMs), kLongMs / 2);
+  EXPECT_FALSE(one.TakeNews());
 }
 
 TEST(WakeSet, EndsAWaitInProgress) {
-  platform::WakeSet wakeSet;
-  std::atomic<int> waits{0};
-  std::thread waiter([&] {
-    for (; waits < 1000; ++waits)
-      wakeSet.Wait(kLongMs);
+  const auto waiter = std::make_shared<platform::Waiter>();
+  platform::WakeSet wakeSet(waiter);
+  std::atomic<int> news{0};
+  std::thread thread([&] {
+    while (news < 1000) {
+      waiter->Wait(kLongMs);
+      if (wakeSet.TakeNews()) ++news;
+    }
   });
-  // Signals fall before, into and behind the waits; each of them ends one more.
+  // Signals fall before, into and after the waits; each of them makes news once.
   for (int seen = 0; seen < 1000; ++seen) {
     wakeSet.Signal();
-    while (waits == seen)
+    while (news == seen)
       std::this_thread::yield();
   }
-  waiter.join();
+  thread.join();
 }
 
 TEST(Interfaces, HaveTheLoopbackWithItsBroadcastAddress) {

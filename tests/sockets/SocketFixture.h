@@ -162,7 +162,7 @@ class Peer {
         return bytes;
       }
       if (std::chrono::steady_clock::now() > deadline) break;
-      wakeSet->Wait(1000);
+      waiter->Wait(1000);
     }
     ADD_FAILURE() << "nothing came";
     return {};
@@ -179,7 +179,8 @@ class Peer {
     return all;
   }
 
-  std::shared_ptr<platform::WakeSet> wakeSet = std::make_shared<platform::WakeSet>();
+  std::shared_ptr<platform::Waiter> waiter = std::make_shared<platform::Waiter>();
+  std::shared_ptr<platform::WakeSet> wakeSet = std::make_shared<platform::WakeSet>(waiter);
   platform::Socket socket;
 };
 

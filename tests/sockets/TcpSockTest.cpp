@@ -280,8 +280,8 @@ TEST_F(TcpSock, DropsWhatCameWithABrokenConnection) {
   Listen();
   ITcpSock* const sock = ConnectPeer();
   ASSERT_EQ(Send(sock, BytesOf("never read")).text, L"");
-  peer.wakeSet->Wait(20000);  // it has arrived
-  ExpectTheWorkerRests();     // and this end has nothing left to do
+  peer.waiter->Wait(20000);  // it has arrived
+  ExpectTheWorkerRests();    // and this end has nothing left to do
   WhileTheWorkerIsHeld([&] {
     EXPECT_TRUE(peer.socket.Send("lost", 4).Ok());
     peer.socket.Close();

@@ -274,6 +274,9 @@ TEST_F(UdpSock, WorkerSurvivesAReceiverThatThrows) {
   Send("throw again");
   EXPECT_TRUE(thrower.WaitDatagrams(2));
   ExpectTheWorkerRests();
+  for (int i = 0; i < 2; ++i)
+    EXPECT_NE(Log().TryTake(L"A receiver threw: from a receiver Method=Network::NetManager::Run"),
+              L"");
   bad->Close();
   good->Close();
 }

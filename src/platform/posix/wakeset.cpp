@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 namespace platform {
 
@@ -15,12 +16,14 @@ namespace {
 
 constexpr uint64_t kSignalKey = 0;
 
-// More are told at the next Wait, which then doesn't sleep.
+// More are reported at the next Wait, which then doesn't sleep.
 constexpr int kEventsPerWait = 256;
 
 }  // namespace
 
-WakeSet::WakeSet() : impl_(std::make_unique<Impl>()) {
+const size_t Waiter::kMostWakeSets = std::numeric_limits<size_t>::max();
+
+Waiter::Waiter() : impl_(std::make_unique<Impl>()) {
   impl_->epoll = epoll_create1(EPOLL_CLOEXEC);
   impl_->signal = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   epoll_event event{};
@@ -35,19 +38,19 @@ WakeSet::WakeSet() : impl_(std::make_unique<Impl>()) {
   }
 }
 
-WakeSet::~WakeSet() {
+Waiter::~Waiter() {
   close(impl_->signal);
   close(impl_->epoll);
 }
 
-void WakeSet::Signal() {
+void Waiter::Wake() {
   const uint64_t one = 1;
   // Fails only when the counter is full, and then it is signalled.
   while (write(impl_->signal, &one, sizeof one) == -1 && errno == EINTR) {
   }
 }
 
-void WakeSet::Wait(uint32_t milliseconds) {
+void Waiter::Wait(uint32_t milliseconds) {
   epoll_event events[kEventsPerWait];
   const int timeout =
       static_cast<int>(std::min<uint32_t>(milliseconds, std::numeric_limits<int>::max()));
@@ -66,29 +69,59 @@ void WakeSet::Wait(uint32_t milliseconds) {
       continue;
     }
     const auto found = impl_->watches.find(key);
-    if (found != impl_->watches.end()) found->second->ready.fetch_or(events[i].events);
+    if (found == impl_->watches.end()) continue;
+    found->second.descriptor->ready.fetch_or(events[i].events);
+    *found->second.news = true;
   }
 }
 
+WakeSet::WakeSet(std::shared_ptr<Waiter> waiter) : impl_(std::make_unique<Impl>()) {
+  impl_->waiter = std::move(waiter);
+  impl_->news = &news_;
+}
+
+WakeSet::~WakeSet() = default;
+
+// News that was there already has a wake-up on its way, or the worker at work on it.
+void WakeSet::Signal() {
+  if (!news_.exchange(true)) impl_->waiter->Wake();
+}
+
+// A descriptor that stayed in the epoll set with a datagram that nobody receives would wake the
+// worker for ever.
+void WakeSet::Close() {
+  Waiter::Impl& waiter = impl_->waiter->GetImpl();
+  std::lock_guard lock(waiter.mutex);
+  impl_->closed = true;
+  std::erase_if(waiter.watches, [&](const auto& entry) {
+    if (entry.second.news != &news_) return false;
+    epoll_ctl(waiter.epoll, EPOLL_CTL_DEL, entry.second.descriptor->fd, nullptr);
+    return true;
+  });
+}
+
 uint32_t WakeSet::Impl::Add(WatchedDescriptor& descriptor, uint32_t events) {
-  std::lock_guard lock(mutex);
+  Waiter::Impl& shared = waiter->GetImpl();
+  std::lock_guard lock(shared.mutex);
+  if (closed) return 0;
   epoll_event event{};
   event.events = events;
-  event.data.u64 = ++lastWatch;
-  watches.emplace(lastWatch, &descriptor);
-  if (epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor.fd, &event) == -1) {
+  event.data.u64 = ++shared.lastWatch;
+  shared.watches.emplace(shared.lastWatch, Waiter::Impl::Watch{&descriptor, news});
+  if (epoll_ctl(shared.epoll, EPOLL_CTL_ADD, descriptor.fd, &event) == -1) {
     const int error = errno;
-    watches.erase(lastWatch);
+    shared.watches.erase(shared.lastWatch);
     return static_cast<uint32_t>(error);
   }
-  descriptor.watch = lastWatch;
+  descriptor.watch = shared.lastWatch;
   return 0;
 }
 
 void WakeSet::Impl::Remove(WatchedDescriptor& descriptor) {
-  std::lock_guard lock(mutex);
-  epoll_ctl(epoll, EPOLL_CTL_DEL, descriptor.fd, nullptr);
-  watches.erase(descriptor.watch);
+  Waiter::Impl& shared = waiter->GetImpl();
+  std::lock_guard lock(shared.mutex);
+  if (shared.watches.erase(descriptor.watch) != 0)
+    epoll_ctl(shared.epoll, EPOLL_CTL_DEL, descriptor.fd, nullptr);
   descriptor.watch = 0;
 }
 

@@ -1,7 +1,5 @@
-// The wake set as the sockets of this folder use it.
-//
-// mutex guards `watches` and each change of the epoll set, so that an event read before a
-// descriptor was removed finds nothing any more, instead of a socket that has gone.
+// The wake set as the sockets of this folder use it. All wake sets of a waiter share its one epoll
+// set.
 #pragma once
 
 #include <atomic>
@@ -13,11 +11,27 @@
 
 namespace platform {
 
-// A file descriptor and what epoll has told about it since it was last asked.
+// A file descriptor and what epoll has reported about it since it was last asked.
 struct WatchedDescriptor {
   std::atomic<int> fd{-1};
-  std::atomic<uint32_t> ready{0};  // EPOLL… bits, added by the thread in WakeSet::Wait
-  uint64_t watch = 0;              // key in the wake set; 0: not watched
+  std::atomic<uint32_t> ready{0};  // EPOLL… bits, added by the thread in Waiter::Wait
+  uint64_t watch = 0;              // key in the waiter; 0: not watched
+};
+
+// mutex guards `watches`, each change of the epoll set and the `closed` of the wake sets, so that
+// an event read before a descriptor was removed finds nothing any more, instead of a socket that
+// has gone.
+struct Waiter::Impl {
+  struct Watch {
+    WatchedDescriptor* descriptor;
+    std::atomic<bool>* news;  // of its wake set
+  };
+
+  int epoll = -1;
+  int signal = -1;  // eventfd that Wake writes to
+  std::mutex mutex;
+  std::unordered_map<uint64_t, Watch> watches;
+  uint64_t lastWatch = 0;
 };
 
 struct WakeSet::Impl {
@@ -25,11 +39,9 @@ struct WakeSet::Impl {
   uint32_t Add(WatchedDescriptor& descriptor, uint32_t events);
   void Remove(WatchedDescriptor& descriptor);
 
-  int epoll = -1;
-  int signal = -1;  // eventfd behind WakeSet::Signal
-  std::mutex mutex;
-  std::unordered_map<uint64_t, WatchedDescriptor*> watches;
-  uint64_t lastWatch = 0;
+  std::shared_ptr<Waiter> waiter;
+  std::atomic<bool>* news;
+  bool closed = false;
 };
 
 }  // namespace platform

@@ -172,8 +172,8 @@ SocketResult Socket::Watch(const std::shared_ptr<WakeSet>& wakeSet, uint32_t eve
   impl_->wakeSet = wakeSet;
   impl_->watched = true;
   // The bits of SocketEvent are those of the system (FD_READ and so on).
-  const SocketResult result =
-      Outcome(WSAEventSelect(impl_->handle, wakeSet->GetImpl().event, static_cast<long>(events)));
+  const SocketResult result = Outcome(
+      WSAEventSelect(impl_->handle, wakeSet->GetImpl().event->handle, static_cast<long>(events)));
   if (!result.Ok()) {
     impl_->watched = false;
     impl_->wakeSet.reset();
