@@ -10,6 +10,7 @@
 
 #include "platform/clock.h"
 #include "platform/interfaces.h"
+#include "platform/socket.h"
 
 namespace {
 
@@ -58,6 +59,30 @@ TEST(WakeSet, EndsAWaitInProgress) {
       std::this_thread::yield();
   }
   thread.join();
+}
+
+// A socket that outlives the maker of its set would keep the worker of others awake.
+TEST(WakeSet, ClosedSetWakesNobody) {
+  const auto waiter = std::make_shared<platform::Waiter>();
+  const auto wakeSet = std::make_shared<platform::WakeSet>(waiter);
+  platform::SocketAddress local;
+  local.address[0] = 127, local.address[1] = local.address[2] = 0, local.address[3] = 1;
+  platform::Socket before, after;
+  const auto deliver = [&](platform::Socket& socket) {
+    ASSERT_TRUE(socket.OpenUdp().Ok());
+    ASSERT_TRUE(socket.Bind(local).Ok());
+    ASSERT_TRUE(socket.Watch(wakeSet, platform::kSocketRead).Ok());
+    platform::SocketAddress bound;
+    ASSERT_TRUE(socket.LocalAddress(&bound).Ok());
+    ASSERT_TRUE(socket.SendTo("x", 1, bound).Ok());
+  };
+  deliver(before);
+  while (!wakeSet->TakeNews())
+    waiter->Wait(kLongMs);
+  wakeSet->Close();
+  deliver(after);
+  waiter->Wait(0);
+  EXPECT_GE(WaitTime(*waiter, 20), 19);
 }
 
 TEST(Interfaces, HaveTheLoopbackWithItsBroadcastAddress) {
