@@ -1,25 +1,40 @@
 // The commands that move audio: record, play, watch.
 #include <algorithm>
 #include <cmath>
+#include <deque>
+#include <memory>
 
+#include "AudioFile.h"
 #include "Commands.h"
 #include "Recorder.h"
-#include "Streams.h"
-#include "platform/clock.h"
 #include "platform/startup.h"
-#include "runtime/Clocks.h"
+#include "platform/thread.h"
+#include "wire/StreamStats.h"
+#include "wire/Streams.h"
 
 namespace ctl {
 
-using namespace Network;
+using std::chrono::milliseconds;
+using wire::AudioReceiver;
+using wire::Clock;
+using wire::StreamPacket;
+using wire::StreamStats;
+using wire::Unit;
+using Packets = std::deque<StreamPacket>;
 
 namespace {
 
-constexpr uint32_t kPollMs = 50;
+constexpr auto kPoll = milliseconds(50);
 constexpr size_t kMeterWidth = 20;
 
-double SecondsSince(int64_t start) {
-  return static_cast<double>(ClockRead(nullptr) - start) / 1e7;
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// From here on the loop moves audio: this thread, the only one, goes before those that needn't be
+// in time. Where the user may not ask for that, nothing happens.
+void BeginAudio() {
+  platform::SetTimeCritical();
 }
 
 std::string Decibel(double peak) {
@@ -34,35 +49,38 @@ void AddStats(Fields& fields, const StreamStats& stats) {
       .Add("duplicates", stats.duplicates);
 }
 
-// Waits for the first audio packet, which tells the sample frequency.
-std::vector<StreamReceiver::Arrival> WaitFirst(StreamReceiver& receiver, const Unit& unit,
-                                               uint32_t timeoutMs) {
-  const int64_t start = ClockRead(nullptr);
-  while (SecondsSince(start) * 1000 < timeoutMs) {
-    CheckStop();
-    std::vector<StreamReceiver::Arrival> arrivals = receiver.Take(kPollMs);
-    std::erase_if(arrivals, [](const auto& a) { return a.packet.GetSmplCount() == 0; });
-    if (!arrivals.empty()) return arrivals;
+// Waits for the first audio packet, which has the sample frequency.
+Packets WaitFirst(Session& session, AudioReceiver& receiver, const Unit& unit) {
+  const auto isAudio = [](const StreamPacket& packet) { return packet.FrameCount() > 0; };
+  const bool came = session.Loop().RunUntil(
+      [&] { return std::any_of(receiver.Packets().begin(), receiver.Packets().end(), isAudio); },
+      session.Timeout());
+  if (came) {
+    Packets packets = receiver.Take();
+    std::erase_if(packets, [&](const StreamPacket& packet) { return !isAudio(packet); });
+    return packets;
   }
-  throw Failure{kNoAnswer, unit.Id() + " took the request but no audio arrived at " +
-                               ToText(receiver.Address()) +
+  throw Failure{kNoAnswer, unit.id + " took the request but no audio arrived at " +
+                               receiver.Local().ToText() +
                                "; does a firewall let UDP to that "
                                "port through? (--local ADDR names another address)"};
 }
 
 class Recording {
  public:
-  Recording(const RecordOptions& options, Output& out) : options_(options), out_(out) {}
+  Recording(Session& session, const RecordOptions& options, Output& out)
+      : session_(session), options_(options), out_(out) {}
 
-  int Run(const CommonOptions& common);
+  int Run();
 
  private:
-  void Feed(const std::vector<StreamReceiver::Arrival>& arrivals);
+  void Feed(const Packets& packets);
   void Drain(bool all);
-  bool IsSilentFor(uint32_t milliseconds) const;
+  bool HasGoneSilent() const { return Clock::now() - lastFed_ > session_.Timeout(); }
   void ShowProgress();
   void ShowResult(uint32_t freq);
 
+  Session& session_;
   const RecordOptions& options_;
   Output& out_;
   StreamStats stats_;
@@ -71,29 +89,31 @@ class Recording {
   uint64_t wanted_ = UINT64_MAX;  // frames
   uint64_t written_ = 0;          // frames
   double peaks_[2] = {0, 0};      // of the whole recording
-  int64_t lastFed_ = 0;
-  int64_t lastShown_ = 0;
+  Clock::time_point lastFed_;
+  Clock::time_point lastShown_;
 };
 
-int Recording::Run(const CommonOptions& common) {
+int Recording::Run() {
   WavWriter::CheckFree(options_.file, options_.force);  // before anything is touched
-  const Unit unit = FindUnit(options_.unit, common);
+  const Unit unit = session_.FindUnit(options_.unit);
   CheckInput(unit, options_.input);
-  const std::unique_ptr<INetManager> net = INetManager::Create();
-  StreamReceiver receiver(*net, LocalFor(unit, common));
-  UnitLink link(unit.control, common.timeoutMs);
-  InputLoan loan(link, unit, options_.input, receiver.Address());
+  AudioReceiver receiver(session_.Loop(), session_.LocalFor(unit));
+  InputLoan loan(session_, unit, options_.input, receiver.Local());
 
-  const auto first = WaitFirst(receiver, unit, common.timeoutMs);
-  const uint32_t freq = FreqOfPayloadType(first.front().packet.GetHeader().PayloadType());
+  const Packets first = WaitFirst(session_, receiver, unit);
+  const uint32_t freq = wire::SampleFreqOf(first.front().Header().payloadType);
   writer_ = std::make_unique<WavWriter>(options_.file, freq, options_.force);
   if (options_.seconds) {
     wanted_ = static_cast<uint64_t>(std::llround(*options_.seconds * freq));
   }
 
+  // Ctrl-C ends the recording, which then is whole.
+  const wire::Loop::Shield shield(session_.Loop());
+  BeginAudio();
   Feed(first);
-  while (written_ < wanted_ && !platform::WaitForStop(0) && !IsSilentFor(common.timeoutMs)) {
-    Feed(receiver.Take(kPollMs));
+  while (written_ < wanted_ && !platform::WaitForStop(0) && !HasGoneSilent()) {
+    session_.Loop().RunUntil([&] { return !receiver.Packets().empty(); }, kPoll);
+    Feed(receiver.Take());
     Drain(false);
     ShowProgress();
   }
@@ -102,33 +122,29 @@ int Recording::Run(const CommonOptions& common) {
   writer_->Close();
   ShowResult(freq);
   loan.Return();
-  if (!IsSilentFor(common.timeoutMs)) return kDone;
-  throw Failure{kNoAnswer, "the stream ended early: has " + unit.Id() +
+  if (!HasGoneSilent()) return kDone;
+  throw Failure{kNoAnswer, "the stream ended early: has " + unit.id +
                                " been stopped, or its input " + std::to_string(options_.input) +
                                " been sent elsewhere?"};
 }
 
-bool Recording::IsSilentFor(uint32_t milliseconds) const {
-  return SecondsSince(lastFed_) * 1000 > milliseconds;
-}
-
-void Recording::Feed(const std::vector<StreamReceiver::Arrival>& arrivals) {
-  if (!arrivals.empty()) lastFed_ = ClockRead(nullptr);
-  for (const auto& [packet, time] : arrivals) {
-    if (const auto place = stats_.Add(packet, time)) recorder_.Put(*place, FramesOf(packet));
+void Recording::Feed(const Packets& packets) {
+  if (!packets.empty()) lastFed_ = Clock::now();
+  for (const StreamPacket& packet : packets) {
+    if (const auto place = stats_.Add(packet)) recorder_.Put(*place, packet.Audio());
   }
 }
 
 void Recording::Drain(bool all) {
-  std::vector<Frame> frames = recorder_.Take(all);
+  wire::Frames frames = recorder_.Take(all);
   frames.resize(static_cast<size_t>(std::min<uint64_t>(frames.size(), wanted_ - written_)));
   writer_->Write(frames);
   written_ += frames.size();
 }
 
 void Recording::ShowProgress() {
-  if (ClockRead(nullptr) - lastShown_ < 2'000'000) return;  // five times a second
-  lastShown_ = ClockRead(nullptr);
+  if (SecondsSince(lastShown_) < 0.2) return;
+  lastShown_ = Clock::now();
   std::string meters;
   for (int channel = 0; channel < 2; ++channel) {
     const double peak = stats_.TakePeak(channel);
@@ -162,7 +178,7 @@ void Recording::ShowResult(uint32_t freq) {
 struct Watched {
   Unit unit;
   uint32_t input = 0;
-  std::unique_ptr<StreamReceiver> receiver;
+  std::unique_ptr<AudioReceiver> receiver;
   std::unique_ptr<InputLoan> loan;
   StreamStats stats;
   double rate = 0;  // packets a second since then
@@ -172,7 +188,7 @@ std::vector<std::string> ToRow(Watched& row, Output& out) {
   const double left = row.stats.TakePeak(0);
   const double right = row.stats.TakePeak(1);
   const uint64_t lost = row.stats.Lost();
-  return {row.unit.Id(),
+  return {row.unit.id,
           std::to_string(row.input),
           FormatMeter(left, kMeterWidth) + " " + FormatMeter(right, kMeterWidth),
           FormatNumber(row.rate, 1),
@@ -183,7 +199,7 @@ std::vector<std::string> ToRow(Watched& row, Output& out) {
 
 Fields ToFields(Watched& row) {
   Fields fields;
-  fields.Add("unit_id", row.unit.Id())
+  fields.Add("unit_id", row.unit.id)
       .Add("input", row.input)
       .Add("peak_left_db", ToDecibel(row.stats.TakePeak(0)))
       .Add("peak_right_db", ToDecibel(row.stats.TakePeak(1)))
@@ -194,46 +210,48 @@ Fields ToFields(Watched& row) {
 
 class Watching {
  public:
-  explicit Watching(Output& out) : out_(out), net_(INetManager::Create()) {}
+  Watching(Session& session, Output& out) : session_(session), out_(out) {}
 
-  int Run(const WatchOptions& options, const CommonOptions& common);
+  int Run(const WatchOptions& options);
 
  private:
-  void Open(const Unit& unit, const CommonOptions& common);
+  void Open(const Unit& unit);
   void Draw();
 
+  Session& session_;
   Output& out_;
-  std::unique_ptr<INetManager> net_;
-  std::vector<std::unique_ptr<UnitLink>> links_;
   std::vector<Watched> rows_;
   size_t drawn_ = 0;  // lines of the previous drawing, to be drawn over
 };
 
-int Watching::Run(const WatchOptions& options, const CommonOptions& common) {
+int Watching::Run(const WatchOptions& options) {
   if (options.units.empty()) {
-    for (const Unit& unit : Discovery().Find(common.DiscoverAt(), common.timeoutMs)) {
-      Open(unit, common);
-    }
+    for (const Unit& unit : session_.Find(session_.DiscoverAt(), session_.Timeout()))
+      Open(unit);
   }
   for (const std::string& name : options.units)
-    Open(FindUnit(name, common), common);
+    Open(session_.FindUnit(name));
   if (rows_.empty()) {
     throw Failure{
         kNoAnswer,
         "no unit with an input answered; is one running, with \"AddrStr\" set? (qz640ctl doctor)"};
   }
 
-  const int64_t start = ClockRead(nullptr);
-  int64_t lastDraw = start;
+  // Ctrl-C is the ordinary end.
+  const wire::Loop::Shield shield(session_.Loop());
+  BeginAudio();
+  const auto start = Clock::now();
+  auto lastDraw = start;
   const double period = out_.Live() ? 0.2 : 1.0;
-  while (!platform::WaitForStop(kPollMs)) {
+  while (!platform::WaitForStop(0)) {
+    session_.Loop().RunFor(kPoll);
     for (Watched& row : rows_) {
-      for (const auto& [packet, time] : row.receiver->Take(0))
-        row.stats.Add(packet, time);
+      for (const StreamPacket& packet : row.receiver->Take())
+        row.stats.Add(packet);
     }
     if (SecondsSince(lastDraw) >= period) {
       Draw();
-      lastDraw = ClockRead(nullptr);
+      lastDraw = Clock::now();
     }
     if (options.seconds && SecondsSince(start) >= *options.seconds) break;
   }
@@ -242,17 +260,16 @@ int Watching::Run(const WatchOptions& options, const CommonOptions& common) {
   return kDone;
 }
 
-void Watching::Open(const Unit& unit, const CommonOptions& common) {
+void Watching::Open(const Unit& unit) {
   // Named twice it is still one unit, with one former destination an input.
   const auto same = [&unit](const Watched& row) { return row.unit.control == unit.control; };
   if (std::any_of(rows_.begin(), rows_.end(), same)) return;
-  links_.push_back(std::make_unique<UnitLink>(unit.control, common.timeoutMs));
   for (uint32_t input = 0; input < unit.inputs; ++input) {
     Watched row;
     row.unit = unit;
     row.input = input;
-    row.receiver = std::make_unique<StreamReceiver>(*net_, LocalFor(unit, common));
-    row.loan = std::make_unique<InputLoan>(*links_.back(), unit, input, row.receiver->Address());
+    row.receiver = std::make_unique<AudioReceiver>(session_.Loop(), session_.LocalFor(unit));
+    row.loan = std::make_unique<InputLoan>(session_, unit, input, row.receiver->Local());
     rows_.push_back(std::move(row));
   }
 }
@@ -278,42 +295,44 @@ void Watching::Draw() {
 
 }  // namespace
 
-int RunRecord(const RecordOptions& options, const CommonOptions& common, Output& out) {
-  return Recording(options, out).Run(common);
+int RunRecord(Session& session, const RecordOptions& options, Output& out) {
+  return Recording(session, options, out).Run();
 }
 
-int RunWatch(const WatchOptions& options, const CommonOptions& common, Output& out) {
-  return Watching(out).Run(options, common);
+int RunWatch(Session& session, const WatchOptions& options, Output& out) {
+  return Watching(session, out).Run(options);
 }
 
-int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out) {
-  const Unit unit = FindUnit(options.unit, common);
+int RunPlay(Session& session, const PlayOptions& options, Output& out) {
+  const Unit unit = session.FindUnit(options.unit);
   CheckOutput(unit, options.output);
+
   uint64_t frames = static_cast<uint64_t>(std::llround(options.seconds * options.sampleFreq));
-  StreamSender::Source source;
+  wire::AudioSender::Source source;
   if (options.pattern) {
-    source = PatternSource(frames);
+    source = wire::PatternSource(frames);
   } else if (options.toneHz) {
-    source = ToneSource(*options.toneHz, options.levelDb, options.sampleFreq, frames);
+    source = wire::ToneSource(*options.toneHz, options.levelDb, options.sampleFreq, frames);
   } else {
-    auto reader = std::make_shared<AudioReader>(options.file, options.sampleFreq);
+    const auto reader = std::make_shared<AudioReader>(options.file, options.sampleFreq);
     frames = reader->FrameCount();
-    source = FileSource(std::move(reader));
+    source = [reader] { return reader->Read(wire::kPacketFrames); };
   }
 
-  const std::unique_ptr<INetManager> net = INetManager::Create();
-  const NetAddr to = unit.Output(options.output);
-  StreamSender sender(*net, to, options.sampleFreq, options.ppm, std::move(source));
-  const uint64_t packets = (frames + kPacketFrames - 1) / kPacketFrames;
-  while (!sender.WaitEnd(200) && !platform::WaitForStop(0)) {
+  const wire::Endpoint to = unit.Output(options.output);
+  const wire::Loop::Shield shield(session.Loop());
+  BeginAudio();
+  wire::AudioSender sender(session.Loop(), to, options.sampleFreq, options.ppm, std::move(source));
+  const uint64_t packets = (frames + wire::kPacketFrames - 1) / wire::kPacketFrames;
+  while (!sender.WaitEnd(milliseconds(200)) && !platform::WaitForStop(0)) {
     out.Progress(std::to_string(sender.Sent()) + " of " + std::to_string(packets) + " packets to " +
-                 ToText(to));
+                 to.ToText());
   }
   out.EndProgress();
 
   out.Object(
-      Fields().Add("to", ToText(to)).Add("packets", sender.Sent()).Add("failed", sender.Failed()));
-  out.Line("sent " + std::to_string(sender.Sent()) + " packets to " + ToText(to) +
+      Fields().Add("to", to.ToText()).Add("packets", sender.Sent()).Add("failed", sender.Failed()));
+  out.Line("sent " + std::to_string(sender.Sent()) + " packets to " + to.ToText() +
            (sender.Failed() ? ", " + std::to_string(sender.Failed()) + " failed" : ""));
   return sender.Failed() == 0 ? kDone : kRefused;
 }

@@ -7,6 +7,7 @@
 #include <sndfile.h>
 
 #include <filesystem>
+#include <vector>
 
 namespace ctl {
 
@@ -53,10 +54,10 @@ WavWriter::~WavWriter() {
   }
 }
 
-void WavWriter::Write(const std::vector<Frame>& frames) {
+void WavWriter::Write(const wire::Frames& frames) {
   std::vector<int> samples;
   samples.reserve(frames.size() * 2);
-  for (const Frame& frame : frames) {
+  for (const wire::Frame& frame : frames) {
     samples.push_back(static_cast<int>(static_cast<uint32_t>(frame.left) << kShift));
     samples.push_back(static_cast<int>(static_cast<uint32_t>(frame.right) << kShift));
   }
@@ -102,10 +103,10 @@ uint64_t AudioReader::FrameCount() const {
   return static_cast<uint64_t>(impl_->info.frames);
 }
 
-std::vector<Frame> AudioReader::Read(size_t count) {
+wire::Frames AudioReader::Read(size_t count) {
   std::vector<int> samples(count * 2);
   const sf_count_t got = sf_readf_int(impl_->file, samples.data(), static_cast<sf_count_t>(count));
-  std::vector<Frame> frames(static_cast<size_t>(got > 0 ? got : 0));
+  wire::Frames frames(static_cast<size_t>(got > 0 ? got : 0));
   for (size_t i = 0; i < frames.size(); ++i) {
     frames[i] = {samples[2 * i] >> kShift, samples[2 * i + 1] >> kShift};
   }
@@ -131,7 +132,7 @@ WavWriter::WavWriter(const std::string&, uint32_t, bool) {
   Missing();
 }
 WavWriter::~WavWriter() = default;
-void WavWriter::Write(const std::vector<Frame>&) {}
+void WavWriter::Write(const wire::Frames&) {}
 void WavWriter::Close() {}
 void WavWriter::CheckFree(const std::string&, bool) {
   Missing();
@@ -145,7 +146,7 @@ AudioReader::~AudioReader() = default;
 uint64_t AudioReader::FrameCount() const {
   return 0;
 }
-std::vector<Frame> AudioReader::Read(size_t) {
+wire::Frames AudioReader::Read(size_t) {
   return {};
 }
 

@@ -5,15 +5,10 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
+
+#include "wire/Audio.h"
 
 namespace ctl {
-
-// One stereo frame as it stands on the wire: signed 24-bit values.
-struct Frame {
-  int32_t left = 0;
-  int32_t right = 0;
-};
 
 // Throws Failure when the file exists (unless `overwrite`) or can't be made.
 class WavWriter {
@@ -28,7 +23,7 @@ class WavWriter {
   WavWriter& operator=(const WavWriter&) = delete;
 
   // Throws Failure when the disk doesn't take it.
-  void Write(const std::vector<Frame>& frames);
+  void Write(const wire::Frames& frames);
 
   // Ends the file; called by the destructor too, which then ignores a failure.
   void Close();
@@ -49,7 +44,7 @@ class AudioReader {
   uint64_t FrameCount() const;
 
   // Up to `count` frames; fewer at the end of the file.
-  std::vector<Frame> Read(size_t count);
+  wire::Frames Read(size_t count);
 
  private:
   struct Impl;

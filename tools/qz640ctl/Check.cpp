@@ -2,32 +2,36 @@
 #include <algorithm>
 
 #include "Check.h"
+
+#include <algorithm>
+#include <set>
+
 #include "Commands.h"
-#include "Probe.h"
-#include "platform/clock.h"
 #include "platform/startup.h"
-#include "platform/text.h"
-#include "runtime/Clocks.h"
+#include "wire/Link.h"
 
 namespace ctl {
 
-using namespace Network;
+using std::chrono::milliseconds;
+using wire::Clock;
+using wire::Json;
+using wire::Link;
+using wire::Message;
+using wire::Unit;
 
 namespace {
 
-constexpr uint32_t kAckMs = 500;     // for an acknowledgement, before it counts as missing
-constexpr uint32_t kSettleMs = 400;  // by then all repeats of a datagram are over
-constexpr double kAckGoodMs = 50;    // later ones make the peer repeat
-constexpr uint32_t kTransmissions = 5;
-constexpr uint32_t kNoFreq = 1;           // Hz; whatever a unit has, it isn't this
-constexpr size_t kLongAttachment = 3000;  // bytes: a head and three segments
+constexpr auto kAckTime = milliseconds(500);  // before an acknowledgement counts as missing
+constexpr auto kSettle = milliseconds(400);   // by then all repeats of a datagram are over
+constexpr double kAckGoodMs = 50;             // later ones make the peer repeat
+constexpr uint32_t kNoFreq = 1;               // Hz; whatever a unit has, it isn't this
+constexpr size_t kLongAttachment = 3000;      // bytes: a head and three segments
 
-double Ms(int64_t ticks) {
-  return static_cast<double>(ticks) / 1e4;
-}
-std::string MsText(double ms) {
-  return FormatNumber(ms, 1) + " ms";
-}
+// How much of its own lateness a check can bear: an acknowledgement is looked at to 50 ms, the
+// spacing of repeats to 10 ms, what comes within 400 ms coarsely.
+constexpr auto kAckBears = milliseconds(20);
+constexpr auto kRepeatsBear = milliseconds(8);
+constexpr auto kCountsBear = milliseconds(100);
 
 const char* Word(Verdict verdict) {
   switch (verdict) {
@@ -57,18 +61,19 @@ Colour ColourOf(Verdict verdict) {
   return Colour::None;
 }
 
-// The control protocol's checks. Each asks for one thing and reports one line.
+// The control protocol's checks. Each asks for one thing and reports one line. The link is of its
+// own, as it also leaves unacknowledged what it should.
 class ControlTour {
  public:
-  ControlTour(const Unit& unit, const CommonOptions& common, CheckReport& report)
-      : unit_(unit), common_(common), report_(report) {}
+  ControlTour(Session& session, const Unit& unit, CheckReport& report)
+      : session_(session), unit_(unit), report_(report), link_(session.Loop()) {}
 
   void Run() {
     Discovery();
-    Acknowledgement();
-    Repeats();
-    DuplicateFilter();
-    UnknownIsHarmless();
+    report_.Judge("acknowledgement", kAckBears, [this] { return Acknowledgement(); });
+    report_.Judge("repeats", kRepeatsBear, [this] { return Repeats(); });
+    report_.Judge("duplicate filter", kCountsBear, [this] { return DuplicateFilter(); });
+    report_.Judge("stray message", kCountsBear, [this] { return StrayMessage(); });
     DevInfo();
     Inputs();
     State();
@@ -78,286 +83,295 @@ class ControlTour {
 
  private:
   void Discovery();
-  void Acknowledgement();
-  void Repeats();
-  void DuplicateFilter();
-  void UnknownIsHarmless();
+  Finding Acknowledgement();
+  Finding Repeats();
+  Finding DuplicateFilter();
+  Finding StrayMessage();
   void DevInfo();
   void Inputs();
   void State();
   void Fm();
-  void FmTuner(uint32_t tuners);
-  void FmRefused(const char* name, const std::shared_ptr<JsonMsg>& request, uint32_t code);
+  void FmTuner(size_t tuners);
+  void FmRefused(const char* name, const char* request, const Json& members, uint32_t code);
   void Segments();
 
-  // Sends a request and waits for its answer; both are acknowledged as they should be.
-  template <typename Answer>
-  std::shared_ptr<Answer> Ask(const std::shared_ptr<JsonMsg>& request) {
-    probe_.Clear();
-    probe_.Send(request, unit_.control);
-    const auto answer = probe_.Wait(Is<Answer>(), common_.timeoutMs);
-    return answer ? std::dynamic_pointer_cast<Answer>(answer->msg) : nullptr;
+  // Sends a request, once and without waiting for its acknowledgement, and gives the answer as
+  // `understand` takes it; nothing, with the reason in `why_`, when none comes that it takes.
+  template <typename Understand>
+  auto Ask(const char* request, const char* answer, Understand understand,
+           const Json& members = Json::object())
+      -> std::optional<std::invoke_result_t<Understand, const Message&>> {
+    link_.Clear();
+    link_.Send(unit_.control, request, members);
+    const auto message = link_.Take(answer, unit_.control, session_.Timeout());
+    why_ = "no answer";
+    if (!link_.Complaints().empty()) why_ += "; it sent what is none: " + link_.Complaints().back();
+    if (!message) return std::nullopt;
+    try {
+      return understand(*message);
+    } catch (const wire::BadMessage& error) {
+      why_ = error.what();
+      return std::nullopt;
+    }
   }
 
-  Probe::Test AckOf(const JsonMsg& msg) const {
-    const uint32_t id = msg.msg_id;
-    return [id](const Probe::Arrival& arrival) {
-      const auto* ack = dynamic_cast<const JsonMsgAck*>(arrival.msg.get());
-      return ack && ack->ack_msg_id == id;
-    };
+  // Sends a request that has no answer; whether it was acknowledged.
+  bool Tell(const char* request, const Json& members) {
+    return link_.WaitAcks(link_.Send(unit_.control, request, members), 1, kAckTime);
   }
 
+  std::optional<std::vector<wire::Destination>> AskInputs() {
+    return Ask("get_inputs", "inputs", wire::ToDestinations);
+  }
+  std::optional<std::vector<int32_t>> AskFreqs() {
+    return Ask("get_fm_freq", "fm_freq",
+               [](const Message& message) { return wire::NumbersAt(message.body, "freq"); });
+  }
+
+  Session& session_;
   const Unit unit_;
-  const CommonOptions& common_;
   CheckReport& report_;
-  Probe probe_;
+  Link link_;
+  std::string why_;
 };
 
 void ControlTour::Discovery() {
-  const std::vector<NetAddr> at = common_.DiscoverAt();
-  for (const NetAddr& addr : at)
-    probe_.Send(std::make_shared<JsonMsgDevFind>(), addr);
-  const auto found = probe_.Wait(
-      [&](const Probe::Arrival& arrival) {
-        return arrival.from == unit_.control && Is<JsonMsgDevInfo>()(arrival);
-      },
-      common_.timeoutMs);
-  if (found) {
-    report_.Add("discovery", Verdict::Pass, "answered from " + unit_.Control());
+  const std::vector<wire::Endpoint> at = session_.DiscoverAt();
+  const std::vector<Unit> found =
+      wire::Discover(link_, session_.Loop(), at, session_.Timeout(), milliseconds(300));
+  const bool there = std::any_of(found.begin(), found.end(), [this](const Unit& unit) {
+    return unit.control == unit_.control;
+  });
+  if (there) {
+    report_.Add("discovery", Verdict::Pass, "answered from " + unit_.control.ToText());
   } else {
     report_.Add("discovery", Verdict::Fail,
-                "no dev_info from " + unit_.Control() + " (asked at " +
-                    (at.empty() ? std::string("no interface") : ToText(at.front())) +
+                "no dev_info from " + unit_.control.ToText() + " (asked at " +
+                    (at.empty() ? std::string("no interface") : at.front().ToText()) +
                     (at.size() > 1 ? " and elsewhere)" : ")"));
   }
 }
 
-void ControlTour::Acknowledgement() {
-  probe_.Clear();
-  const auto request = std::make_shared<JsonMsgGetState>();  // has no answer but this
-  const int64_t sent = probe_.Send(request, unit_.control);
-  const auto ack = probe_.Wait(AckOf(*request), kAckMs);
-  if (ack) {
-    const double ms = Ms(ack->time - sent);
-    report_.Add("acknowledgement", ms <= kAckGoodMs ? Verdict::Pass : Verdict::Fail, MsText(ms));
-    return;
+Finding ControlTour::Acknowledgement() {
+  link_.Clear();
+  const auto sent = Clock::now();
+  const uint32_t id = link_.Send(unit_.control, "get_state");  // has no answer but this
+  if (link_.WaitAcks(id, 1, kAckTime)) {
+    const double ms = ToMs(link_.AcksOf(id).front().time - sent);
+    return {ms <= kAckGoodMs ? Verdict::Pass : Verdict::Fail, MsText(ms)};
   }
-  const auto other = probe_.Wait(Is<JsonMsgAck>(), 0);
-  if (!other) {
-    report_.Add("acknowledgement", Verdict::Fail, "none within " + MsText(kAckMs));
-    return;
-  }
-  const auto& wrong = static_cast<const JsonMsgAck&>(*other->msg);
-  report_.Add("acknowledgement", Verdict::Fail,
-              "names message " + std::to_string(wrong.ack_msg_id) + ", not " +
-                  std::to_string(request->msg_id));
+  if (link_.Acks().empty()) return {Verdict::Fail, "none within " + MsText(ToMs(kAckTime))};
+  const uint32_t wrong = wire::NumberAt(link_.Acks().front().body, "ack_msg_id");
+  return {Verdict::Fail, "names message " + std::to_string(wrong) + ", not " + std::to_string(id)};
 }
 
 // An answer that nobody acknowledges comes five times, some 50 ms apart, and then no more.
-void ControlTour::Repeats() {
-  probe_.Clear();
-  probe_.SetAcknowledge(false);
-  probe_.Send(std::make_shared<JsonMsgGetDevInfo>(), unit_.control);
-  const auto first = probe_.Wait(Is<JsonMsgDevInfo>(), common_.timeoutMs);
-  if (!first) {
-    probe_.SetAcknowledge(true);
-    report_.Add("repeats", Verdict::Fail, "get_dev_info was not answered");
-    return;
-  }
-  const uint32_t id = first->msg->msg_id;
-  const auto same = [id](const Probe::Arrival& arrival) { return arrival.msg->msg_id == id; };
-  const auto all = probe_.Collect(same, 2 * kSettleMs);
-  probe_.SetAcknowledge(true);
-  probe_.Send(std::make_shared<JsonMsgAck>(id), unit_.control);
+Finding ControlTour::Repeats() {
+  link_.Clear();
+  link_.Acknowledge(false);
+  link_.Send(unit_.control, "get_dev_info");
+  const auto first = link_.Take("dev_info", unit_.control, session_.Timeout());
+  if (first) session_.Loop().RunFor(2 * kSettle);
+  link_.Acknowledge(true);
+  if (!first) return {Verdict::Fail, "get_dev_info was not answered"};
+  link_.SendAck(first->id, unit_.control);
 
+  std::vector<Clock::time_point> times;
+  for (const Message& message : link_.Received()) {
+    if (message.id == first->id && message.from == unit_.control) times.push_back(message.time);
+  }
   double longest = 0;
   double shortest = 1e9;
-  for (size_t i = 1; i < all.size(); ++i) {
-    longest = std::max(longest, Ms(all[i].time - all[i - 1].time));
-    shortest = std::min(shortest, Ms(all[i].time - all[i - 1].time));
+  for (size_t i = 1; i < times.size(); ++i) {
+    longest = std::max(longest, ToMs(times[i] - times[i - 1]));
+    shortest = std::min(shortest, ToMs(times[i] - times[i - 1]));
   }
   const std::string figure =
-      std::to_string(all.size()) + " transmissions" +
-      (all.size() > 1 ? ", " + MsText(shortest) + " to " + MsText(longest) + " apart" : "");
-  if (all.size() != kTransmissions) {
-    report_.Add("repeats", Verdict::Fail, figure + "; there must be 5");
-  } else {
-    const bool paced = shortest >= 40 && longest <= 100;
-    report_.Add("repeats", paced ? Verdict::Pass : Verdict::Warn, figure);
+      std::to_string(times.size()) + " transmissions" +
+      (times.size() > 1 ? ", " + MsText(shortest) + " to " + MsText(longest) + " apart" : "");
+  if (times.size() != wire::kTransmissions) return {Verdict::Fail, figure + "; there must be 5"};
+  const bool paced = shortest >= 40 && longest <= 100;
+  return {paced ? Verdict::Pass : Verdict::Warn, figure};
+}
+
+Finding ControlTour::DuplicateFilter() {
+  link_.Clear();
+  const uint32_t id = link_.Send(unit_.control, "get_dev_info");
+  for (int copy = 1; copy < 3; ++copy)
+    link_.SendWithId(id, unit_.control, "get_dev_info");
+  session_.Loop().RunFor(kSettle);
+  std::set<uint32_t> answers;
+  for (const Message& message : link_.Received()) {
+    if (message.type == "dev_info") answers.insert(message.id);
   }
+  const size_t acks = link_.AcksOf(id).size();
+  return {acks == 3 && answers.size() == 1 ? Verdict::Pass : Verdict::Fail,
+          "3 copies: " + std::to_string(acks) + " acknowledgements, " +
+              std::to_string(answers.size()) + " answer(s)"};
 }
 
-void ControlTour::DuplicateFilter() {
-  probe_.Clear();
-  const auto request = std::make_shared<JsonMsgGetDevInfo>();
-  for (int i = 0; i < 3; ++i)
-    probe_.Send(request, unit_.control);
-  const auto acks = probe_.Collect(AckOf(*request), kSettleMs);
-  const auto answers = probe_.Collect(Is<JsonMsgDevInfo>(), 0);
-  std::vector<uint32_t> ids;
-  for (const auto& answer : answers)
-    ids.push_back(answer.msg->msg_id);
-  std::sort(ids.begin(), ids.end());
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  const bool good = acks.size() == 3 && ids.size() == 1;
-  report_.Add("duplicate filter", good ? Verdict::Pass : Verdict::Fail,
-              "3 copies: " + std::to_string(acks.size()) + " acknowledgements, " +
-                  std::to_string(ids.size()) + " answer(s)");
-}
-
-void ControlTour::UnknownIsHarmless() {
-  // An answer type is no request: acknowledged, and nothing else.
-  probe_.Clear();
-  const auto stray = std::make_shared<JsonMsgState>();
-  probe_.Send(stray, unit_.control);
-  const bool acked = probe_.Wait(AckOf(*stray), kAckMs).has_value();
-  const auto others = probe_.Collect(
-      [](const Probe::Arrival& arrival) { return !Is<JsonMsgAck>()(arrival); }, kSettleMs / 2);
-  report_.Add("stray message", acked && others.empty() ? Verdict::Pass : Verdict::Fail,
-              std::string(acked ? "acknowledged" : "not acknowledged") + ", " +
-                  std::to_string(others.size()) + " other datagram(s)");
+// An answer type is no request: acknowledged, and nothing else.
+Finding ControlTour::StrayMessage() {
+  link_.Clear();
+  const bool acked = Tell("state", {{"device_freq", 0}, {"input_freq", 0}});
+  session_.Loop().RunFor(kSettle / 2);
+  const size_t others = link_.Received().size() + link_.Complaints().size();
+  return {acked && others == 0 ? Verdict::Pass : Verdict::Fail,
+          std::string(acked ? "acknowledged" : "not acknowledged") + ", " + std::to_string(others) +
+              " other datagram(s)"};
 }
 
 void ControlTour::DevInfo() {
-  const auto info = Ask<JsonMsgDevInfo>(std::make_shared<JsonMsgGetDevInfo>());
+  const auto info = Ask("get_dev_info", "dev_info", wire::ToUnit);
   if (!info) {
-    report_.Add("get_dev_info", Verdict::Fail, "no answer");
+    report_.Add("get_dev_info", Verdict::Fail, why_);
     return;
   }
   const bool same = info->inputs == unit_.inputs && info->outputs == unit_.outputs;
   report_.Add("get_dev_info", same ? Verdict::Pass : Verdict::Fail,
-              unit_.Type() + ", " + std::to_string(info->inputs) + " in, " +
+              unit_.type + ", " + std::to_string(info->inputs) + " in, " +
                   std::to_string(info->outputs) + " out, RTP port " +
-                  std::to_string(info->rtp_port));
+                  std::to_string(info->rtpPort));
 }
 
 void ControlTour::Inputs() {
-  const auto inputs = Ask<JsonMsgInputs>(std::make_shared<JsonMsgGetInputs>());
-  const bool counted = inputs && inputs->inputs.size() == unit_.inputs;
+  const auto inputs = AskInputs();
+  const bool counted = inputs && inputs->size() == unit_.inputs;
   report_.Add("get_inputs", counted ? Verdict::Pass : Verdict::Fail,
-              inputs ? std::to_string(inputs->inputs.size()) + " addresses" : "no answer");
+              inputs ? std::to_string(inputs->size()) + " addresses" : why_);
   if (!counted) return;
 
   // A wrong count must change nothing.
-  auto wrong = std::make_shared<JsonMsgSetInputs>();
-  wrong->inputs.resize(unit_.inputs + 1);
-  for (InputChange& input : wrong->inputs)
-    input.set = true;
-  probe_.Send(wrong, unit_.control);
-  probe_.Wait(AckOf(*wrong), kAckMs);
-  const auto after = Ask<JsonMsgInputs>(std::make_shared<JsonMsgGetInputs>());
-  const bool kept = after && after->inputs == inputs->inputs;
+  const std::vector<wire::InputChange> wrong(unit_.inputs + 1, {true, std::nullopt});
+  Tell("set_inputs", wire::ToMembers(wrong));
+  const auto after = AskInputs();
+  const bool kept = after && *after == *inputs;
   report_.Add("set_inputs, wrong count", kept ? Verdict::Pass : Verdict::Fail,
               kept ? "nothing changed" : "the inputs changed, or the unit went silent");
 }
 
 void ControlTour::State() {
-  const auto request = std::make_shared<JsonMsgSetState>();
-  request->device_freq = kNoFreq;
-  probe_.Clear();
-  probe_.Send(request, unit_.control);
-  const bool acked = probe_.Wait(AckOf(*request), kAckMs).has_value();
-  const auto info = Ask<JsonMsgDevInfo>(std::make_shared<JsonMsgGetDevInfo>());
+  const bool acked = Tell("set_state", {{"device_freq", kNoFreq}});
+  const auto info = Ask("get_dev_info", "dev_info", wire::ToUnit);
   report_.Add("set_state, 1 Hz", acked && info ? Verdict::Pass : Verdict::Fail,
               std::string(acked ? "acknowledged" : "not acknowledged") +
                   (info ? ", goes on" : ", and silent from then on"));
 }
 
 void ControlTour::Fm() {
-  const auto request = std::make_shared<JsonMsgGetFmFreq>();
-  probe_.Clear();
-  probe_.Send(request, unit_.control);
-  const auto answer = probe_.Wait(
-      [](const Probe::Arrival& a) { return Is<JsonMsgFmFreq>()(a) || Is<JsonMsgError>()(a); },
-      common_.timeoutMs);
+  link_.Clear();
+  link_.Send(unit_.control, "get_fm_freq");
+  const auto answer = link_.TakeIf(
+      [](const Message& message) { return message.type == "fm_freq" || message.type == "error"; },
+      session_.Timeout());
   if (!answer) {
     report_.Add("get_fm_freq", Verdict::Fail, "no answer");
-    return;
+  } else if (answer->type == "fm_freq") {
+    const size_t tuners = wire::ArrayAt(answer->body, "freq").size();
+    report_.Add("get_fm_freq", tuners == unit_.inputs ? Verdict::Pass : Verdict::Fail,
+                std::to_string(tuners) + " tuners");
+    FmTuner(tuners);
+  } else {
+    // Without tuners all three requests are refused.
+    FmRefused("get_fm_freq", "get_fm_freq", Json::object(), 1);
+    FmRefused("set_fm_freq", "set_fm_freq", Json::object(), 1);
+    FmRefused("get_fm_quality", "get_fm_quality", Json::object(), 1);
   }
-  if (const auto* freqs = dynamic_cast<const JsonMsgFmFreq*>(answer->msg.get())) {
-    report_.Add("get_fm_freq", freqs->freq.size() == unit_.inputs ? Verdict::Pass : Verdict::Fail,
-                std::to_string(freqs->freq.size()) + " tuners");
-    FmTuner(static_cast<uint32_t>(freqs->freq.size()));
-    return;
-  }
-  // Without tuners all three requests are refused.
-  FmRefused("get_fm_freq", std::make_shared<JsonMsgGetFmFreq>(), 1);
-  FmRefused("set_fm_freq", std::make_shared<JsonMsgSetFmFreq>(), 1);
-  FmRefused("get_fm_quality", std::make_shared<JsonMsgGetFmQuality>(), 1);
 }
 
-void ControlTour::FmTuner(uint32_t tuners) {
-  const auto before = Ask<JsonMsgFmFreq>(std::make_shared<JsonMsgGetFmFreq>());
+void ControlTour::FmTuner(size_t tuners) {
+  const auto before = AskFreqs();
   if (!before || tuners == 0) return;
-  auto change = std::make_shared<JsonMsgSetFmFreq>();
-  change->freq.assign(tuners, 0);
-  change->freq[tuners - 1] = before->freq[tuners - 1] + 100;
-  probe_.Send(change, unit_.control);
-  probe_.Wait(AckOf(*change), kAckMs);
-  const auto after = Ask<JsonMsgFmFreq>(std::make_shared<JsonMsgGetFmFreq>());
-  auto expected = before->freq;
-  expected[tuners - 1] += 100;
-
-  auto restore = std::make_shared<JsonMsgSetFmFreq>();
-  restore->freq = before->freq;
-  probe_.Send(restore, unit_.control);
-  probe_.Wait(AckOf(*restore), kAckMs);
-  report_.Add("set_fm_freq", after && after->freq == expected ? Verdict::Pass : Verdict::Fail,
+  auto expected = *before;
+  expected.back() += 100;
+  std::vector<int32_t> change(tuners, 0);
+  change.back() = expected.back();
+  Tell("set_fm_freq", Json::object({{"freq", change}}));
+  const auto after = AskFreqs();
+  Tell("set_fm_freq", Json::object({{"freq", *before}}));
+  report_.Add("set_fm_freq", after && *after == expected ? Verdict::Pass : Verdict::Fail,
               "the last tuner alone, 100 up");
 
-  auto wrong = std::make_shared<JsonMsgSetFmFreq>();
-  wrong->freq.assign(tuners + 1, 0);
-  FmRefused("set_fm_freq, wrong count", wrong, 2);
-  const auto quality = Ask<JsonMsgFmQuality>(std::make_shared<JsonMsgGetFmQuality>());
-  report_.Add("get_fm_quality",
-              quality && quality->rssi.size() == tuners ? Verdict::Pass : Verdict::Fail,
-              quality ? std::to_string(quality->rssi.size()) + " tuners" : "no answer");
+  FmRefused("set_fm_freq, wrong count", "set_fm_freq",
+            Json::object({{"freq", std::vector<int32_t>(tuners + 1, 0)}}), 2);
+  const auto rssi = Ask("get_fm_quality", "fm_quality", [](const Message& message) {
+    return wire::NumbersAt(message.body, "rssi").size();
+  });
+  report_.Add("get_fm_quality", rssi == tuners ? Verdict::Pass : Verdict::Fail,
+              rssi ? std::to_string(*rssi) + " tuners" : why_);
 }
 
-void ControlTour::FmRefused(const char* name, const std::shared_ptr<JsonMsg>& request,
+void ControlTour::FmRefused(const char* name, const char* request, const Json& members,
                             uint32_t code) {
-  const auto error = Ask<JsonMsgError>(request);
+  link_.Clear();
+  const uint32_t id = link_.Send(unit_.control, request, members);
+  const auto error = link_.Take("error", unit_.control, session_.Timeout());
   if (!error) {
     report_.Add(name, Verdict::Fail, "no error answer");
     return;
   }
-  const bool good = error->code == code && error->err_msg_id == request->msg_id;
-  report_.Add(name, good ? Verdict::Pass : Verdict::Fail,
-              "error " + std::to_string(error->code) + " for message " +
-                  std::to_string(error->err_msg_id) +
-                  (good ? ""
-                        : "; expected error " + std::to_string(code) + " for " +
-                              std::to_string(request->msg_id)));
+  const uint32_t given = wire::NumberAt(error->body, "code");
+  const uint32_t about = wire::NumberAt(error->body, "err_msg_id");
+  const bool good = given == code && about == id;
+  report_.Add(
+      name, good ? Verdict::Pass : Verdict::Fail,
+      "error " + std::to_string(given) + " for message " + std::to_string(about) +
+          (good ? "" : "; expected error " + std::to_string(code) + " for " + std::to_string(id)));
 }
 
-// Head and segments by the connection itself; the unit puts them together and answers.
+// Head and segments; the unit puts them together and answers.
 void ControlTour::Segments() {
-  auto request = std::make_shared<JsonMsgGetDevInfo>();
-  request->attachment.assign(kLongAttachment, 0xA5);
-  const int64_t start = ClockRead(nullptr);
+  const auto start = Clock::now();
   try {
-    UnitLink link(unit_.control, common_.timeoutMs);
-    link.Ask<JsonMsgDevInfo>(request);
+    link_.Ask(unit_.control, "get_dev_info", "dev_info", Json::object(),
+              wire::Bytes(kLongAttachment, 0xA5), session_.Timeout());
     report_.Add("segmented message", Verdict::Pass,
                 std::to_string(kLongAttachment) + " bytes, answered in " +
-                    MsText(Ms(ClockRead(nullptr) - start)));
-  } catch (const Failure& failure) {
-    report_.Add("segmented message", Verdict::Fail, failure.text);
+                    MsText(ToMs(Clock::now() - start)));
+  } catch (const wire::NoAnswer& error) {
+    report_.Add("segmented message", Verdict::Fail, session_.ToFailure(error).text);
   }
 }
 
 }  // namespace
 
-void CheckReport::Add(const std::string& name, Verdict verdict, const std::string& figure) {
-  CheckStop();
-  worst_ = std::max(worst_, verdict);
-  ++counts_[static_cast<size_t>(verdict)];
-  std::string word = Word(verdict);
-  out_.Object(Fields().Add("check", name).Add("result", word).Add("figure", figure));
+std::string MsText(double ms) {
+  return FormatNumber(ms, 1) + " ms";
+}
+
+double ToMs(Clock::duration time) {
+  return std::chrono::duration<double, std::milli>(time).count();
+}
+
+void CheckReport::Add(const std::string& name, const Finding& finding) {
+  session_.CheckStop();
+  worst_ = std::max(worst_, finding.verdict);
+  ++counts_[static_cast<size_t>(finding.verdict)];
+  std::string word = Word(finding.verdict);
+  out_.Object(Fields().Add("check", name).Add("result", word).Add("figure", finding.figure));
   word.resize(16, ' ');
   std::string padded = name;
   padded.resize(std::max<size_t>(padded.size(), 26), ' ');
-  out_.Line(out_.Paint(ColourOf(verdict), word) + padded + "  " + figure);
+  out_.Line(out_.Paint(ColourOf(finding.verdict), word) + padded + "  " + finding.figure);
+}
+
+void CheckReport::Judge(const std::string& name, Clock::duration tolerated,
+                        const std::function<Finding()>& measure) {
+  for (int attempt = 1;; ++attempt) {
+    pulse_.Clear();
+    const Finding finding = measure();
+    const bool late = pulse_.Worst() > tolerated;
+    const bool again = finding.verdict != Verdict::Pass && (late || shared_);
+    if (again && attempt < kAttempts) continue;
+    Add(name, finding.verdict == Verdict::Pass || !late ? finding
+                                                        : TooUneven(ToMs(pulse_.Worst()), finding));
+    return;
+  }
+}
+
+Finding CheckReport::TooUneven(double lateMs, const Finding& instead) {
+  return {Verdict::Skip, "this machine is too uneven to judge: it stood still for " +
+                             MsText(lateMs) + " (" + instead.figure + ")"};
 }
 
 void CheckReport::Summarise() {
@@ -369,28 +383,30 @@ void CheckReport::Summarise() {
 }
 
 // A unit that answers but doesn't acknowledge is one to be checked, not one that isn't there.
-Unit FindUnitToCheck(const std::string& name, const CommonOptions& common) {
-  const NetAddr control = ControlAddr(name);
-  if (!control.IsDefined()) return FindUnit(name, common);
-  Probe probe;
-  probe.Send(std::make_shared<JsonMsgGetDevInfo>(), control);
-  const auto answer = probe.Wait(Is<JsonMsgDevInfo>(), common.timeoutMs);
-  if (answer) return ToUnit(static_cast<const JsonMsgDevInfo&>(*answer->msg), control);
+Unit FindUnitToCheck(Session& session, const std::string& name) {
+  const auto control = ControlOf(name);
+  if (!control) return session.FindUnit(name);
+  session.Link().Send(*control, "get_dev_info");
+  const auto answer = session.Link().Take("dev_info", *control, session.Timeout());
+  if (answer) return wire::ToUnit(*answer);
   throw Failure{kNoAnswer, name +
                                " has not answered \"get_dev_info\": is a unit running there, and "
                                "does a firewall let UDP through?"};
 }
 
-int RunCheck(const std::string& name, const CommonOptions& common, Output& out) {
-  const Unit unit = FindUnitToCheck(name, common);
-  out.Line("checking " + unit.Id() + " (" + unit.Type() + ") at " + unit.Control());
-  CheckReport report(out);
-  ControlTour(unit, common, report).Run();
+int RunCheck(Session& session, const std::string& name, Output& out) {
+  const Unit unit = FindUnitToCheck(session, name);
+  out.Line("checking " + unit.id + " (" + unit.type + ") at " + unit.control.ToText());
+  CheckReport report(session, unit, out);
+  ControlTour(session, unit, report).Run();
   try {
-    CheckStreams(unit, common, report);
+    CheckStreams(session, unit, report);
+  } catch (const wire::Interrupted&) {
+    throw;
   } catch (const Failure& failure) {
-    if (platform::WaitForStop(0)) throw;
     report.Add("streams", Verdict::Fail, failure.text);
+  } catch (const std::exception& error) {
+    report.Add("streams", Verdict::Fail, session.ToFailure(error).text);
   }
   report.Summarise();
   return report.Worst() == Verdict::Fail ? kRefused : kDone;

@@ -5,58 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "ExitStatus.h"
 #include "Output.h"
-#include "Units.h"
-#include "relay/LossyLink.h"
+#include "Session.h"
+#include "wire/LossyLink.h"
 
 namespace ctl {
-
-// What every command takes.
-struct CommonOptions {
-  bool json = false;
-  uint32_t timeoutMs = 3000;    // for an answer, and for a discovery
-  std::vector<std::string> to;  // where to look for units; empty: every interface
-  std::string local;            // own address for streams; empty: the one that faces the unit
-
-  std::vector<Network::NetAddr> DiscoverAt() const;
-};
-
-// The unit that a command line names.
-Unit FindUnit(const std::string& name, const CommonOptions& common);
-
-// The local address that packets of `unit` can reach, port 0.
-Network::NetAddr LocalFor(const Unit& unit, const CommonOptions& common);
-
-// Throws Failure (kUsage) when `input` isn't one of the unit's.
-void CheckInput(const Unit& unit, uint32_t input);
-void CheckOutput(const Unit& unit, uint32_t output);
-
-// Throws Failure once Ctrl-C has come: whatever is on loan returns on the way out.
-void CheckStop();
-
-// Takes an input's stream to this program for its lifetime and gives the input its former
-// destination back at the end.
-class InputLoan {
- public:
-  InputLoan(UnitLink& link, const Unit& unit, uint32_t input, const Network::NetAddr& to);
-  ~InputLoan();
-  InputLoan(const InputLoan&) = delete;
-  InputLoan& operator=(const InputLoan&) = delete;
-
-  // Gives it back now, and throws Failure when the unit doesn't take it.
-  void Return();
-
- private:
-  void Set(const Network::NetAddr& to);
-  void TryReturn();
-
-  UnitLink& link_;
-  const Unit unit_;
-  const uint32_t input_;
-  Network::NetAddr former_;
-  bool lent_ = true;
-};
 
 struct PlayOptions {
   std::string unit;
@@ -95,25 +48,25 @@ struct UpOptions {
 
 struct RelayOptions {
   uint64_t seed = 1;
-  relay::LinkFaults faults;
+  wire::LinkFaults faults;
   std::vector<std::string> ways;  // LISTEN=TARGET
 };
 
-int RunFind(const CommonOptions& common, Output& out);
-int RunInfo(const std::string& unit, const CommonOptions& common, Output& out);
-int RunInputs(const std::string& unit, const CommonOptions& common, Output& out);
-int RunSetInputs(const std::string& unit, const std::vector<std::string>& changes,
-                 const CommonOptions& common, Output& out);
-int RunFreq(const std::string& unit, uint32_t freq, const CommonOptions& common, Output& out);
-int RunFm(const std::string& unit, const std::vector<std::string>& changes,
-          const CommonOptions& common, Output& out);
-int RunFmQuality(const std::string& unit, const CommonOptions& common, Output& out);
-int RunRecord(const RecordOptions& options, const CommonOptions& common, Output& out);
-int RunPlay(const PlayOptions& options, const CommonOptions& common, Output& out);
-int RunWatch(const WatchOptions& options, const CommonOptions& common, Output& out);
-int RunRelay(const RelayOptions& options, Output& out);
-int RunDoctor(const std::string& settingsPath, const CommonOptions& common, Output& out);
-int RunCheck(const std::string& unit, const CommonOptions& common, Output& out);
-int RunUp(const UpOptions& options, const CommonOptions& common, Output& out);
+int RunFind(Session& session, Output& out);
+int RunInfo(Session& session, const std::string& unit, Output& out);
+int RunInputs(Session& session, const std::string& unit, Output& out);
+int RunSetInputs(Session& session, const std::string& unit, const std::vector<std::string>& changes,
+                 Output& out);
+int RunFreq(Session& session, const std::string& unit, uint32_t freq, Output& out);
+int RunFm(Session& session, const std::string& unit, const std::vector<std::string>& changes,
+          Output& out);
+int RunFmQuality(Session& session, const std::string& unit, Output& out);
+int RunRecord(Session& session, const RecordOptions& options, Output& out);
+int RunPlay(Session& session, const PlayOptions& options, Output& out);
+int RunWatch(Session& session, const WatchOptions& options, Output& out);
+int RunRelay(Session& session, const RelayOptions& options, Output& out);
+int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
+int RunCheck(Session& session, const std::string& unit, Output& out);
+int RunUp(Session& session, const UpOptions& options, Output& out);
 
 }  // namespace ctl

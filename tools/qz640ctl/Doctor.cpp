@@ -1,43 +1,45 @@
 // The command "doctor": looks at this machine and a settings file as a unit would meet them.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <mutex>
 
 #include "Commands.h"
-#include "Streams.h"
-#include "audio/ISyncManager.h"
-#include "audio/RtpPacket.h"
-#include "emulator/EmuSettings.h"
+#include "Settings.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
 #include "platform/startup.h"
-#include "platform/text.h"
-#include "runtime/Clocks.h"
-#include "runtime/Paths.h"
+#include "platform/thread.h"
+#include "wire/Streams.h"
 
 namespace ctl {
 
-using namespace Network;
+using wire::Clock;
+using wire::Endpoint;
+using wire::Unit;
 namespace files = std::filesystem;
 
 namespace {
 
-constexpr uint32_t kFindMs = 600;  // on each interface
-constexpr uint32_t kClockTestMs = 3000;
+constexpr auto kFindTime = std::chrono::milliseconds(600);  // on each interface
+constexpr auto kClockTestTime = std::chrono::seconds(3);
+constexpr auto kTick = std::chrono::milliseconds(4);
 constexpr double kLateGoodMs = 2.0;  // p99; later ticks shrink what a peer's buffer is there for
 
-std::string Text(const platform::SocketAddress& address) {
-  return ToText(NetAddr(address));
+// The subnet's broadcast address; nothing for an interface without one.
+std::optional<Endpoint> BroadcastOf(const platform::Interface& interface) {
+  const Endpoint broadcast = ToEndpoint(interface.broadcast);
+  if (broadcast.address == 0xFFFFFFFF) return std::nullopt;
+  return broadcast;
 }
 
 class Doctor {
  public:
-  Doctor(uint32_t timeoutMs, Output& out) : timeoutMs_(timeoutMs), out_(out) {}
+  Doctor(Session& session, Output& out) : session_(session), out_(out) {}
 
   int Run(const std::string& settingsPath) {
     Interfaces();
-    Settings(settingsPath);
+    SettingsFile(settingsPath);
     Ports();
     Scheduling();
     out_.Line(problems_ == 0 ? "nothing found that stands in the way"
@@ -47,9 +49,9 @@ class Doctor {
 
  private:
   void Interfaces();
-  void Settings(const std::string& path);
-  void CheckSettings(const EmuSettings& settings);
-  void CheckAddress(const EmuSettings& settings);
+  void SettingsFile(const std::string& path);
+  void CheckSettings(const Settings& settings);
+  void CheckAddress(const Settings& settings);
   void Ports();
   void Scheduling();
 
@@ -69,41 +71,43 @@ class Doctor {
     Print(topic, text, true, fields);
   }
 
-  const uint32_t timeoutMs_;
+  Session& session_;
   Output& out_;
   unsigned problems_ = 0;
-  std::string addr_ = "0.0.0.0";  // that the units listen on
-  std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", kDiscoveryPort}};
+  uint32_t addr_ = 0;  // that the units listen on; 0: all
+  std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", wire::kDiscoveryPort}};
 };
 
 void Doctor::Interfaces() {
   out_.Line("interfaces");
   for (const platform::Interface& interface : platform::ListInterfaces()) {
-    NetAddr broadcast(interface.broadcast);
-    const std::string to = broadcast.IsDefined() ? ToText(broadcast) : "none";
-    std::string line = interface.name + "  " + Text(interface.address) + "  broadcast " + to;
+    const auto broadcast = BroadcastOf(interface);
+    const std::string to = broadcast ? broadcast->ToText() : "none";
+    const std::string address = ToEndpoint(interface.address).ToText();
+    std::string line = interface.name + "  " + address + "  broadcast " + to;
     std::string names;
-    if (broadcast.IsDefined()) {
-      broadcast.SetFromTextAndPort(broadcast.ToText(), kDiscoveryPort);
-      for (const Unit& unit : Discovery().Find({broadcast}, std::min(timeoutMs_, kFindMs)))
-        names += (names.empty() ? "" : ", ") + unit.Id() + " (" + unit.Control() + ")";
+    if (broadcast) {
+      const Endpoint at(broadcast->address, wire::kDiscoveryPort);
+      for (const Unit& unit :
+           session_.Find({at}, std::min(session_.Timeout(), Clock::duration(kFindTime))))
+        names += (names.empty() ? "" : ", ") + unit.id + " (" + unit.control.ToText() + ")";
       line += names.empty() ? "  nobody answers" : "  answers: " + names;
     }
     Report("interfaces", line,
            Fields()
                .Add("interface", interface.name)
-               .Add("address", Text(interface.address))
+               .Add("address", address)
                .Add("broadcast", to)
                .Add("answers", names));
   }
 }
 
-void Doctor::Settings(const std::string& given) {
+void Doctor::SettingsFile(const std::string& given) {
   out_.Line("settings file");
   files::path path = given;
   if (given.empty()) {
-    const files::path own = platform::WideToUtf8Lossy(GetModulePath(true, true));
-    path = own.parent_path() / ("qz640emu" + own.extension().string() + ".json");
+    path = EmulatorBeside();
+    path += ".json";
   }
   std::error_code ignored;
   if (!files::exists(path, ignored)) {
@@ -117,13 +121,14 @@ void Doctor::Settings(const std::string& given) {
     }
     return;
   }
-  EmuSettings settings;
-  const ErrInfo err = settings.FromFile(platform::Utf8ToWideLossy(path.string()));
-  if (!err.IsOk()) {
+  Settings settings;
+  try {
+    settings = Settings::Read(path);
+  } catch (const BadSettings& error) {
     Problem("settings", path.string() +
                             " can't be taken in; mend it, or remove it and the emulator writes a "
-                            "new one:" +
-                            platform::WideToUtf8Lossy(err.ToString()));
+                            "new one: " +
+                            error.what());
     return;
   }
   Report("settings", path.string() + ": " + std::to_string(settings.units.size()) + " unit(s)");
@@ -131,28 +136,24 @@ void Doctor::Settings(const std::string& given) {
   CheckSettings(settings);
 }
 
-void Doctor::CheckAddress(const EmuSettings& settings) {
-  const std::string text = platform::WideToUtf8Lossy(settings.AddrStr);
-  NetAddr addr;
+void Doctor::CheckAddress(const Settings& settings) {
+  const std::string& text = settings.addr;
   if (text.empty()) {
     Problem("settings",
             "\"AddrStr\" is empty: this unit can't be found. Set it to an address of "
             "this machine, or to 0.0.0.0 for all of them");
     return;
   }
-  if (!addr.SetFromTextAndPort(settings.AddrStr, 0)) {
+  const auto addr = Endpoint::Parse(text);
+  if (!addr) {
     Problem("settings", "\"AddrStr\" is \"" + text +
                             "\", which is no address: these units can't be found. Set it to "
                             "an address of this machine, or to 0.0.0.0 for all of them");
     return;
   }
-  const auto interfaces = platform::ListInterfaces();
-  const bool own = text == "0.0.0.0" || text.starts_with("127.") ||
-                   std::any_of(interfaces.begin(), interfaces.end(), [&](const auto& interface) {
-                     return Text(interface.address) == text;
-                   });
+  const bool own = addr->address == 0 || IsOwn(*addr);
   if (own) {
-    addr_ = text;
+    addr_ = addr->address;
   } else {
     Problem("settings", "\"AddrStr\" is " + text +
                             ", which this machine doesn't have; set it to one of the addresses "
@@ -160,21 +161,23 @@ void Doctor::CheckAddress(const EmuSettings& settings) {
   }
 }
 
-void Doctor::CheckSettings(const EmuSettings& settings) {
-  ports_ = {{"discovery", settings.BroadcastPort}};
+void Doctor::CheckSettings(const Settings& settings) {
+  ports_ = {{"discovery", settings.broadcastPort}};
   for (const UnitSettings& unit : settings.units) {
-    const std::string id = platform::WideToUtf8Lossy(unit.UnitId);
-    if (PayloadTypeFromFreq(unit.SampleFreq) == 0) {
-      Problem("settings", id + ": \"SampleFreq\" " + std::to_string(unit.SampleFreq) +
+    const std::string& id = unit.id;
+    if (unit.sampleFreq < 0 || wire::PayloadTypeOf(static_cast<uint32_t>(unit.sampleFreq)) == 0) {
+      Problem("settings", id + ": \"SampleFreq\" " + std::to_string(unit.sampleFreq) +
                               " makes the start fail; units run at 48000 or 44100");
     }
-    if (unit.GetInputCount() + unit.GetOutputCount() == 0) {
-      Problem("settings", id + ": \"UnitType\" \"" + platform::WideToUtf8Lossy(unit.UnitType) +
+    const wire::Model model = unit.Model();
+    if (model.inputs + model.outputs == 0) {
+      Problem("settings", id + ": \"UnitType\" \"" + unit.type +
                               "\" is neither QZ610 nor QZ820; the unit has no audio");
     }
-    ports_.emplace_back(id + " control", unit.BasePort);
-    for (int32_t i = 0; i < unit.GetOutputCount(); ++i) {
-      ports_.emplace_back(id + " output " + std::to_string(i), RtpPort(unit.BasePort, i));
+    ports_.emplace_back(id + " control", unit.controlPort);
+    for (uint32_t i = 0; i < model.outputs; ++i) {
+      ports_.emplace_back(id + " output " + std::to_string(i),
+                          wire::OutputPort(unit.controlPort, i));
     }
   }
   for (size_t i = 0; i < ports_.size(); ++i) {
@@ -201,7 +204,7 @@ void Doctor::Ports() {
       owners += (owners.empty() ? "" : ", ") + owner;
       byEmulator = byEmulator && owner.starts_with("qz640emu");
     }
-    const bool isFree = IsPortFree(addr_, static_cast<uint32_t>(port));
+    const bool isFree = IsPortFree({addr_, static_cast<uint16_t>(port)});
     const std::string text = "UDP " + std::to_string(port) + " (" + name + ") ";
     const Fields fields = Fields()
                               .Add("port", port)
@@ -223,42 +226,29 @@ void Doctor::Ports() {
   }
 }
 
-// Counts how late each tick of 4 ms comes.
-class LatenessTarget final : public ISyncTarget {
- public:
-  void OnSync(ISyncSource*, int64_t pos, uint32_t freq) override {
-    const int64_t now = ClockRead(nullptr);
-    std::lock_guard lock(mutex_);
-    if (times_.empty()) first_ = now - MulDiv64(pos, 10'000'000, freq);
-    times_.push_back(static_cast<double>(now - first_ - MulDiv64(pos, 10'000'000, freq)) / 1e4);
-  }
+// How late each tick of 4 ms comes, in milliseconds, ascending.
+std::vector<double> MeasureTicks(wire::Loop& loop) {
+  std::vector<double> late;
+  Clock::time_point due = Clock::now() + kTick;
+  wire::Timer* next = nullptr;
+  wire::Timer timer(loop, [&] {
+    for (const auto now = Clock::now(); due <= now; due += kTick)
+      late.push_back(std::chrono::duration<double, std::milli>(now - due).count());
+    next->At(due);
+  });
+  next = &timer;
+  timer.At(due);
+  loop.RunFor(kClockTestTime);
+  std::sort(late.begin(), late.end());
+  return late;
+}
 
-  // In milliseconds, ascending, against the earliest tick.
-  std::vector<double> Lateness() {
-    std::lock_guard lock(mutex_);
-    std::sort(times_.begin(), times_.end());
-    const double earliest = times_.empty() ? 0 : times_.front();
-    for (double& time : times_)
-      time -= earliest;
-    return times_;
-  }
-
- private:
-  std::mutex mutex_;
-  int64_t first_ = 0;
-  std::vector<double> times_;
-};
-
+// The last look: from here on this thread goes before those that needn't be in time.
 void Doctor::Scheduling() {
-  out_.Line("clock and scheduling (" + std::to_string(kClockTestMs / 1000) + " s of 4 ms ticks)");
-  LatenessTarget target;
-  const std::unique_ptr<ISyncManager> sync(ISyncManager::Create(L"qz640ctl.doctor"));
-  sync->AddTarget(&target);
-  sync->SetSyncFreq(48000, kPacketFrames);
-  sync->Start();
-  platform::WaitForStop(kClockTestMs);
-  sync->Stop();
-  const std::vector<double> late = target.Lateness();
+  out_.Line("clock and scheduling (" + std::to_string(kClockTestTime.count()) +
+            " s of 4 ms ticks)");
+  platform::SetTimeCritical();
+  const std::vector<double> late = MeasureTicks(session_.Loop());
   if (late.empty()) {
     Problem("scheduling", "not one tick came");
     return;
@@ -299,8 +289,8 @@ void Doctor::Scheduling() {
 
 }  // namespace
 
-int RunDoctor(const std::string& settingsPath, const CommonOptions& common, Output& out) {
-  return Doctor(common.timeoutMs, out).Run(settingsPath);
+int RunDoctor(Session& session, const std::string& settingsPath, Output& out) {
+  return Doctor(session, out).Run(settingsPath);
 }
 
 }  // namespace ctl

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +10,6 @@
 
 #include "platform/startup.h"
 #include "platform/terminal.h"
-#include "platform/text.h"
 
 namespace ctl {
 
@@ -34,18 +34,19 @@ void WriteError(const std::string& text) {
 
 }  // namespace
 
-JSON::Value& Fields::Item(const char* key) {
-  return object_.ItemForWrite(platform::Utf8ToWideLossy(key));
-}
-
-Fields& Fields::Add(const char* key, const std::string& text) {
-  Item(key).SetString(platform::Utf8ToWideLossy(text));
-  return *this;
-}
-
+// A level or a time is no better than that, and a person can still read it.
 Fields& Fields::Add(const char* key, double number) {
-  Item(key).SetDouble(number);
+  char text[32];
+  const auto written =
+      std::to_chars(text, text + sizeof text, number, std::chars_format::general, 6);
+  double rounded = 0;
+  std::from_chars(text, written.ptr, rounded);
+  object_[key] = rounded;
   return *this;
+}
+
+std::string Fields::ToText() const {
+  return object_.dump(-1, ' ', false, wire::Json::error_handler_t::replace);
 }
 
 Output::Output(bool json) : json_(json) {
@@ -64,7 +65,7 @@ void Output::Line(const std::string& text) {
 
 void Output::Object(const Fields& object) {
   if (!json_) return;
-  platform::WriteOutput(platform::WideToUtf8Lossy(object.Value().ToWString()) + "\n");
+  platform::WriteOutput(object.ToText() + "\n");
 }
 
 void Output::Progress(const std::string& text) {

@@ -6,28 +6,29 @@
 #include <string>
 #include <vector>
 
-#include "json/Value.h"
+#include "wire/Message.h"
 
 namespace ctl {
 
 enum class Colour { None, Green, Yellow, Red, Dim };
 
-// An object for programs, put together key by key. Texts are UTF-8.
+// An object for programs, put together key by key. Texts are UTF-8; what isn't becomes U+FFFD.
 class Fields {
  public:
-  Fields& Add(const char* key, const std::string& text);
-  Fields& Add(const char* key, double number);
+  Fields& Add(const char* key, const std::string& text) {
+    object_[key] = text;
+    return *this;
+  }
+  Fields& Add(const char* key, double number);  // six significant digits
   Fields& Add(const char* key, std::integral auto number) {
-    Item(key).SetInt64(static_cast<int64_t>(number));
+    object_[key] = number;
     return *this;
   }
 
-  const JSON::Value& Value() const { return object_; }
+  std::string ToText() const;
 
  private:
-  JSON::Value& Item(const char* key);
-
-  JSON::Value object_;
+  wire::Json object_ = wire::Json::object();
 };
 
 class Output {

@@ -1,21 +1,21 @@
 #include "Recorder.h"
 
-#include "Streams.h"
+#include <utility>
 
 namespace ctl {
 
-void Recorder::Put(int64_t place, std::vector<Frame> frames) {
+void Recorder::Put(int64_t place, wire::Frames frames) {
   if (place >= next_) waiting_.emplace(place, std::move(frames));
 }
 
-std::vector<Frame> Recorder::Take(bool all) {
-  std::vector<Frame> out;
+wire::Frames Recorder::Take(bool all) {
+  wire::Frames out;
   while (!waiting_.empty()) {
     const auto first = waiting_.begin();
     const int64_t highest = waiting_.rbegin()->first;
     if (first->first != next_) {
       if (!all && highest - next_ < kPatience) break;
-      out.insert(out.end(), kPacketFrames, Frame());
+      out.insert(out.end(), wire::kPacketFrames, wire::Frame());
     } else {
       out.insert(out.end(), first->second.begin(), first->second.end());
       waiting_.erase(first);

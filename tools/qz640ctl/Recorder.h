@@ -4,9 +4,8 @@
 
 #include <cstdint>
 #include <map>
-#include <vector>
 
-#include "AudioFile.h"
+#include "wire/Audio.h"
 
 namespace ctl {
 
@@ -17,14 +16,14 @@ class Recorder {
 
   // A packet's frames, with its place in the stream counted from 0. One from before the beginning
   // or whose place is written already is dropped.
-  void Put(int64_t place, std::vector<Frame> frames);
+  void Put(int64_t place, wire::Frames frames);
 
   // The frames that are in order by now; with `all`, everything, gaps as silence.
-  std::vector<Frame> Take(bool all);
+  wire::Frames Take(bool all);
 
  private:
   int64_t next_ = 0;  // place of the next packet to give out
-  std::map<int64_t, std::vector<Frame>> waiting_;
+  std::map<int64_t, wire::Frames> waiting_;
 };
 
 }  // namespace ctl

@@ -10,15 +10,13 @@
 #include <thread>
 
 #include "Commands.h"
-#include "emulator/EmuSettings.h"
+#include "Settings.h"
 #include "platform/child.h"
 #include "platform/startup.h"
-#include "platform/text.h"
-#include "runtime/Paths.h"
 
 namespace ctl {
 
-using namespace Network;
+using wire::Unit;
 namespace files = std::filesystem;
 
 namespace {
@@ -46,9 +44,9 @@ std::vector<UnitSettings> ParseUnits(const std::string& text, int32_t mode) {
     }
     for (; count > 0; --count) {
       UnitSettings unit;
-      unit.UnitType = platform::Utf8ToWideLossy(type);
-      unit.UnitId = L"emu-" + std::to_wstring(units.size() + 1);
-      unit.Mode = mode;
+      unit.type = type;
+      unit.id = "emu-" + std::to_string(units.size() + 1);
+      unit.mode = mode;
       units.push_back(unit);
     }
     begin = end + 1;
@@ -59,12 +57,13 @@ std::vector<UnitSettings> ParseUnits(const std::string& text, int32_t mode) {
 // A block of `count` free ports and one more for discovery, somewhere in the range that no service
 // has by default.
 int32_t FindFreePorts(const std::string& addr, uint32_t count) {
+  const wire::Endpoint local = ParseEndpoint(addr, 0);
   std::random_device random;
   for (int attempt = 0; attempt < 100; ++attempt) {
     const uint32_t base = 20'000 + random() % 10'000 / 2 * 2;
     bool allFree = true;
     for (uint32_t port = base; port < base + count && allFree; ++port) {
-      allFree = IsPortFree(addr, port);
+      allFree = IsPortFree({local.address, static_cast<uint16_t>(port)});
     }
     if (allFree) return static_cast<int32_t>(base);
   }
@@ -150,7 +149,7 @@ class Folder {
   Folder& operator=(const Folder&) = delete;
 
   // The settings file stands beside the executable, so the executable comes along.
-  files::path Install(const files::path& emulator, const EmuSettings& settings) const {
+  files::path Install(const files::path& emulator, const Settings& settings) const {
     const files::path installed = path_ / emulator.filename();
     std::error_code error;
     files::create_hard_link(emulator, installed, error);
@@ -159,8 +158,7 @@ class Folder {
       throw Failure{kUsage, "can't use the emulator \"" + emulator.string() +
                                 "\": " + error.message() + "; name it with --emulator PATH"};
     }
-    std::ofstream(installed.string() + ".json", std::ios::binary)
-        << platform::WideToUtf8Lossy(settings.ToString());
+    std::ofstream(installed.string() + ".json", std::ios::binary) << settings.ToText();
     return installed;
   }
 
@@ -171,14 +169,12 @@ class Folder {
 // By default the one that stands beside this program.
 files::path EmulatorPath(const UpOptions& options) {
   if (!options.emulator.empty()) return options.emulator;
-  const files::path own = platform::WideToUtf8Lossy(GetModulePath(true, true));
-  files::path emulator = own.parent_path() / "qz640emu";
-  return emulator += own.extension();
+  return EmulatorBeside();
 }
 
 class Running {
  public:
-  Running(const UpOptions& options, const CommonOptions& common, Output& out);
+  Running(Session& session, const UpOptions& options, Output& out);
   int Run();
 
  private:
@@ -191,29 +187,28 @@ class Running {
   void Announce();
   std::vector<std::pair<std::string, std::string>> Environment() const;
 
+  Session& session_;
   const UpOptions& options_;
-  const CommonOptions& common_;
   Output& out_;
   Folder folder_;
-  EmuSettings settings_;
-  NetAddr discovery_;
+  Settings settings_;
+  wire::Endpoint discovery_;
   std::vector<Unit> found_;
   platform::Child emulator_;
 };
 
-Running::Running(const UpOptions& options, const CommonOptions& common, Output& out)
-    : options_(options), common_(common), out_(out) {
-  settings_.AddrStr = platform::Utf8ToWideLossy(options_.addr);
+Running::Running(Session& session, const UpOptions& options, Output& out)
+    : session_(session), options_(options), out_(out) {
+  settings_.addr = options_.addr;
   settings_.units = ParseUnits(options_.units, options_.mode);
   uint32_t ports = 2;  // in front: discovery
-  for (const UnitSettings& unit : settings_.units) {
-    ports += static_cast<uint32_t>(PortCount(unit.GetModel()));
-  }
-  settings_.BroadcastPort = options_.port ? *options_.port : FindFreePorts(options_.addr, ports);
-  settings_.BasePort = settings_.BroadcastPort + 2;
+  for (const UnitSettings& unit : settings_.units)
+    ports += unit.Model().Ports();
+  settings_.broadcastPort = options_.port ? *options_.port : FindFreePorts(options_.addr, ports);
+  settings_.basePort = settings_.broadcastPort + 2;
   // Units that listen on all addresses are reached at loopback too.
-  discovery_.SetFromTextAndPort(options_.addr == "0.0.0.0" ? L"127.0.0.1" : settings_.AddrStr,
-                                static_cast<uint32_t>(settings_.BroadcastPort));
+  const std::string reached = options_.addr == "0.0.0.0" ? "127.0.0.1" : options_.addr;
+  discovery_ = ParseEndpoint(reached, static_cast<uint16_t>(settings_.broadcastPort));
 }
 
 int Running::Run() {
@@ -226,7 +221,7 @@ int Running::Run() {
     reader.Forget();
     Announce();
     status = options_.command.empty() ? WaitCtrlC() : RunCommand();
-  } catch (const Failure&) {
+  } catch (...) {
     Stop();
     throw;
   }
@@ -259,10 +254,10 @@ void Running::WaitStart(OutputReader& reader) {
   if (reason.find("bind socket failed") == std::string::npos) {
     throw Failure{kRefused, "the emulator could not start; --show-log shows more:" + reason};
   }
-  throw Failure{kNoPort, "a port of the emulator, from " + std::to_string(settings_.BroadcastPort) +
+  throw Failure{kNoPort, "a port of the emulator, from " + std::to_string(settings_.broadcastPort) +
                              " on " + options_.addr +
                              ", is taken, or the address isn't this machine's (qz640ctl doctor "
-                             "tells); leave --port out for free ones:" +
+                             "says); leave --port out for free ones:" +
                              reason};
 }
 
@@ -277,24 +272,24 @@ int Running::WaitCtrlC() {
 
 // " Start OK" is the emulator's word; an answered discovery shows that it is reached.
 void Running::WaitReady() {
-  found_ = Discovery().Find({discovery_}, common_.timeoutMs, 100);
+  found_ = session_.Find({discovery_}, session_.Timeout(), std::chrono::milliseconds(100));
   if (found_.size() == settings_.units.size()) return;
   throw Failure{kNoAnswer, std::to_string(found_.size()) + " of " +
                                std::to_string(settings_.units.size()) +
-                               " units answered the discovery at " + ToText(discovery_) +
+                               " units answered the discovery at " + discovery_.ToText() +
                                " in time; give it longer with --timeout, or look with --show-log"};
 }
 
 std::vector<std::pair<std::string, std::string>> Running::Environment() const {
   std::vector<std::pair<std::string, std::string>> variables{
       {"QZ640_ADDR", options_.addr},
-      {"QZ640_DISCOVERY", ToText(discovery_)},
+      {"QZ640_DISCOVERY", discovery_.ToText()},
       {"QZ640_UNITS", std::to_string(found_.size())}};
   for (size_t i = 0; i < found_.size(); ++i) {
     const std::string prefix = "QZ640_UNIT" + std::to_string(i) + "_";
-    variables.emplace_back(prefix + "ID", found_[i].Id());
-    variables.emplace_back(prefix + "CONTROL", found_[i].Control());
-    variables.emplace_back(prefix + "RTP", ToText(found_[i].Output(0)));
+    variables.emplace_back(prefix + "ID", found_[i].id);
+    variables.emplace_back(prefix + "CONTROL", found_[i].control.ToText());
+    variables.emplace_back(prefix + "RTP", found_[i].Output(0).ToText());
   }
   return variables;
 }
@@ -328,7 +323,7 @@ int Running::RunCommand() {
       }
       return *status;
     }
-    // The terminal has told the command too; from elsewhere it is told here.
+    // The terminal has sent Ctrl-C to the command too; a signal from elsewhere it gets here.
     if (platform::WaitForStop(0)) command.Terminate();
   }
 }
@@ -344,8 +339,8 @@ void Running::Stop() {
 
 }  // namespace
 
-int RunUp(const UpOptions& options, const CommonOptions& common, Output& out) {
-  return Running(options, common, out).Run();
+int RunUp(Session& session, const UpOptions& options, Output& out) {
+  return Running(session, options, out).Run();
 }
 
 }  // namespace ctl

@@ -1,9 +1,8 @@
 // qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
 #include <CLI/CLI.hpp>
-#include <random>
+#include <functional>
 
 #include "Commands.h"
-#include "QuietLog.h"
 #include "platform/startup.h"
 
 namespace {
@@ -43,21 +42,22 @@ class CommandLine {
       const int code = app_.exit(error);
       return code == 0 ? kDone : kUsage;
     }
-    UseQuietLog(verbose_);
     Output out(common_.json);
+    Session session(common_, verbose_);
     try {
-      return run_(out);
+      return run_(session, out);
     } catch (const Failure& failure) {
       out.Error(failure.text);
       return failure.status;
     } catch (const std::exception& error) {
-      out.Error(std::string("unexpected: ") + error.what());
-      return kRefused;
+      const Failure failure = session.ToFailure(error);
+      out.Error(failure.text);
+      return failure.status;
     }
   }
 
  private:
-  using Action = std::function<int(Output&)>;
+  using Action = std::function<int(Session&, Output&)>;
 
   CLI::App* Add(const char* name, const char* what, const char* example, Action action) {
     CLI::App* command = app_.add_subcommand(name, what);
@@ -66,7 +66,7 @@ class CommandLine {
     command->add_option("--timeout", common_.timeoutMs, "Milliseconds to wait for answers")
         ->check(CLI::Range(50, 600000))
         ->capture_default_str();
-    command->add_flag("--verbose", verbose_, "Show the protocol log on standard error");
+    command->add_flag("--verbose", verbose_, "Show every control message on standard error");
     command->callback([this, action] { run_ = action; });
     return command;
   }
@@ -88,43 +88,48 @@ class CommandLine {
 
   void AddRequests() {
     AddTo(Add("find", "Find the units of the network", "qz640ctl find --to 127.0.0.1",
-              [this](Output& out) { return RunFind(common_, out); }));
+              [this](Session& session, Output& out) { return RunFind(session, out); }));
     AddForUnit("info", "What a unit says of itself", "qz640ctl info 127.0.0.1:8000",
-               [this](Output& out) { return RunInfo(unit_, common_, out); });
+               [this](Session& session, Output& out) { return RunInfo(session, unit_, out); });
     AddForUnit("inputs", "Where a unit's inputs go", "qz640ctl inputs studio-a",
-               [this](Output& out) { return RunInputs(unit_, common_, out); });
+               [this](Session& session, Output& out) { return RunInputs(session, unit_, out); });
     AddForUnit("set-inputs", "Send inputs elsewhere; those not named stay as they are",
                "qz640ctl set-inputs studio-a 0=10.0.0.5:9000 2=off",
-               [this](Output& out) { return RunSetInputs(unit_, changes_, common_, out); })
+               [this](Session& session, Output& out) {
+                 return RunSetInputs(session, unit_, changes_, out);
+               })
         ->add_option("CHANGE", changes_, "NUMBER=ADDRESS:PORT or NUMBER=off")
         ->required();
-    AddForUnit("freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
-               [this](Output& out) { return RunFreq(unit_, freq_, common_, out); })
+    AddForUnit(
+        "freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
+        [this](Session& session, Output& out) { return RunFreq(session, unit_, freq_, out); })
         ->add_option("HZ", freq_, "48000 or 44100")
         ->check(CLI::IsMember({48000, 44100}))
         ->required();
-    AddForUnit("fm", "Show or set FM frequencies", "qz640ctl fm tuner-1 2=98700",
-               [this](Output& out) { return RunFm(unit_, changes_, common_, out); })
+    AddForUnit(
+        "fm", "Show or set FM frequencies", "qz640ctl fm tuner-1 2=98700",
+        [this](Session& session, Output& out) { return RunFm(session, unit_, changes_, out); })
         ->add_option("CHANGE", changes_, "NUMBER=FREQUENCY");
     AddForUnit("fm-quality", "Reception of a unit's tuners", "qz640ctl fm-quality tuner-1",
-               [this](Output& out) { return RunFmQuality(unit_, common_, out); });
+               [this](Session& session, Output& out) { return RunFmQuality(session, unit_, out); });
   }
 
   void AddCheck() {
     AddForUnit("check", "Everything that a unit has to do on the wire, a line a check",
                "qz640ctl check studio-a",
-               [this](Output& out) { return RunCheck(unit_, common_, out); });
+               [this](Session& session, Output& out) { return RunCheck(session, unit_, out); });
     Add("doctor", "Look at interfaces, ports, a settings file and the clock of this machine",
         "qz640ctl doctor qz640emu.json",
-        [this](Output& out) { return RunDoctor(settings_, common_, out); })
+        [this](Session& session, Output& out) { return RunDoctor(session, settings_, out); })
         ->add_option("SETTINGS", settings_,
                      "The settings file (default: that of the emulator beside qz640ctl)");
   }
 
   void AddAudio() {
-    CLI::App* record = Add("record", "Record an input, bit for bit, as 24-bit stereo",
-                           "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
-                           [this](Output& out) { return RunRecord(record_, common_, out); });
+    CLI::App* record =
+        Add("record", "Record an input, bit for bit, as 24-bit stereo",
+            "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
+            [this](Session& session, Output& out) { return RunRecord(session, record_, out); });
     AddTo(record);
     record->add_option("UNIT", record_.unit, "Unit id or address:port")->required();
     record->add_option("FILE", record_.file, "The WAV file to write")->required();
@@ -134,9 +139,10 @@ class CommandLine {
     record->add_flag("--force", record_.force, "Replace a file that exists");
     AddLocal(record);
 
-    CLI::App* play = Add("play", "Send audio to an output",
-                         "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3",
-                         [this](Output& out) { return RunPlay(play_, common_, out); });
+    CLI::App* play =
+        Add("play", "Send audio to an output",
+            "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3",
+            [this](Session& session, Output& out) { return RunPlay(session, play_, out); });
     AddTo(play);
     play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
     auto* file = play->add_option("FILE", play_.file, "A stereo file at the unit's frequency");
@@ -161,12 +167,12 @@ class CommandLine {
       if (play_.file.empty() && !play_.toneHz && !play_.pattern) {
         throw CLI::RequiredError("FILE, --tone or --pattern");
       }
-      run_ = [this](Output& out) { return RunPlay(play_, common_, out); };
+      run_ = [this](Session& session, Output& out) { return RunPlay(session, play_, out); };
     });
 
     CLI::App* watch =
         Add("watch", "Live view of inputs: levels, rate, jitter, loss", "qz640ctl watch studio-a",
-            [this](Output& out) { return RunWatch(watch_, common_, out); });
+            [this](Session& session, Output& out) { return RunWatch(session, watch_, out); });
     AddTo(watch);
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
@@ -177,7 +183,7 @@ class CommandLine {
   void AddUp() {
     CLI::App* up = Add("up", "Start an emulator on free ports for as long as a command runs",
                        "qz640ctl up --units 2xQZ820,QZ610 -- ./run-my-tests",
-                       [this](Output& out) { return RunUp(up_, common_, out); });
+                       [this](Session& session, Output& out) { return RunUp(session, up_, out); });
     up->add_option("--units", up_.units, "The units: types with an optional count, NxTYPE")
         ->capture_default_str();
     up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4")->capture_default_str();
@@ -193,9 +199,10 @@ class CommandLine {
   }
 
   void AddRelay() {
-    CLI::App* relay = Add("relay", "A bad network that can be repeated, until Ctrl-C",
-                          "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000",
-                          [this](Output& out) { return RunRelay(relay_, out); });
+    CLI::App* relay =
+        Add("relay", "A bad network that can be repeated, until Ctrl-C",
+            "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000",
+            [this](Session& session, Output& out) { return RunRelay(session, relay_, out); });
     const CLI::Range share(0.0, 100.0);
     relay->add_option("WAY", relay_.ways, "LISTEN=TARGET, both address:port")->required();
     relay->add_option("--seed", relay_.seed, "Decides all faults")->capture_default_str();
@@ -233,7 +240,6 @@ class CommandLine {
 int main(int argc, char** argv) {
   platform::Startup();
   platform::BeginTimerPeriod();
-  Network::JsonMsg::StartNumbersAt(std::random_device()());
   const int status = CommandLine().Run(argc, argv);
   platform::EndTimerPeriod();
   return status;

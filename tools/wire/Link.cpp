@@ -69,6 +69,7 @@ void Link::SendWithId(uint32_t id, const Endpoint& to, const std::string& type, 
   object["msg"] = type;
   object["msg_id"] = id;
   if (!attachment.empty() && !object.contains("att")) object["att"] = attachment.size();
+  loop_.Trace("->", to, ToText(object));
   port_.Send(Encode(object, attachment), to);
 }
 
@@ -197,6 +198,7 @@ void Link::Clear() {
 void Link::OnDatagram(const Datagram& datagram) {
   try {
     const Message message = Decode(datagram.bytes, datagram.from, datagram.time);
+    loop_.Trace("<-", message.from, message.text);
     if (message.type == "ack") {
       NumberAt(message.body, "ack_msg_id");
       Remember(acks_, message);
@@ -215,6 +217,7 @@ void Link::OnDatagram(const Datagram& datagram) {
     }
     Accept(message);
   } catch (const std::runtime_error& error) {  // no message, or an acknowledgement not sent
+    loop_.Trace("<-", datagram.from, std::string("not understood: ") + error.what());
     Remember(complaints_, datagram.from.ToText() + ": " + error.what());
   }
 }

@@ -73,6 +73,10 @@ void Loop::SetInterrupt(std::function<bool()> interrupt) {
   interrupt_ = std::move(interrupt);
 }
 
+void Loop::Trace(const char* arrow, const Endpoint& peer, std::string_view text) const {
+  if (trace_) trace_(std::string(arrow) + " " + peer.ToText() + " " + std::string(text));
+}
+
 // The system's callback keeps a share of this, so that one that is under way when the port goes
 // meets a closed socket and not a freed one.
 struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
@@ -108,9 +112,8 @@ struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
 
   asio::error_code Send(const Bytes& bytes, const Endpoint& to) {
     asio::error_code error;
-    do {
-      socket.send_to(asio::buffer(bytes), ToSystem(to), 0, error);
-    } while (IsOldNews(error));
+    socket.send_to(asio::buffer(bytes), ToSystem(to), 0, error);
+    if (IsOldNews(error)) socket.send_to(asio::buffer(bytes), ToSystem(to), 0, error);
     return error;
   }
 
@@ -146,7 +149,7 @@ void UdpPort::Send(const Bytes& bytes, const Endpoint& to) {
     impl_->socket.wait(udp::socket::wait_write, ignored);
     error = impl_->Send(bytes, to);
   }
-  if (error) throw SocketError("can't send to " + to.ToText() + ": " + error.message());
+  if (error) throw SendError("can't send to " + to.ToText() + ": " + error.message());
 }
 
 bool UdpPort::TrySend(const Bytes& bytes, const Endpoint& to) {

@@ -30,9 +30,14 @@ struct Interrupted : std::runtime_error {
   Interrupted() : std::runtime_error("interrupted") {}
 };
 
-// A socket that can't be had or can't send. The text says what, where and the system's reason.
+// A socket that can't be had. The text says what, where and the system's reason.
 struct SocketError : std::runtime_error {
   using std::runtime_error::runtime_error;
+};
+
+// The system has no way to the address, or no leave to go it.
+struct SendError : SocketError {
+  using SocketError::SocketError;
 };
 
 class Loop {
@@ -54,6 +59,11 @@ class Loop {
   // first.
   void SetInterrupt(std::function<bool()> interrupt);
 
+  // Gets a line for each control message that goes out ("-> a.b.c.d:port text") or comes in ("<-").
+  // None at first.
+  void SetTrace(std::function<void(const std::string&)> trace) { trace_ = std::move(trace); }
+  void Trace(const char* arrow, const Endpoint& peer, std::string_view text) const;
+
   // For as long as it lives the interrupt isn't asked: for what has to be put back at the end.
   class Shield {
    public:
@@ -73,6 +83,7 @@ class Loop {
  private:
   std::unique_ptr<Impl> impl_;
   std::function<bool()> interrupt_;
+  std::function<void(const std::string&)> trace_;
   int shields_ = 0;
 };
 
@@ -96,7 +107,7 @@ class UdpPort {
 
   const Endpoint& Local() const;
 
-  // Also to a broadcast address. Waits while the system has no room. Throws SocketError.
+  // Also to a broadcast address. Waits while the system has no room. Throws SendError.
   void Send(const Bytes& bytes, const Endpoint& to);
 
   // The same without failure and without waiting: false when the system didn't take it.

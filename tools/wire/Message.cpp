@@ -39,8 +39,9 @@ Json ParseStrictly(std::string_view text) {
 
 uint32_t NumberAt(const Json& object, const char* key) {
   const Json& value = At(object, key);
-  constexpr auto kMost = std::numeric_limits<uint32_t>::max();
-  if (!value.is_number_unsigned() || value.get<uint64_t>() > kMost) {
+  const bool whole =
+      value.is_number_unsigned() || (value.is_number_integer() && value.get<int64_t>() >= 0);
+  if (!whole || value.get<uint64_t>() > std::numeric_limits<uint32_t>::max()) {
     throw BadMessage(std::string("\"") + key + "\" is " + value.dump() +
                      "; it must be a whole number from 0 to 4294967295");
   }

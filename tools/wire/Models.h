@@ -35,8 +35,8 @@ constexpr Model FindModel(std::string_view name) {
 }
 
 // The RTP port of the unit's output `output`, counted from 0; also beyond 65535, for who checks.
-constexpr uint32_t OutputPort(uint32_t controlPort, uint32_t output) {
-  return controlPort + 2 + 2 * output;
+constexpr int64_t OutputPort(int64_t controlPort, uint32_t output) {
+  return controlPort + 2 + int64_t{2} * output;
 }
 
 }  // namespace wire

@@ -1,29 +1,24 @@
-// What a receiver can tell about an RTP stream from the packets that came: rate, loss, order,
-// jitter, level. Pure arithmetic, no lock, no clock of its own.
+// What a receiver can say about a stream from the packets that came: rate, loss, order, jitter,
+// level. Plain arithmetic.
 #pragma once
 
 #include <bitset>
 #include <cstdint>
 #include <optional>
 
-#include "audio/RtpPacket.h"
+#include "wire/Audio.h"
 
-namespace ctl {
-
-// The sample frequency of an audio payload type, in Hz.
-inline uint32_t FreqOfPayloadType(uint32_t payloadType) {
-  return payloadType == Network::PayloadTypeFromFreq(48000) ? 48000 : 44100;
-}
+namespace wire {
 
 class StreamStats {
  public:
-  // One packet, with the counter (100 ns ticks) when it came. What isn't a whole audio packet is
-  // counted in `foreign` alone. The result is the packet's place in the stream, from 0 for the
-  // first; negative for a packet from before the first; nothing for a foreign one.
-  std::optional<int64_t> Add(const Network::RtpPacket& packet, int64_t arrival);
+  // What isn't an audio packet is counted in `foreign` alone. The result is the packet's place in
+  // the stream, from 0 for the first; negative for a packet from before the first; nothing for a
+  // foreign one.
+  std::optional<int64_t> Add(const StreamPacket& packet);
 
   uint64_t packets = 0;     // audio packets that came
-  uint64_t late = 0;        // came behind a packet with a higher number
+  uint64_t late = 0;        // reordered: came after a packet with a higher number
   uint64_t duplicates = 0;  // had come before
   uint64_t foreign = 0;     // not audio, or shorter than a header
   uint64_t jumps = 0;       // the number went on elsewhere: the sender started anew
@@ -39,7 +34,11 @@ class StreamStats {
 
   // Smoothed deviation of the packets' spacing from that of their timestamps, in milliseconds
   // (the interarrival jitter of RFC 3550, section 6.4.1).
-  double JitterMs() const { return jitterTicks_ / 10'000.0; }
+  double JitterMs() const { return jitterMs_; }
+
+  // How much later than its timestamp says a packet came after the one before it, at worst, in
+  // milliseconds: how long sender or receiver stood still.
+  double WorstGapMs() const { return worstGapMs_; }
 
   // Largest magnitude of the channel since the latest TakePeak, 1.0 being full scale.
   double TakePeak(int channel);
@@ -48,24 +47,25 @@ class StreamStats {
   // How many of the latest numbers are remembered, to tell late packets from duplicates.
   static constexpr size_t kWindow = 2048;
 
-  int64_t PlaceOf(uint16_t seq);
-  void Advance(uint16_t seq, int64_t step);
-  void MeasureLevel(const Network::RtpPacket& packet);
-  void MeasureJitter(const Network::RtpHeader& header, int64_t arrival);
+  int64_t PlaceOf(uint16_t sequence);
+  void Advance(uint16_t sequence, int64_t step);
+  void MeasureLevel(const StreamPacket& packet);
+  void MeasureJitter(const StreamHeader& header, Clock::time_point arrival);
 
-  uint16_t highestSeq_ = 0;
+  uint16_t highestSequence_ = 0;
   int64_t highestPlace_ = 0;
   std::bitset<kWindow> seen_;  // by place modulo kWindow
   uint64_t expected_ = 0;      // numbers from the first to the highest
   uint64_t distinct_ = 0;      // of these, how many came
-  int64_t firstArrival_ = 0;
-  int64_t lastArrival_ = 0;
+  Clock::time_point firstArrival_;
+  Clock::time_point lastArrival_;
   uint64_t packetsTaken_ = 0;  // at the last TakeRate
-  int64_t arrivalTaken_ = 0;
-  int64_t newestArrival_ = 0;  // of the packet with the highest number
+  Clock::time_point arrivalTaken_;
+  Clock::time_point newestArrival_;  // of the packet with the highest number
   uint32_t newestTimestamp_ = 0;
-  double jitterTicks_ = 0;
+  double jitterMs_ = 0;
+  double worstGapMs_ = 0;
   double peak_[2] = {0, 0};
 };
 
-}  // namespace ctl
+}  // namespace wire

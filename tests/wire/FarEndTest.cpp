@@ -1,0 +1,249 @@
+// The far end against itself and against peers that do wrong: what it sends, what it refuses, when
+// it gives up.
+#include <gtest/gtest.h>
+
+#include "wire/Link.h"
+#include "wire/StreamStats.h"
+#include "wire/Streams.h"
+#include "wire/Units.h"
+
+namespace wire {
+namespace {
+
+using std::chrono::milliseconds;
+
+const Endpoint kHere("127.0.0.1", 0);
+
+Bytes ToBytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+TEST(Message, IsWrittenAsUnitsReadIt) {
+  const Json object{{"msg", "error"}, {"txt", "\x1f\n\\u00ff\xC3\xA4"}, {"msg_id", 7}};
+  const Message message = Decode(Encode(object));
+  EXPECT_EQ(message.text, R"({"msg":"error","msg_id":7,"txt":"\u001F\n\\u00ff)"
+                          "\xC3\xA4\"}");
+  EXPECT_EQ(message.body, object);
+}
+
+TEST(Message, RefusesWhatNoOtherPeerNeedTake) {
+  const std::string tails[] = {std::string(1, '\0'), ""};
+  const std::string good = R"({"msg":"ack","msg_id":7})";
+  EXPECT_NO_THROW(Decode(ToBytes(good + tails[0])));
+  EXPECT_THROW(Decode(ToBytes(good)), BadMessage) << "no byte 0x00";
+  EXPECT_THROW(Decode(ToBytes(good + tails[0] + "x")), BadMessage) << "bytes not announced";
+  for (const char* text : {"", " ", "{", "[]", "\xEF\xBB\xBF{\"msg\":\"a\",\"msg_id\":7}",
+                           R"({"msg":"a","msg_id":7} x)", R"({"msg":"a","msg_id":7,"msg_id":8})",
+                           R"({"msg":"a"})", R"({"msg_id":7})", R"({"msg":7,"msg_id":7})",
+                           R"({"msg":"a","msg_id":-1})", R"({"msg":"a","msg_id":7.0})",
+                           R"({"msg":"a","msg_id":4294967296})", R"({"msg":"a","msg_id":"7"})",
+                           R"({"msg":"a","msg_id":7,})", "{\"msg\":\"\xFF\",\"msg_id\":7}"}) {
+    EXPECT_THROW(Decode(ToBytes(text + tails[0])), BadMessage) << text;
+  }
+}
+
+TEST(Endpoint, TakesAddressesInTheirOneForm) {
+  EXPECT_EQ(Endpoint::Parse("127.0.0.1:8000"), Endpoint(0x7F000001, 8000));
+  EXPECT_EQ(Endpoint("10.0.0.9", 5).ToText(), "10.0.0.9:5");
+  EXPECT_LT(Endpoint("10.0.0.9", 5), Endpoint("10.0.0.10", 4));
+  for (const char* text : {"", "1.2.3", "1.2.3.4.5", "1.2.3.256", "01.2.3.4",
+                           "1.2.3.4:", "1.2.3.4 ", "1.2.3.4:65536", "1.2.3.4:08", "0x1.2.3.4"}) {
+    EXPECT_FALSE(Endpoint::Parse(text)) << text;
+  }
+}
+
+// Two links play unit and controller to each other.
+class Links : public testing::Test {
+ protected:
+  Loop loop;
+  Link one{loop, kHere};
+  Link two{loop, kHere};
+};
+
+TEST_F(Links, CarryMessagesOfEveryLengthOnce) {
+  for (const size_t size : {0, 1, 1300, 1301, 2600, 4000}) {
+    Bytes attachment(size);
+    for (size_t i = 0; i < size; ++i)
+      attachment[i] = static_cast<uint8_t>(i * 7);
+    const uint32_t id = one.Tell(two.Local(), "set_state", {{"device_freq", size}}, attachment);
+    const auto message = two.Take("set_state", one.Local(), {});
+    ASSERT_TRUE(message) << size;
+    EXPECT_EQ(message->id, id);
+    EXPECT_EQ(message->attachment, attachment);
+    const size_t segments = size <= 1300 ? 0 : (size + 1299) / 1300;
+    EXPECT_EQ(two.Received().size(), 1 + segments);
+    two.Clear();
+  }
+  const uint32_t id = one.Send(two.Local(), "get_state");
+  one.SendWithId(id, two.Local(), "get_state");  // a repeat: acknowledged, not taken again
+  EXPECT_TRUE(one.WaitAcks(id, 2));
+  EXPECT_TRUE(two.Take("get_state"));
+  EXPECT_FALSE(two.Take("get_state", {}, {}));
+  EXPECT_TRUE(one.Complaints().empty() && two.Complaints().empty());
+}
+
+TEST_F(Links, ComplainOfSegmentsThatDoNotFit) {
+  const auto segment = [](uint32_t leader, uint32_t number, uint32_t count) {
+    return Json{{"leader_id", leader}, {"seg_number", number}, {"seg_count", count}};
+  };
+  const struct {
+    std::vector<Json> segments;
+    size_t complaints;
+  } rows[] = {{{segment(5, 0, 1)}, 1},                     // ends short of the 20 announced
+              {{segment(6, 0, 2)}, 1},                     // of another message
+              {{segment(5, 1, 2)}, 1},                     // one is missing
+              {{segment(5, 0, 4), segment(5, 1, 4)}, 1},   // more than announced
+              {{segment(5, 1, 2), segment(5, 0, 2)}, 2}};  // the second has no head any more
+  for (const auto& row : rows) {
+    Link sender(loop, kHere);
+    Link receiver(loop, kHere);
+    sender.SendWithId(5, receiver.Local(), "set_state", {{"att", 20}});
+    for (const Json& members : row.segments)
+      sender.Send(receiver.Local(), "attach", members, Bytes(11));
+    EXPECT_TRUE(loop.RunUntil([&] { return sender.Acks().size() > row.segments.size(); },
+                              std::chrono::seconds(20)));
+    EXPECT_EQ(receiver.Complaints().size(), row.complaints) << row.segments.front();
+    EXPECT_FALSE(receiver.Take("set_state", {}, {}));
+  }
+}
+
+TEST_F(Links, GiveUpAfterFiveTransmissions) {
+  two.Acknowledge(false);
+  const auto start = Clock::now();
+  EXPECT_THROW(one.Tell(two.Local(), "get_state"), NoAnswer);
+  EXPECT_GE(Clock::now() - start, 5 * kAckTimeout);
+  ASSERT_TRUE(two.WaitCount("get_state", 5));
+  EXPECT_EQ(two.Received().size(), 5U);
+  EXPECT_EQ(two.Received().front().id, two.Received().back().id);
+}
+
+// A unit that answers at once, and acknowledges or doesn't.
+TEST_F(Links, AskTakesTheAnswerThatIsMeant) {
+  struct {
+    bool acknowledges;
+    const char* type;
+    int about;  // beside the request's number
+    const char* outcome;
+  } const rows[] = {{true, "inputs", 0, "answer"},
+                    {false, "inputs", 0, "answer"},
+                    {true, "error", 0, "refused"},
+                    {true, "error", 1, "nothing"},
+                    {true, "fm_freq", 0, "nothing"}};
+  for (const auto& row : rows) {
+    UdpPort unit(loop, kHere, [&](const Datagram& datagram) {
+      const Message request = Decode(datagram.bytes, datagram.from);
+      if (request.type == "ack") return;
+      const auto send = [&](const Json& object) { unit.Send(Encode(object), datagram.from); };
+      if (row.acknowledges) send({{"msg", "ack"}, {"msg_id", 1}, {"ack_msg_id", request.id}});
+      send({{"msg", row.type},
+            {"msg_id", 2},
+            {"code", 1},
+            {"txt", "no"},
+            {"err_msg_id", request.id + static_cast<uint32_t>(row.about)}});
+    });
+    std::string outcome = "nothing";
+    try {
+      one.Ask(unit.Local(), "get_inputs", "inputs", Json::object(), {}, milliseconds(150));
+      outcome = "answer";
+    } catch (const Refused&) {
+      outcome = "refused";
+    } catch (const NoAnswer& error) {
+      EXPECT_EQ(error.missing, NoAnswer::Missing::Answer);
+    }
+    EXPECT_EQ(outcome, row.outcome) << row.type;
+  }
+}
+
+TEST(Units, RefuseADescriptionThatCanNotBe) {
+  const auto with = [](const char* key, const Json& value) {
+    Message message;
+    message.body = {{"unit_id", "a"},        {"unit_type", "QZ820"}, {"hardware", 1},
+                    {"firmware", 1},         {"software", 1},        {"audio_protocol", 1},
+                    {"control_protocol", 1}, {"rtp_port", 65533},    {"inputs", 4},
+                    {"outputs", 2}};
+    if (value.is_null()) {
+      message.body.erase(key);
+    } else {
+      message.body[key] = value;
+    }
+    return message;
+  };
+  EXPECT_EQ(ToUnit(with("inputs", 4)).Output(1).port, 65535);
+  EXPECT_THROW(ToUnit(with("software", nullptr)), BadMessage);
+  EXPECT_THROW(ToUnit(with("inputs", 100'000'000)), BadMessage);
+  EXPECT_THROW(ToUnit(with("outputs", 3)), BadMessage);
+  EXPECT_THROW(ToUnit(with("rtp_port", 65536)), BadMessage);
+}
+
+TEST(Loop, IsInterruptedUnlessShielded) {
+  Loop loop;
+  bool stop = false;
+  loop.SetInterrupt([&] { return stop; });
+  Timer timer(loop, [&] { stop = true; });
+  timer.At(Clock::now() + milliseconds(10));
+  EXPECT_THROW(loop.RunFor(std::chrono::hours(1)), Interrupted);
+  const Loop::Shield shield(loop);
+  EXPECT_NO_THROW(loop.RunFor(milliseconds(1)));
+}
+
+TEST(LoopThread, RunsTheLoopWhileItsOwnerWaits) {
+  Loop loop;
+  std::unique_ptr<Link> unit;
+  LoopThread thread(loop);
+  thread.Do([&] { unit = std::make_unique<Link>(loop, kHere); });
+  Loop other;
+  Link controller(other, kHere);
+  controller.Tell(thread.Do([&] { return unit->Local(); }), "get_state");
+  EXPECT_EQ(thread.Do([&] { return unit->Received().size(); }), 1U);
+  EXPECT_THROW(thread.Do([]() -> int { throw BadMessage("seen"); }), BadMessage);
+  thread.Do([&] { unit.reset(); });
+}
+
+TEST(Streams, ArriveAsTheyWereSentAtTheirPace) {
+  Loop loop;
+  AudioReceiver receiver(loop, kHere);
+  const auto start = Clock::now();
+  AudioSender sender(loop, receiver.Local(), 44100, 0, PatternSource(50 * kPacketFrames));
+  ASSERT_TRUE(sender.WaitEnd(std::chrono::seconds(20)));
+  EXPECT_GE(Clock::now() - start, milliseconds(217));  // 50 * 192 / 44100 s
+  ASSERT_TRUE(receiver.WaitCount(50));
+  const StreamPacket& packet = receiver.Packets()[1];
+  EXPECT_EQ(Bytes(packet.bytes.begin(), packet.bytes.begin() + 15),
+            (Bytes{0x02, 0xCA, 0, 1, 0, 0, 0, 192, 0, 0, 0, 0, 0x00, 0xAA, 0xAA}));
+  EXPECT_EQ(MarkOf(packet.Audio()), 0);
+  StreamStats stats;
+  for (const StreamPacket& each : receiver.Packets())
+    stats.Add(each);
+  EXPECT_EQ(stats.Lost() + stats.late + stats.duplicates + stats.foreign, 0U);
+}
+
+TEST(StreamStats, TellLostFromLateFromDoubled) {
+  const struct {
+    std::vector<int> numbers;
+    uint64_t lost, late, duplicates, jumps;
+  } rows[] = {{{1, 2, 3, 4}, 0, 0, 0, 0},   {{1, 2, 4, 5}, 1, 0, 0, 0},
+              {{1, 3, 2, 4}, 0, 1, 0, 0},   {{1, 2, 2, 3}, 0, 0, 1, 0},
+              {{5, 4, 6}, 0, 1, 0, 0},      {{65534, 65535, 0, 1}, 0, 0, 0, 0},
+              {{65535, 1, 0}, 0, 1, 0, 0},  {{1, 2, 5000, 5001}, 0, 0, 0, 1},
+              {{1, 3, 2, 2, 7}, 3, 1, 1, 0}};
+  for (const auto& row : rows) {
+    StreamStats stats;
+    Clock::time_point time;
+    for (const int number : row.numbers) {
+      StreamHeader header;
+      header.sequence = static_cast<uint16_t>(number);
+      header.timestamp = static_cast<uint32_t>(number) * kPacketFrames;
+      stats.Add({EncodePacket(header, Frames(kPacketFrames)), {}, time += milliseconds(4)});
+    }
+    stats.Add({Bytes(11), {}, time});
+    EXPECT_EQ(stats.Lost(), row.lost);
+    EXPECT_EQ(stats.late, row.late);
+    EXPECT_EQ(stats.duplicates, row.duplicates);
+    EXPECT_EQ(stats.jumps, row.jumps);
+    EXPECT_EQ(stats.foreign, 1U);
+    EXPECT_NEAR(stats.Rate(), 250, 1e-6);
+  }
+}
+
+}  // namespace
+}  // namespace wire

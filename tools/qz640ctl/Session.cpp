@@ -1,0 +1,227 @@
+#include "Session.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "platform/interfaces.h"
+#include "platform/socket.h"
+#include "platform/startup.h"
+
+namespace ctl {
+
+using wire::Endpoint;
+using wire::Unit;
+
+namespace {
+
+platform::SocketAddress ToPlatform(const Endpoint& endpoint) {
+  platform::SocketAddress address;
+  address.port[0] = static_cast<uint8_t>(endpoint.port >> 8);
+  address.port[1] = static_cast<uint8_t>(endpoint.port & 0xFF);
+  for (int i = 0; i < 4; ++i)
+    address.address[i] = static_cast<uint8_t>(endpoint.address >> (24 - 8 * i) & 0xFF);
+  return address;
+}
+
+// The same unit, answering from two addresses of this machine because it hears at all of them.
+bool IsSameUnit(const Unit& a, const Unit& b) {
+  return a.id == b.id && a.type == b.type && a.rtpPort == b.rtpPort &&
+         a.control.port == b.control.port && IsOwn(a.control) && IsOwn(b.control);
+}
+
+}  // namespace
+
+Endpoint ParseEndpoint(const std::string& text, uint16_t defaultPort) {
+  auto endpoint = Endpoint::Parse(text);
+  // The limited broadcast address is the value that stands for "undefined" in units.
+  if (!endpoint || endpoint->address == 0xFFFFFFFF) {
+    throw Failure{kUsage, "\"" + text + "\" is no address; it must read a.b.c.d or a.b.c.d:port" +
+                              (text.starts_with("255.255.255.255")
+                                   ? " (for a broadcast give the subnet's broadcast address)"
+                                   : "")};
+  }
+  if (endpoint->port == 0) endpoint->port = defaultPort;
+  return *endpoint;
+}
+
+std::optional<Endpoint> ControlOf(const std::string& name) {
+  const auto endpoint = Endpoint::Parse(name);
+  if (!endpoint || endpoint->port == 0 || endpoint->address == 0xFFFFFFFF) return std::nullopt;
+  return endpoint;
+}
+
+Endpoint ToEndpoint(const platform::SocketAddress& address) {
+  Endpoint endpoint;
+  for (const uint8_t part : address.address)
+    endpoint.address = endpoint.address << 8 | part;
+  endpoint.port = static_cast<uint16_t>(address.port[0] << 8 | address.port[1]);
+  return endpoint;
+}
+
+bool IsPortFree(const Endpoint& local) {
+  platform::Socket sock;
+  return sock.OpenUdp().Ok() && sock.Bind(ToPlatform(local)).Ok();
+}
+
+bool IsOwn(const Endpoint& endpoint) {
+  constexpr uint32_t kLoopback = 127;
+  if (endpoint.address >> 24 == kLoopback) return true;
+  const auto all = platform::ListInterfaces();
+  return std::any_of(all.begin(), all.end(), [&](const platform::Interface& interface) {
+    return ToEndpoint(interface.address).address == endpoint.address;
+  });
+}
+
+void CheckInput(const Unit& unit, uint32_t input) {
+  if (input < unit.inputs) return;
+  throw Failure{kUsage, unit.id + " (" + unit.type + ") has " + std::to_string(unit.inputs) +
+                            " input(s), counted from 0; there is no input " +
+                            std::to_string(input)};
+}
+
+void CheckOutput(const Unit& unit, uint32_t output) {
+  if (output < unit.outputs) return;
+  throw Failure{kUsage, unit.id + " (" + unit.type + ") has " + std::to_string(unit.outputs) +
+                            " output(s), counted from 0; there is no output " +
+                            std::to_string(output)};
+}
+
+Session::Session(const CommonOptions& common, bool verbose) : common_(common) {
+  loop_.SetInterrupt([] { return platform::WaitForStop(0); });
+  if (verbose) {
+    loop_.SetTrace([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
+  }
+}
+
+wire::Link& Session::Link() {
+  if (!link_) link_.emplace(loop_);
+  return *link_;
+}
+
+std::vector<Endpoint> Session::DiscoverAt() const {
+  std::vector<Endpoint> all;
+  for (const std::string& text : common_.to)
+    all.push_back(ParseEndpoint(text, wire::kDiscoveryPort));
+  if (!all.empty()) return all;
+  for (const platform::Interface& interface : platform::ListInterfaces()) {
+    const Endpoint broadcast(ToEndpoint(interface.broadcast).address, wire::kDiscoveryPort);
+    if (broadcast.address == 0xFFFFFFFF) continue;  // it has none
+    if (std::find(all.begin(), all.end(), broadcast) == all.end()) all.push_back(broadcast);
+  }
+  return all;
+}
+
+std::vector<Unit> Session::Find(const std::vector<Endpoint>& to, wire::Clock::duration limit,
+                                wire::Clock::duration round) {
+  std::vector<Unit> found;
+  for (const Unit& unit : wire::Discover(Link(), loop_, to, limit, round)) {
+    const auto same = [&](const Unit& other) { return IsSameUnit(unit, other); };
+    if (std::none_of(found.begin(), found.end(), same)) found.push_back(unit);
+  }
+  return found;
+}
+
+Unit Session::FindUnit(const std::string& name) {
+  if (const auto control = ControlOf(name)) {
+    return wire::UnitControl(Link(), *control, Timeout()).GetDevInfo();
+  }
+  const std::vector<Unit> all = Find(DiscoverAt(), Timeout());
+  std::vector<Unit> named;
+  std::string others;
+  for (const Unit& unit : all) {
+    if (unit.id == name) named.push_back(unit);
+    others += (others.empty() ? "" : ", ") + unit.id;
+  }
+  if (named.size() == 1) return named.front();
+  if (named.size() > 1) {
+    throw Failure{kRefused, std::to_string(named.size()) + " units are called \"" + name +
+                                "\"; name one by its address, such as " +
+                                named.front().control.ToText()};
+  }
+  if (all.empty()) {
+    throw Failure{kNoAnswer,
+                  "no unit answered the discovery; is one running, with \"AddrStr\" set "
+                  "to an address of this network? (qz640ctl doctor looks closer)"};
+  }
+  throw Failure{kNoAnswer,
+                "no unit \"" + name + "\" answered; name one of these that did: " + others};
+}
+
+Endpoint Session::LocalFor(const Unit& unit) const {
+  if (!common_.local.empty()) return {ParseEndpoint(common_.local, 0).address, 0};
+  // Connecting a datagram socket sends nothing; the system only looks up the way to the unit.
+  platform::Socket sock;
+  platform::SocketAddress local;
+  if (sock.OpenUdp().Ok() && sock.Connect(ToPlatform(unit.control)).Ok() &&
+      sock.LocalAddress(&local).Ok()) {
+    return {ToEndpoint(local).address, 0};
+  }
+  throw Failure{kNoPort, "no interface of this machine faces " + unit.control.ToText() +
+                             "; name one with --local ADDR"};
+}
+
+Failure Session::ToFailure(const std::exception& error) const {
+  if (const auto* silence = dynamic_cast<const wire::NoAnswer*>(&error)) {
+    if (silence->missing == wire::NoAnswer::Missing::Acknowledgement) {
+      return {kNoAnswer,
+              error.what() + std::string(": is a unit running there, and does a firewall let "
+                                         "UDP through?")};
+    }
+    return {kNoAnswer, error.what() + (" within " + std::to_string(common_.timeoutMs)) +
+                           " ms; give it longer with --timeout, or look at the unit's log"};
+  }
+  if (dynamic_cast<const wire::Refused*>(&error)) return {kRefused, error.what()};
+  if (dynamic_cast<const wire::Interrupted*>(&error)) {
+    return {kRefused, "stopped before it was done"};
+  }
+  if (dynamic_cast<const wire::SendError*>(&error)) {
+    return {kNoAnswer, error.what() + std::string("; is there a network that leads there?")};
+  }
+  if (dynamic_cast<const wire::SocketError*>(&error)) {
+    return {kNoPort, error.what() + std::string(" (qz640ctl doctor looks closer)")};
+  }
+  if (dynamic_cast<const wire::BadMessage*>(&error)) {
+    return {kRefused, "the unit's answer can't be understood: " + std::string(error.what())};
+  }
+  return {kRefused, "unexpected: " + std::string(error.what())};
+}
+
+InputLoan::InputLoan(Session& session, const Unit& unit, uint32_t input, const Endpoint& to)
+    : session_(session), unit_(unit), input_(input) {
+  const std::vector<wire::Destination> inputs = session_.Control(unit_).GetInputs();
+  if (input < inputs.size()) former_ = inputs[input];
+  try {
+    Set(to);
+  } catch (const std::exception&) {
+    // The request may have arrived though its acknowledgement didn't.
+    TryReturn();
+    throw;
+  }
+}
+
+InputLoan::~InputLoan() {
+  TryReturn();
+}
+
+void InputLoan::TryReturn() {
+  try {
+    Return();
+  } catch (const std::exception&) {
+    // The unit is gone; who wants to know calls Return.
+  }
+}
+
+void InputLoan::Return() {
+  if (!lent_) return;
+  lent_ = false;
+  const wire::Loop::Shield shield(session_.Loop());
+  Set(former_);
+}
+
+void InputLoan::Set(const wire::Destination& to) {
+  std::vector<wire::InputChange> changes(unit_.inputs);
+  changes[input_] = {true, to};
+  session_.Control(unit_).SetInputs(changes);
+}
+
+}  // namespace ctl

@@ -1,0 +1,107 @@
+// What all commands share: the options of each, the loop and link to the units, finding a unit,
+// borrowing an input, and how what goes wrong is told.
+#pragma once
+
+#include <exception>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ExitStatus.h"
+#include "platform/socketaddress.h"
+#include "wire/Units.h"
+
+namespace ctl {
+
+// What every command takes.
+struct CommonOptions {
+  bool json = false;
+  uint32_t timeoutMs = 3000;    // for an answer, and for a discovery
+  std::vector<std::string> to;  // where to look for units; empty: every interface
+  std::string local;            // own address for streams; empty: the one that faces the unit
+};
+
+// a.b.c.d[:port]; throws Failure (kUsage) for anything else. `defaultPort` where the text has none.
+wire::Endpoint ParseEndpoint(const std::string& text, uint16_t defaultPort);
+
+// The control port that UNIT gives on a command line; nothing when it is a unit id.
+std::optional<wire::Endpoint> ControlOf(const std::string& name);
+
+// The platform's address as the far end has it; all-ones stays all-ones.
+wire::Endpoint ToEndpoint(const platform::SocketAddress& address);
+
+// A UDP socket can be bound there now: another program could still take it.
+bool IsPortFree(const wire::Endpoint& local);
+
+// The address is one of this machine's.
+bool IsOwn(const wire::Endpoint& endpoint);
+
+// Throws Failure (kUsage) when `input` isn't one of the unit's.
+void CheckInput(const wire::Unit& unit, uint32_t input);
+void CheckOutput(const wire::Unit& unit, uint32_t output);
+
+// One run of a command. Whatever waits here throws wire::Interrupted once Ctrl-C has come, and the
+// exceptions of the far end otherwise; ToFailure says them in the words of the command line.
+class Session {
+ public:
+  // With `verbose` every control message is shown on standard error.
+  Session(const CommonOptions& common, bool verbose);
+
+  const CommonOptions& Common() const { return common_; }
+  wire::Clock::duration Timeout() const { return std::chrono::milliseconds(common_.timeoutMs); }
+  wire::Loop& Loop() { return loop_; }
+  wire::Link& Link();  // opened when it is first asked for
+  wire::UnitControl Control(const wire::Unit& unit) { return {Link(), unit.control, Timeout()}; }
+
+  // Where to look for units: what the command line names, or the discovery port at the broadcast
+  // address of every interface.
+  std::vector<wire::Endpoint> DiscoverAt() const;
+
+  // Sorted by control address. A unit of this machine that hears at all of its addresses, and so
+  // answers from several, comes once.
+  std::vector<wire::Unit> Find(const std::vector<wire::Endpoint>& to, wire::Clock::duration limit,
+                               wire::Clock::duration round = std::chrono::milliseconds(300));
+
+  // The unit that the command line names: a unit id, found by discovery, or address:port, which is
+  // asked itself. Throws Failure where several have the id or it isn't among those that answered.
+  wire::Unit FindUnit(const std::string& name);
+
+  // The local address that packets of `unit` can reach, port 0.
+  wire::Endpoint LocalFor(const wire::Unit& unit) const;
+
+  // Throws once Ctrl-C has come: whatever is on loan returns on the way out.
+  void CheckStop() { Loop().RunFor({}); }
+
+  Failure ToFailure(const std::exception& error) const;
+
+ private:
+  const CommonOptions common_;
+  wire::Loop loop_;
+  std::optional<wire::Link> link_;
+};
+
+// Takes an input's stream to this program for its lifetime and gives the input its former
+// destination back at the end.
+class InputLoan {
+ public:
+  InputLoan(Session& session, const wire::Unit& unit, uint32_t input, const wire::Endpoint& to);
+  ~InputLoan();
+  InputLoan(const InputLoan&) = delete;
+  InputLoan& operator=(const InputLoan&) = delete;
+
+  // Gives it back now, whether Ctrl-C has come or not; throws what the far end throws when the unit
+  // doesn't take it.
+  void Return();
+
+ private:
+  void Set(const wire::Destination& to);
+  void TryReturn();
+
+  Session& session_;
+  const wire::Unit unit_;
+  const uint32_t input_;
+  wire::Destination former_;
+  bool lent_ = true;
+};
+
+}  // namespace ctl
