@@ -748,7 +748,8 @@ def up(units: str = "QZ610,QZ820", faults: Sequence[str] = (), mode: int = 1,
 
 def _find_tool() -> str:
     here = Path(__file__).resolve().parent
-    built = [here.parent / "build" / preset / "qz640ctl" for preset in ("release", "debug")]
+    built = [here.parent / "build" / preset / "qz640ctl"
+             for preset in ("release", "debug", "windows")]
     for candidate in (os.environ.get("QZ640CTL"), shutil.which("qz640ctl"), *map(str, built)):
         if candidate and shutil.which(candidate):
             return candidate
