@@ -5,6 +5,7 @@
 
 #include "emulator/Emulator.h"
 #include "platform/startup.h"
+#include "platform/thread.h"
 #include "runtime/ConsoleLog.h"
 #include "runtime/Environment.h"
 #include "runtime/Format.h"
@@ -21,6 +22,11 @@ int Run() {
   ErrInfo err = ERR_HERE("Run");
 
   log->Write(Format(L"QZ-640 Emulator: %s \r\n", emulator.GetSettings().ToString()));
+
+  log->Write(platform::CanBeTimeCritical()
+                 ? L"Real-time scheduling: permitted"
+                 : L"Real-time scheduling: not permitted, so packets may leave late while the "
+                   L"machine is busy. README.md says how to permit it.");
 
   err = emulator.Init();
   if (!err.IsOk()) {

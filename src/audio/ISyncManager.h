@@ -35,9 +35,10 @@ struct SyncInfo {
   uint32_t SyncStep = 0;  // samples from tick to tick
 };
 
-// Calls its targets every SyncStep samples of SyncFreq on a time-critical thread of its own. As a
-// target it takes the position reports of a source and locks its ticks to that source's rate.
-// A target must not call SetSyncFreq or GetSyncFreq from its OnSync.
+// Calls its targets every SyncStep samples of SyncFreq, all on one time-critical thread, which
+// serves other clocks too: what a target takes long over makes those late. As a target it takes the
+// position reports of a source and locks its ticks to that source's rate. A target must not call
+// SetSyncFreq, GetSyncFreq or Stop from its OnSync.
 class ISyncManager : public ISyncSource, public ISyncTarget {
  public:
   virtual ~ISyncManager() = default;

@@ -136,6 +136,13 @@ void RtpManager::Report(int64_t pos, uint32_t sampleFreq) {
     target->OnSync(this, pos, sampleFreq);
 }
 
+// A stream is anchored on its first packet: that packet goes RecvBufPos slots ahead of the next
+// tick, so that each later one has that many ticks to spare before it is missed. With 9 slots and
+// 5: packet 1000 lies in slot 5 and comes out at the sixth tick; 1003 is the furthest ahead that
+// still has a slot. From then on the position moves by one a tick and knows nothing of the sender's
+// clock, so the two drift apart until a packet has no place any more. That packet becomes the new
+// anchor, which costs one jump and brings the delay back to where it began; waiting for the old
+// position to fit again would be silence without an end.
 void RtpManager::OnRtpPacket(RtpRecvChan* channel, RtpPacket packet) {
   const RtpHeader header = packet.GetHeader();
   bool notify = true;
@@ -174,8 +181,10 @@ int64_t RtpManager::Follow(const RtpHeader& header) {
   }
   s.TsPos = std::max(s.TsPos, ts);
 
-  // The ticks have passed the newest packet, or this one lies beyond the rings. A late packet of a
-  // stream that is alive is neither.
+  // The position is lost in two cases. The stream ran dry: the ticks have gone on past the highest
+  // number that ever came, as when slot 0 waits for 1010 and nothing newer than 1008 is here. Or it
+  // ran ahead: this packet would need a slot after the last. A packet that is merely late, 1007
+  // while 1012 has come already, is neither; it finds no slot and is dropped.
   if (s.SeqNum < s.SeqNumPos || seq >= s.SeqNumPos + int64_t{info_.RecvBufSize}) {
     s.Ok = false;
     WriteLog(
@@ -186,8 +195,8 @@ int64_t RtpManager::Follow(const RtpHeader& header) {
   return seq;
 }
 
-// The rings keep what they hold: it comes out at the next ticks unless packets of the new stream
-// replace it.
+// Makes this packet the first of the stream. The rings keep what they hold: it comes out at the
+// next ticks unless packets of the new stream replace it.
 int64_t RtpManager::Anchor(const RtpHeader& header) {
   Report(-1, info_.SampleFreq);
   StreamPos& s = stream_;

@@ -3,8 +3,8 @@
 //
 // Threads: OnRtpPacket on the worker of the net manager, RecvPackets and SendPackets on the thread
 // of the ticks, the rest on the owner's thread. Lock: RecvChansLock over the stream position, the
-// rings, the receive channels and the set-up. A target that is told the position -1 is called with
-// it held and must not call back.
+// rings, the receive channels and the set-up. It is held while targets hear of the position -1:
+// they must not call back then.
 #pragma once
 
 #include <cstdint>
@@ -51,7 +51,7 @@ class RtpManager final : public IRtpManager, public IRtpReceiver {
 
   void OnRtpPacket(RtpRecvChan* channel, RtpPacket packet) override;
 
-  // Of a send channel below GetSendChanCount.
+  // `index` is below GetSendChanCount.
   uint32_t SendChanPayloadType(uint64_t index) const { return sendChans_[index]->PayloadType(); }
 
  private:
@@ -78,10 +78,10 @@ class RtpManager final : public IRtpManager, public IRtpReceiver {
   std::set<ISyncTarget*> targets_;  // changed only while no packets come in
   bool started_ = false;
 
-  // Of the tick.
+  // Used on the thread of the ticks alone.
   IRtpSendFilter* filter_ = nullptr;
-  int64_t sendSeq_ = 0;  // of the next SendPackets; both go on over stops and new channels
-  int64_t sendTs_ = 0;
+  int64_t sendSeq_ = 0;  // sequence number and timestamp of the next SendPackets; both go on over
+  int64_t sendTs_ = 0;   // stops and new channels
   StatSeries sendSeries_;
 
   TrackedMutex recvChansLock_{L"RtpManager::RecvChansLock"};

@@ -4,9 +4,10 @@
 #include <exception>
 #include <limits>
 #include <system_error>
+#include <utility>
 
+#include "platform/clock.h"
 #include "platform/text.h"
-#include "platform/thread.h"
 #include "runtime/Clocks.h"
 #include "runtime/Environment.h"
 
@@ -16,7 +17,6 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\SyncManager";
 
-constexpr uint32_t kSleepMs = 1;
 constexpr int64_t kMaxMissedSteps = 20;
 constexpr int32_t kMinReports = 5;
 
@@ -50,8 +50,9 @@ void SyncReports::Report(int64_t pos, uint32_t freq, int64_t now, int32_t syncFr
 }
 
 SyncRatio SyncReports::Ratio() const {
-  // The span is in samples of SyncFreq, its limit a fifth of a second at the source's own rate: a
-  // source at twice the rate takes twice as long to be trusted.
+  // The span is counted in samples of SyncFreq, but its limit in samples of the source's own rate.
+  // At equal rates that is a fifth of a second. A source at 96000 Hz under a clock at 48000 Hz must
+  // have reported for two fifths: 19200 samples, of which our clock counts 48000 a second.
   const int64_t span = SaturatingSub(InLastPos, InFirstPos);
   if (InFreq == 0 || InCount < kMinReports || span < int64_t{InFreq / 5}) return {};
   return {span, SaturatingSub(InLastClock, InFirstClock)};
@@ -80,6 +81,13 @@ SyncPhase::Step SyncPhase::Advance(int64_t now, int32_t step) {
   if (SaturatingSub(elapsed, due) > step * kMaxMissedSteps) return Step::Late;
   OutDue = due;
   return Step::Tick;
+}
+
+int64_t SyncPhase::NextTick(int32_t step) const {
+  if (OutBase < 0 || OutDue < 0) return -1;
+  int64_t elapsed = SaturatingAdd(OutDue, step);
+  if (Ratio.IsValid()) elapsed = SaturatingAdd(MulDiv64(elapsed, Ratio.local, Ratio.source), 1);
+  return SaturatingAdd(OutBase, elapsed);
 }
 
 ISyncManager* ISyncManager::Create(const std::wstring& name) {
@@ -132,6 +140,7 @@ ErrInfo SyncManager::SetSyncFreq(uint32_t freq, uint32_t step) {
     syncStep_ = newStep;
     reports_ = {};
     phase_ = {};
+    dueAt_ = 0;
   }
   return ERR_HERE("Network::SyncManager::SetSyncFreq");
 }
@@ -143,6 +152,7 @@ uint32_t SyncManager::GetSyncFreq() {
 
 ErrInfo SyncManager::SetSpeed(double speed) {
   speed_ = speed;
+  dueAt_ = 0;
   return ERR_HERE("Network::SyncManager::SetSpeed");
 }
 
@@ -157,10 +167,10 @@ bool SyncManager::IsStarted() {
 ErrInfo SyncManager::Start() {
   std::lock_guard lifecycle(lifecycleMutex_);
   if (running_) return ERR_HERE("Network::SyncManager::Start");
-  stopEvent_.Reset();
   ResetPhaseAndReports();
+  waitFrom_ = ClockRead(nullptr);
   try {
-    thread_ = std::thread([this] { RunThread(); });
+    Heartbeat::OfProcess().Add(*this);
   } catch (const std::system_error& error) {
     return ERR_HERE("Network::SyncManager::Start")
         .SetCode(static_cast<uint32_t>(error.code().value()), L"Can not start sync thread");
@@ -173,8 +183,7 @@ ErrInfo SyncManager::Stop() {
   std::lock_guard lifecycle(lifecycleMutex_);
   if (!running_) return ERR_HERE("Network::SyncManager::Stop");
   running_ = false;
-  stopEvent_.Set();
-  thread_.join();
+  Heartbeat::OfProcess().Remove(*this);
   outSyncFreq_.Flush();
   outSyncDur_.Flush();
   outWaitFreq_.Flush();
@@ -187,72 +196,55 @@ void SyncManager::ResetPhaseAndReports() {
   ScopedLock in(inMutex_);
   reports_ = {};
   phase_ = {};
+  dueAt_ = 0;
 }
 
-// The absolute counter is scaled, not a difference: a new speed moves the clock as a whole.
-int64_t SyncManager::ReadClock(uint32_t* frequency) const {
-  const int64_t counter = ClockRead(frequency);
+// The speed multiplies the counter itself and not the time since the start. So a speed that changes
+// sets the clock elsewhere: after 1000 s of counting, going from 1 to 2 puts it 1000 s ahead, and
+// the next pass gives up the old phase as one that has been missed.
+int64_t SyncManager::Scaled(int64_t counter) const {
   const double speed = speed_;
   return speed == 1.0 ? counter : ScaleCounter(counter, speed);
 }
 
-int64_t SyncManager::ReadClockInSamples() const {
-  uint32_t frequency = 0;
-  const int64_t clock = ReadClock(&frequency);
-  return MulDiv64(clock, syncFreq_, frequency);
+int64_t SyncManager::InSamples(int64_t counter) const {
+  return MulDiv64(Scaled(counter), syncFreq_, platform::kCounterFrequency);
 }
 
 void SyncManager::OnSync(ISyncSource*, int64_t pos, uint32_t freq) {
-  uint32_t frequency = 0;
-  const int64_t clock = ReadClock(&frequency);
+  const int64_t counter = ClockRead(nullptr);
   ScopedLock in(inMutex_);
-  reports_.Report(pos, freq, MulDiv64(clock, syncFreq_, frequency), syncFreq_);
+  reports_.Report(pos, freq, InSamples(counter), syncFreq_);
+  hasSource_ = true;
 }
 
 void SyncManager::LogChange(const wchar_t* change) {
   if (log_) log_->Write(name_ + change);
 }
 
-void SyncManager::RunThread() {
-  platform::SetTimeCritical();
-  uint32_t wait = kSleepMs;
-  for (;;) {
-    try {
-      if (WaitForStop(wait)) return;
-      wait = kSleepMs;
-      // The thread starts before Start sets the flag.
-      if (running_ && Pass()) wait = 0;
-    } catch (...) {
-      // Out of memory while a line was written: the ticks to come go on.
-    }
+// Hundreds of clocks are looked at a thousand times a second, and most looks find nothing due: so
+// that costs two series and a comparison, no lock and no reading of the counter.
+bool SyncManager::OnBeat(int64_t now) {
+  if (waitFrom_ != 0) {
+    const int64_t from = Scaled(std::exchange(waitFrom_, 0));
+    outWaitFreq_.Sample(from);
+    outWaitDur_.Sample(from);
+    outWaitDur_.Finish(Scaled(now));
   }
-}
-
-bool SyncManager::WaitForStop(uint32_t milliseconds) {
-  if (milliseconds == 0) return stopEvent_.Wait(0);
-  const int64_t t = ReadClock();
-  outWaitFreq_.Sample(t);
-  outWaitDur_.Sample(t);
-  const bool stopped = stopEvent_.Wait(milliseconds);
-  outWaitDur_.Finish(ReadClock());
-  return stopped;
+  if ((now >= dueAt_ || hasSource_) && Pass(now)) return true;
+  waitFrom_ = now;
+  return false;
 }
 
 bool SyncManager::Pass() {
-  ScopedLock out(outMutex_);
-  if (phase_.OutBase >= 0 && phase_.OutDue >= 0) {
-    SyncRatio present;
-    {
-      ScopedLock in(inMutex_);
-      present = reports_.Ratio();
-    }
-    const bool wasLocked = phase_.Ratio.IsValid();
-    phase_.SetRatio(present);
-    if (present.IsValid() != wasLocked) LogChange(wasLocked ? L": Sync FAIL" : L": Sync LOCK");
-  }
+  return Pass(ClockRead(nullptr));
+}
 
-  const SyncPhase::Step step = phase_.Advance(ReadClockInSamples(), syncStep_);
-  if (step == SyncPhase::Step::Wait) return false;
+bool SyncManager::Pass(int64_t counter) {
+  ScopedLock out(outMutex_);
+  if (hasSource_ && phase_.OutBase >= 0 && phase_.OutDue >= 0) FollowSource();
+
+  const SyncPhase::Step step = phase_.Advance(InSamples(counter), syncStep_);
   if (step == SyncPhase::Step::Late) {
     {
       ScopedLock in(inMutex_);
@@ -261,14 +253,47 @@ bool SyncManager::Pass() {
     phase_ = {};
     LogChange(L": Sync FAIL. Internal sync timeout.");
   }
+  dueAt_ = CounterOfNextTick();
+  if (step == SyncPhase::Step::Wait) return false;
   Tick();
-  // Looking again at once lets a late thread catch up, tick after tick. A manager without a step
-  // has a tick due at every look; it mustn't take the processor for itself.
+  // Looking again at once lets a late clock catch up, tick after tick. A manager without a step has
+  // a tick due at every look; it mustn't take the processor for itself.
   return syncStep_ > 0;
 }
 
+void SyncManager::FollowSource() {
+  SyncRatio present;
+  {
+    ScopedLock in(inMutex_);
+    present = reports_.Ratio();
+    hasSource_ = reports_.InFreq != 0;
+  }
+  const bool wasLocked = phase_.Ratio.IsValid();
+  phase_.SetRatio(present);
+  if (present.IsValid() != wasLocked) LogChange(wasLocked ? L": Sync FAIL" : L": Sync LOCK");
+}
+
+// The first counter value at which a pass finds the next tick due. 0, look at every chance, where
+// there is none to be found: before the first tick, without a step, and at a speed that stops the
+// clock or turns it back.
+int64_t SyncManager::CounterOfNextTick() const {
+  const int64_t due = phase_.NextTick(syncStep_);
+  if (due < 0 || syncFreq_ <= 0 || syncStep_ <= 0) return 0;
+
+  // MulDiv64 cuts off, and cut off again the quotient would come out below `due`.
+  int64_t counter = MulDiv64(due, platform::kCounterFrequency, syncFreq_);
+  if (MulDiv64(counter, syncFreq_, platform::kCounterFrequency) < due) ++counter;
+  const double speed = speed_;
+  if (speed == 1.0) return counter;
+
+  // The division is rounded, the product at the look again: 200 ns make up for both.
+  const double unscaled = static_cast<double>(counter) / speed;
+  constexpr double kLimit = 4611686018427387904.0;  // 2^62
+  return unscaled > 0 && unscaled < kLimit ? static_cast<int64_t>(unscaled) + 2 : 0;
+}
+
 void SyncManager::Tick() {
-  const int64_t t = ReadClock();
+  const int64_t t = Scaled(ClockRead(nullptr));
   outSyncFreq_.Sample(t);
   outSyncDur_.Sample(t);
   for (ISyncTarget* target : targets_) {
@@ -280,7 +305,7 @@ void SyncManager::Tick() {
     }
   }
   outPos_ += syncStep_;
-  outSyncDur_.Finish(ReadClock());
+  outSyncDur_.Finish(Scaled(ClockRead(nullptr)));
 }
 
 }  // namespace Network

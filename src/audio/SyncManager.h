@@ -1,9 +1,11 @@
 // The clock of one unit: turns the performance counter into ticks of SyncStep samples and calls its
 // targets on each. It can lock the ticks to the rate of a source that reports its positions.
 //
-// Thread: the sync thread, time-critical, while started; all targets run on it.
+// Thread: none of its own. While started it is a client of the heartbeat, one of whose
+// time-critical threads makes all of its passes; all targets run there.
 // Locks: OutMutex (tick state, held during a tick), then InMutex (reports of the source); outside
-// of both a lifecycle mutex, so that Start and Stop may come from any thread.
+// of both a lifecycle mutex, so that Start and Stop may come from any thread. A look that finds no
+// tick due takes none of them.
 #pragma once
 
 #include <atomic>
@@ -11,10 +13,9 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 
+#include "audio/Heartbeat.h"
 #include "audio/ISyncManager.h"
-#include "platform/event.h"
 #include "runtime/Statistics.h"
 #include "runtime/TrackedMutex.h"
 
@@ -58,11 +59,14 @@ struct SyncPhase {
   void SetRatio(const SyncRatio& present);
 
   // Whether a tick is due at local clock `now`, and if so, counts it as given. Late: more than 20
-  // steps have been missed; the tick is due and the caller starts anew behind it.
+  // steps have been missed; the tick is due and the caller starts anew after it.
   Step Advance(int64_t now, int32_t step);
+
+  // The local clock at which the next tick is due; negative: at once.
+  int64_t NextTick(int32_t step) const;
 };
 
-class SyncManager final : public ISyncManager {
+class SyncManager final : public ISyncManager, private IBeatClient {
  public:
   explicit SyncManager(const std::wstring& name);
   ~SyncManager() override;
@@ -82,17 +86,23 @@ class SyncManager final : public ISyncManager {
   ErrInfo Stop() override;
   bool IsStarted() override;
 
-  // One look at the clock, with the tick if one is due: what the sync thread does between its
-  // sleeps. True when it ticked and wants to look again at once. Public for tests of a manager that
-  // isn't started.
+  // One look at the clock, with the tick if one is due. True when it ticked and wants to look again
+  // at once. Public for tests of a manager that isn't started.
   bool Pass();
 
  private:
-  void RunThread();
-  bool WaitForStop(uint32_t milliseconds);
+  bool OnBeat(int64_t now) override;
+  int64_t DueAt() const override { return dueAt_; }
+
+  // `counter` is a reading of the counter, not yet multiplied by the speed. The last two under
+  // OutMutex.
+  bool Pass(int64_t counter);
+  void FollowSource();
+  int64_t CounterOfNextTick() const;
+
   void Tick();
-  int64_t ReadClock(uint32_t* frequency = nullptr) const;
-  int64_t ReadClockInSamples() const;
+  int64_t Scaled(int64_t counter) const;
+  int64_t InSamples(int64_t counter) const;
   void ResetPhaseAndReports();
   void LogChange(const wchar_t* change);
 
@@ -101,9 +111,11 @@ class SyncManager final : public ISyncManager {
   std::set<ISyncTarget*> targets_;  // changed only while stopped
 
   std::mutex lifecycleMutex_;
-  std::thread thread_;
   std::atomic<bool> running_{false};
-  platform::Event stopEvent_{platform::Event::Mode::ManualReset};
+
+  // What a look needs to know without a lock.
+  std::atomic<int64_t> dueAt_{0};  // no tick is due before the counter gets there; 0: look closely
+  std::atomic<bool> hasSource_{false};  // a source has reported: each look evaluates its reports
 
   TrackedMutex outMutex_{L"SyncManager::OutMutex"};
   TrackedMutex inMutex_{L"SyncManager::InMutex"};
@@ -114,7 +126,10 @@ class SyncManager final : public ISyncManager {
   int64_t outPos_ = 0;   // position handed to the targets; goes on over stops and new rates
   std::atomic<double> speed_{1.0};
 
-  // Fed by the sync thread, flushed by Stop once that thread has ended.
+  // Of the heartbeat's thread: the counter when this clock began to wait; 0 while it doesn't.
+  int64_t waitFrom_ = 0;
+
+  // Fed by the heartbeat's thread, flushed by Stop once no pass runs any more.
   StatSeries outSyncFreq_;
   StatSeries outSyncDur_;
   StatSeries outWaitFreq_;

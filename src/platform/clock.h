@@ -35,6 +35,9 @@ class Clock {
   virtual LocalTime Local() = 0;
 
   virtual void Sleep(uint32_t milliseconds) = 0;
+
+  // Sleeps until Counter has reached `counter`; not at all if it has.
+  virtual void SleepUntil(int64_t counter) = 0;
 };
 
 // The clock in use: the system's own unless a test has replaced it.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -16,9 +17,10 @@ namespace {
 
 constexpr uint32_t kCount = 192;
 
-// Buffers of one stereo pair for each channel, full of what nobody writes.
+// Buffers of one stereo pair for each channel, full of what nobody writes, with room after each for
+// what mustn't be written there.
 struct Buffers {
-  explicit Buffers(size_t channels) : floats(channels * 2, std::vector<float>(kCount, 7.0f)) {
+  explicit Buffers(size_t channels) : floats(channels * 2, std::vector<float>(2 * kCount, 7.0f)) {
     for (auto& buffer : floats)
       pointers.push_back(buffer.data());
   }
@@ -26,8 +28,11 @@ struct Buffers {
   std::vector<float*> pointers;
 };
 
+// The samples of a tick, and nothing after them.
 bool AllAre(const std::vector<float>& buffer, float value) {
-  return buffer == std::vector<float>(buffer.size(), value);
+  std::vector<float> expected(buffer.size(), 7.0f);
+  std::fill_n(expected.begin(), kCount, value);
+  return buffer == expected;
 }
 
 class RtpAudioManagerTest : public testing::Test {
@@ -72,21 +77,27 @@ TEST_F(RtpAudioManagerTest, AWrongNumberOfBuffersStillSpendsTheTick) {
 
 TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   Init(3, 0);
-  for (size_t channel : {0, 2})
-    Deliver(channel, 5, wire::PatternPayload());
-  Deliver(1, 5, wire::Bytes(96 * 6));
-  Buffers buffers(3);
-  manager_->RecvAudio(buffers.pointers, kCount);
-  EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch number ASIO buffer smpl size"), L"");
-  EXPECT_FALSE(AllAre(buffers.floats[0], 7.0f));
-  for (size_t i = 2; i < 6; ++i)
-    EXPECT_TRUE(AllAre(buffers.floats[i], 7.0f));
+  uint16_t seq = 5;
+  // 238 fill the largest datagram that a socket takes; one more than the tick's would already end
+  // up in the neighbouring buffer.
+  for (const size_t samples : {96, 191, 193, 238}) {
+    for (size_t channel : {0, 2})
+      Deliver(channel, seq, wire::PatternPayload());
+    Deliver(1, seq++, wire::Bytes(samples * 6));
+    Buffers buffers(3);
+    manager_->RecvAudio(buffers.pointers, kCount);
+    EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch number ASIO buffer smpl size"), L"");
+    EXPECT_FALSE(AllAre(buffers.floats[0], 7.0f));
+    for (size_t i = 2; i < 6; ++i)
+      EXPECT_TRUE(AllAre(buffers.floats[i], 7.0f)) << samples;
+  }
 
   // A packet of no audio has no samples: of the wrong size unless none are wanted.
-  Deliver(0, 6, wire::PatternPayload(), 99 << 1);
+  Buffers buffers(3);
+  Deliver(0, seq++, wire::PatternPayload(), 99 << 1);
   manager_->RecvAudio(buffers.pointers, kCount);
   EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch"), L"");
-  Deliver(0, 7, wire::PatternPayload(), 99 << 1);
+  Deliver(0, seq, wire::PatternPayload(), 99 << 1);
   manager_->RecvAudio(buffers.pointers, 0);
   EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
 }
@@ -132,6 +143,7 @@ TEST_F(RtpAudioManagerTest, ASlowTickIsLogged) {
     int64_t WallSeconds() override { return 0; }
     platform::LocalTime Local() override { return {}; }
     void Sleep(uint32_t) override {}
+    void SleepUntil(int64_t) override {}
     int64_t counter = 0;
   } slow;
   platform::ReplaceClock(&slow);

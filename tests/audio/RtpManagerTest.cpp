@@ -89,21 +89,28 @@ TEST_F(RtpManagerTest, ChannelsShareOnePositionAndCountOnce) {
   EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Recv: N=2, E=5, J=0"), L"");
 }
 
-TEST_F(RtpManagerTest, PositionIsLoggedOnceAMinute) {
-  Init(1, 0);
+TEST_F(RtpManagerTest, PositionAndSeriesAreLoggedOnceAMinute) {
+  Init(1, 1);
   uint16_t seq = 10;
   const auto next = [&] {
+    clock_.AdvanceMs(4);
     Packet(++seq);
     Tick();
+    Send(1);
   };
   for (int i = 0; i < 3; ++i)
     next();
   clock_.AdvanceMs(60'000);
   Log().Clear();
-  next();
-  next();
-  EXPECT_EQ(Log().Count(L"STATISTICS: Unit.RtpManager: "), 1u);
+  for (int i = 0; i < 2; ++i)
+    next();
+  EXPECT_EQ(Log().Count(L"STATISTICS: "), 3u);
   EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager: SeqNumPos=9, SeqNum=14, PosInBuf=5"), L"");
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Recv: N=2, E=27.5, J=23.5"), L"");
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Send: N=3, E=19.6667, J=20.8889"), L"");
+  next();
+  manager_.Stop();
+  EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Send: N=2, E=4, J=0"), L"");
 }
 
 TEST_F(RtpManagerTest, TargetsHearTheTimestampsAndMinusOneAtEachAnchoring) {
@@ -142,6 +149,7 @@ TEST_F(RtpManagerTest, InitAgainReplacesTheChannelsAndKeepsThePosition) {
   EXPECT_EQ(manager_.GetRecvChanCount(), 1u);
   EXPECT_EQ(manager_.GetSendChanCount(), 2u);
   EXPECT_EQ(Sock(0).Info().BindAddr, Addr(L"127.0.0.1:8002"));
+  EXPECT_EQ(Sock(0).Info().MaxPacketSize, 1432u);
   EXPECT_FALSE(Sock(1).Info().BindAddr.IsDefined());
   Log().Clear();
   Packet(1001);
@@ -166,6 +174,9 @@ TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) 
   EXPECT_TRUE(manager_.IsStarted());
   manager_.SetSendChanAddr(1, Addr(L"10.0.0.1:9002"));
   Send(2);
+  EXPECT_FALSE(manager_.GetSendChanAddr(0).IsDefined());
+  EXPECT_EQ(manager_.GetSendChanAddr(1), Addr(L"10.0.0.1:9002"));
+  EXPECT_FALSE(manager_.GetSendChanAddr(2).IsDefined());
   EXPECT_TRUE(Sock(0).Sent().empty());
   ASSERT_EQ(Sock(1).Sent().size(), 1u);
   EXPECT_EQ(Sock(1).Sent()[0].to, Addr(L"10.0.0.1:9002"));
@@ -188,6 +199,16 @@ TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) 
   EXPECT_EQ(Sock(0).Sent().size(), 1u);
   manager_.SetSendChanAddr(1, {});
   EXPECT_NE(Log().TryTake(L"ErrStr=Incorrect channel index"), L"");
+}
+
+TEST_F(RtpManagerTest, AChannelReportsWhatItsSocketCanNotDo) {
+  net_.failOpen = true;
+  Init(1, 1);
+  EXPECT_EQ(Log().Count(L"ErrStr=open failed"), 2u);
+  Log().Allow(L"ErrStr=open failed");
+  Network::RtpRecvChan channel(L"Recv", &net_, {});
+  channel.OnError(nullptr, ErrInfo("Test", "tests", 0).SetText(L"recv failed"));
+  EXPECT_NE(Log().TryTake(L"ErrStr=recv failed"), L"");
 }
 
 TEST_F(RtpManagerTest, EmptyPacketsAreReportedAndNotSent) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -29,21 +31,32 @@ Bytes BytesOf(const RtpPacket& packet) {
   return Bytes(bytes.Data(), bytes.Data() + bytes.Size());
 }
 
-// The three bytes that a sample goes out as.
-Bytes WireOf(float sample) {
-  RtpPacket packet;
-  EXPECT_TRUE(packet.Create(100, 1).IsOk());
-  EXPECT_TRUE(packet.SetAudioPayloadChan(&sample, 0, 1).IsOk());
-  return Bytes(packet.GetPayload(), packet.GetPayload() + 3);
+// The low 24 bits of what a sample goes out as, by arithmetic that can't overflow.
+int32_t CodeOf(float sample) {
+  const float product = sample * 8388607.0f;
+  if (!(std::fabs(product) < 2147483648.0f)) return 0;
+  return static_cast<int32_t>(std::trunc(double{product}));
 }
 
-float SampleOf(const Bytes& code) {
-  Bytes payload = code;
-  payload.resize(6);
-  float sample = 0;
-  const RtpPacket packet = Wrap(wire::MakeAudioDatagram(0, 0, wire::kType48000, payload));
-  EXPECT_TRUE(packet.GetAudioPayloadChan(&sample, 0, 1).IsOk());
-  return sample;
+// Packs both channels, together and one after the other, and holds each code against `CodeOf`.
+void ExpectCodes(const std::vector<float>& left, const std::vector<float>& right) {
+  RtpPacket both, single;
+  ASSERT_TRUE(both.Create(100, left.size()).IsOk());
+  ASSERT_TRUE(single.Create(100, left.size()).IsOk());
+  ASSERT_TRUE(both.SetAudioPayload(left.data(), right.data()).IsOk());
+  ASSERT_TRUE(single.SetAudioPayloadChan(left.data(), 0, 1).IsOk());
+  ASSERT_TRUE(single.SetAudioPayloadChan(right.data(), 1, 1).IsOk());
+  Bytes expected(left.size() * 6);
+  for (size_t i = 0; i < left.size(); ++i) {
+    wire::PutCode(expected, i, 0, CodeOf(left[i]));
+    wire::PutCode(expected, i, 1, CodeOf(right[i]));
+  }
+  ASSERT_TRUE(std::equal(expected.begin(), expected.end(), both.GetPayload()));
+  ASSERT_TRUE(std::equal(expected.begin(), expected.end(), single.GetPayload()));
+}
+
+float Neighbour(float sample, int32_t steps) {
+  return std::bit_cast<float>(std::bit_cast<int32_t>(sample) + steps);
 }
 
 }  // namespace
@@ -89,43 +102,54 @@ TEST(RtpPacket, OnlyTwoPayloadTypesAreAudio) {
 }
 
 TEST(RtpPacket, SamplesAreCutOffTowardZeroAndNotClipped) {
-  EXPECT_EQ(WireOf(0.5f), (Bytes{0x3F, 0xFF, 0xFF}));
-  EXPECT_EQ(WireOf(-0.5f), (Bytes{0xC0, 0x00, 0x01}));
-  EXPECT_EQ(WireOf(1.0f), (Bytes{0x7F, 0xFF, 0xFF}));
-  EXPECT_EQ(WireOf(2.0f), (Bytes{0xFF, 0xFF, 0xFE}));
+  RtpPacket packet;
+  ASSERT_TRUE(packet.Create(100, 2).IsOk());
+  const float left[] = {0.5f, 1.0f}, right[] = {-0.5f, 2.0f};
+  ASSERT_TRUE(packet.SetAudioPayload(left, right).IsOk());
+  EXPECT_EQ(Bytes(packet.GetPayload(), packet.GetPayload() + 12),
+            (Bytes{0x3F, 0xFF, 0xFF, 0xC0, 0x00, 0x01, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}));
 
-  // Beyond 32 bits there is no code: silence, on every processor.
-  for (const float wild : {300.0f, -300.0f, std::numeric_limits<float>::infinity(), NAN})
-    EXPECT_EQ(WireOf(wild), (Bytes{0, 0, 0}));
-
-  EXPECT_NEAR(SampleOf({0x7F, 0xFF, 0xFF}), 1.0f, 1e-7);
-  EXPECT_FLOAT_EQ(SampleOf({0x80, 0x00, 0x00}), -1.00000012f);
-  EXPECT_EQ(SampleOf({0xFF, 0xFF, 0xFF}), -1.1920930376163597e-07f);
+  // Beyond 32 bits there is no code: silence, on every processor. 256 is just short of that.
+  const float infinity = std::numeric_limits<float>::infinity();
+  std::vector<float> wild = {300, infinity, NAN, 0, 1e-40f, 3e38f, 100.3f};
+  for (int32_t steps = -3; steps <= 3; ++steps)
+    wild.push_back(Neighbour(256, steps));
+  std::vector<float> negative;
+  for (const float sample : wild)
+    negative.push_back(-sample);
+  ExpectCodes(wild, negative);
 }
 
 // The loop-back of a unit must be bit-exact. With any product in double precision half of the codes
-// come back one lower.
-TEST(RtpPacket, EveryCodeSurvivesALoopBack) {
-  constexpr uint32_t kFrames = 1 << 16;
-  Bytes payload(size_t{kFrames} * 6);
-  std::vector<float> samples(kFrames);
-  RtpPacket back;
-  ASSERT_TRUE(back.Create(100, kFrames).IsOk());
-  for (int32_t first = -(1 << 23); first < 1 << 23; first += 2 * int32_t{kFrames}) {
-    for (size_t frame = 0; frame < kFrames; ++frame) {
-      wire::PutCode(payload, frame, 0, first + static_cast<int32_t>(frame));
-      wire::PutCode(payload, frame, 1, first + static_cast<int32_t>(frame + kFrames));
+// come back one lower. All codes, in blocks of odd lengths, and the floats next to each.
+TEST(RtpPacket, EveryCodeSurvivesALoopBackAndItsNeighboursAreCutOff) {
+  constexpr int32_t kFrames = 65'521;
+  std::vector<float> left(kFrames), right(kFrames), single(kFrames);
+  for (int32_t first = -(1 << 23); first < 1 << 23 && !HasFatalFailure(); first += 2 * kFrames) {
+    RtpPacket sent;
+    ASSERT_TRUE(sent.Create(100, kFrames).IsOk());
+    Bytes payload(size_t{kFrames} * 6);
+    for (int32_t i = 0; i < kFrames; ++i) {
+      wire::PutCode(payload, static_cast<size_t>(i), 0, std::min(first + i, (1 << 23) - 1));
+      wire::PutCode(payload, static_cast<size_t>(i), 1,
+                    std::min(first + i + kFrames, (1 << 23) - 1));
     }
-    auto buffer = std::make_shared<Packet>(12 + payload.size());
-    buffer->Resize(buffer->Capacity());
-    RtpPacket sent(buffer);
-    ASSERT_TRUE(sent.SetHeader(back.GetHeader()).IsOk());
     std::copy(payload.begin(), payload.end(), sent.GetPayload());
-    for (uint32_t channel = 0; channel < 2; ++channel) {
-      ASSERT_TRUE(sent.GetAudioPayloadChan(samples.data(), channel, 1).IsOk());
-      ASSERT_TRUE(back.SetAudioPayloadChan(samples.data(), channel, 1).IsOk());
+    ASSERT_TRUE(sent.GetAudioPayload(left.data(), right.data()).IsOk());
+    ASSERT_TRUE(sent.GetAudioPayloadChan(single.data(), 1, 1).IsOk());
+    ASSERT_EQ(single, right);
+    ASSERT_EQ(left[1], static_cast<float>(first + 1) * 1.1920930376163597e-07f);
+
+    RtpPacket back;
+    ASSERT_TRUE(back.Create(100, kFrames).IsOk());
+    ASSERT_TRUE(back.SetAudioPayload(left.data(), right.data()).IsOk());
+    ASSERT_TRUE(std::equal(payload.begin(), payload.end(), back.GetPayload()))
+        << "from code " << first;
+    for (size_t i = 0; i < left.size(); ++i) {
+      left[i] = Neighbour(left[i], 1);
+      right[i] = Neighbour(right[i], -1);
     }
-    ASSERT_EQ(BytesOf(back), BytesOf(sent)) << "from code " << first;
+    ExpectCodes(left, right);
   }
 }
 

@@ -35,6 +35,7 @@ class HurryingClock final : public platform::Clock {
     return {2026, 1, 2 + second / 86400, second / 3600 % 24, second / 60 % 60, second % 60, 0};
   }
   void Sleep(uint32_t milliseconds) override { platform::SystemClock().Sleep(milliseconds); }
+  void SleepUntil(int64_t) override {}
 
  private:
   std::atomic<int> second_{0};

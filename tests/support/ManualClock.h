@@ -2,7 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 #include "platform/clock.h"
 
@@ -34,6 +36,8 @@ class ManualClock final : public platform::Clock {
     return local_;
   }
   void Sleep(uint32_t milliseconds) override { AdvanceMs(milliseconds); }
+  // Doesn't move the clock: a thread that sleeps so looks at what the test has made of it.
+  void SleepUntil(int64_t) override { std::this_thread::sleep_for(std::chrono::microseconds(100)); }
 
  private:
   std::atomic<int64_t> counter_{1'000'000'000};

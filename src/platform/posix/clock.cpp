@@ -53,6 +53,14 @@ class PosixClock final : public Clock {
     while (nanosleep(&rest, &rest) != 0 && errno == EINTR) {
     }
   }
+
+  // On the clock of Counter itself, so that no time is lost between a reading and the sleep.
+  void SleepUntil(int64_t counter) override {
+    const timespec end{static_cast<time_t>(counter / kCounterFrequency),
+                       static_cast<long>(counter % kCounterFrequency) * 100};
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
+    }
+  }
 };
 
 }  // namespace

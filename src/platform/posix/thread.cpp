@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,19 +15,36 @@ uint32_t ThreadNumber() {
   return number;
 }
 
-void SetTimeCritical() {
+namespace {
+
+bool SetRealTime() {
   // Round robin, as several such threads share a core. Not the highest priority, which belongs to
   // the kernel's own threads.
   sched_param param{};
   param.sched_priority = std::min(80, sched_get_priority_max(SCHED_RR));
-  if (pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0) return;
+  if (pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0) return true;
 
   rlimit limit{};
-  if (getrlimit(RLIMIT_RTPRIO, &limit) == 0 && limit.rlim_cur > 0) {
-    param.sched_priority = static_cast<int>(
-        std::min<rlim_t>(limit.rlim_cur, static_cast<rlim_t>(param.sched_priority)));
-    pthread_setschedparam(pthread_self(), SCHED_RR, &param);
-  }
+  if (getrlimit(RLIMIT_RTPRIO, &limit) != 0 || limit.rlim_cur == 0) return false;
+  param.sched_priority =
+      static_cast<int>(std::min<rlim_t>(limit.rlim_cur, static_cast<rlim_t>(param.sched_priority)));
+  return pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
+}
+
+}  // namespace
+
+void SetTimeCritical() {
+  if (SetRealTime()) return;
+  // The kernel lets the sleeps of ordinary threads end 50 us late, to wake several at once.
+  prctl(PR_SET_TIMERSLACK, 1UL);
+}
+
+bool CanBeTimeCritical() {
+  int policy = 0;
+  sched_param param{};
+  if (pthread_getschedparam(pthread_self(), &policy, &param) != 0 || !SetRealTime()) return false;
+  pthread_setschedparam(pthread_self(), policy, &param);
+  return true;
 }
 
 }  // namespace platform

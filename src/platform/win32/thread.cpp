@@ -12,4 +12,11 @@ void SetTimeCritical() {
   SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL);
 }
 
+bool CanBeTimeCritical() {
+  const int priority = GetThreadPriority(GetCurrentThread());
+  if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL)) return false;
+  SetThreadPriority(GetCurrentThread(), priority);
+  return true;
+}
+
 }  // namespace platform

@@ -1,0 +1,36 @@
+// The ticks have the priority that the system permits.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <thread>
+
+#include "audio/SyncManager.h"
+#include "platform/thread.h"
+#include "support/CapturedLog.h"
+
+TEST(SyncBeat, TicksAreRealTimeWhereThatIsPermitted) {
+  class Target final : public Network::ISyncTarget {
+   public:
+    void OnSync(Network::ISyncSource*, int64_t, uint32_t) override {
+      int now = SCHED_OTHER;
+      sched_param param{};
+      pthread_getschedparam(pthread_self(), &now, &param);
+      policy = now;
+    }
+    std::atomic<int> policy{-1};
+  } target;
+  Network::SyncManager sync(L"unit");
+  sync.AddTarget(&target);
+  sync.SetSyncFreq(48000, 192);
+  sync.Start();
+  while (target.policy == -1)
+    std::this_thread::yield();
+  sync.Stop();
+  EXPECT_EQ(target.policy == SCHED_RR, platform::CanBeTimeCritical());
+  int own = -1;
+  sched_param param{};
+  pthread_getschedparam(pthread_self(), &own, &param);
+  EXPECT_EQ(own, SCHED_OTHER) << "the question changed who asked";
+  Log().Clear();
+}
