@@ -103,6 +103,11 @@ bool IsDigit(int charClass) {
   return charClass == kZero || charClass == kDigit;
 }
 
+// What InString hands on as it is and a builder stores as one code unit.
+bool IsPlain(uint32_t c) {
+  return c >= ' ' && c < 0x10000 && c != '"' && c != '\\';
+}
+
 constexpr uint64_t kMaxInteger = 9223372036854775807;
 constexpr uint64_t kMaxIntegerTenth = 922337203685477580;
 
@@ -171,6 +176,27 @@ bool ParseText(IParser& parser, const std::wstring& text) {
   return parser.IsComplete();
 }
 
+bool ParseText(Parser& parser, const std::wstring& text) {
+  std::wstring_view rest = text;
+  while (!rest.empty()) {
+    rest.remove_prefix(parser.TakePlain(rest));
+    if (rest.empty() || !parser.ParseChar(static_cast<uint32_t>(rest.front()))) return false;
+    if (parser.IsComplete()) return true;
+    rest.remove_prefix(1);
+  }
+  return parser.IsComplete();
+}
+
+void IParserCallback::OnKeyChars(std::wstring_view chars) {
+  for (const wchar_t unit : chars)
+    OnKeyChar(static_cast<uint32_t>(unit));
+}
+
+void IParserCallback::OnStringChars(std::wstring_view chars) {
+  for (const wchar_t unit : chars)
+    OnStringChar(static_cast<uint32_t>(unit));
+}
+
 Parser::Parser(IParserCallback* callback) : callback_(callback) {
   stack_.reserve(32);
 }
@@ -191,6 +217,18 @@ bool Parser::ParseChar(uint32_t c) {
   const int charClass = c < 128 ? int{kClasses.of[c]} : int{kBeyondAscii};
   (this->*state_)(charClass, c);
   return !failed_;
+}
+
+size_t Parser::TakePlain(std::wstring_view text) {
+  if (state_ != &Parser::InString || failed_) return 0;
+  size_t count = 0;
+  while (count < text.size() && IsPlain(static_cast<uint32_t>(text[count])))
+    ++count;
+  if (count != 0) {
+    Emit(inKey_ ? &IParserCallback::OnKeyChars : &IParserCallback::OnStringChars,
+         text.substr(0, count));
+  }
+  return count;
 }
 
 void Parser::Finish() {

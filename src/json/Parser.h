@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Parse {
@@ -48,6 +49,10 @@ class IParserCallback {
   virtual void OnConstant(int kind) = 0;  // a ConstantKind
   virtual void OnInteger(int64_t value) = 0;
   virtual void OnDouble(double value) = 0;  // a number with a fraction or an exponent
+
+  // Several characters below 0x10000 at once, the same as OnKeyChar or OnStringChar with each.
+  virtual void OnKeyChars(std::wstring_view chars);
+  virtual void OnStringChars(std::wstring_view chars);
 };
 
 class IParser : public Parse::IGenericCharParser {
@@ -57,20 +62,26 @@ class IParser : public Parse::IGenericCharParser {
   virtual uint32_t GetError() = 0;  // the latest error, 0 for none
 };
 
+class Parser;
+
 // Feeds `text` until a root value is complete; what stands behind it isn't looked at. False when
 // the text ends before that or an error was reported. A root that is a number needs a character
 // behind it. Throws what the callback throws.
 bool ParseText(IParser& parser, const std::wstring& text);
+bool ParseText(Parser& parser, const std::wstring& text);  // the same, faster
 
 // What an error code means, in English; never null.
 const char* ErrorText(int code);
 
-class Parser : public IParser {
+class Parser final : public IParser {
  public:
   explicit Parser(IParserCallback* callback);
 
   void Reset() override;
   bool ParseChar(uint32_t c) override;
+  // Like ParseChar with each of the leading characters of `text` that stand for themselves in a key
+  // or string; the result is how many they were, 0 everywhere else in a text.
+  size_t TakePlain(std::wstring_view text);
   void Finish() override;
   bool HasError() override { return failed_; }
   bool IsComplete() override { return state_ == &Parser::ExpectEnd; }

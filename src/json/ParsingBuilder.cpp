@@ -43,12 +43,26 @@ Value& ParsingBuilder::Top(const char* ifEmpty) {
   return *stack_.back();
 }
 
+// The list of children starts with room for one and grows fast up to 16: texts that nest deeply
+// have one child a level, and messages a dozen.
+void ParsingBuilder::AddTo(std::vector<Value>& children) {
+  const size_t count = children.size();
+  if (count != 0 && count < 16 && count == children.capacity()) children.reserve(4 * count);
+  current_ = &children.emplace_back();
+}
+
 // The container's first child is made before it is known whether the container is empty; Leave
 // takes it away again.
-void ParsingBuilder::Enter(std::vector<Value>& children) {
+void ParsingBuilder::OnObjectBegin() {
+  Assign(Object);
   stack_.push_back(current_);
-  children.emplace_back();
-  current_ = &children.back();
+  AddTo(current_->members_);
+}
+
+void ParsingBuilder::OnArrayBegin() {
+  Assign(Array);
+  stack_.push_back(current_);
+  AddTo(current_->elements_);
 }
 
 void ParsingBuilder::Leave() {
@@ -56,33 +70,21 @@ void ParsingBuilder::Leave() {
   const bool untouched = current_->type_ == Undefined;
   current_ = stack_.back();
   stack_.pop_back();
-  std::vector<Value>& children =
-      current_->type_ == Object ? current_->members_ : current_->elements_;
+  std::vector<Value>& children = current_->Children();
   if (untouched && children.size() == 1) children.clear();
-}
-
-void ParsingBuilder::OnObjectBegin() {
-  Assign(Object);
-  Enter(current_->members_);
-}
-
-void ParsingBuilder::OnArrayBegin() {
-  Assign(Array);
-  Enter(current_->elements_);
+  current_->keys_.Settle();
 }
 
 void ParsingBuilder::OnObjectNext() {
   Value& top = Top(kOutsideObject);
   if (top.type_ != Object) throw Exception("internal error");
-  top.members_.emplace_back();
-  current_ = &top.members_.back();
+  AddTo(top.members_);
 }
 
 void ParsingBuilder::OnArrayNext() {
   Value& top = Top(kOutsideArray);
   if (top.type_ != Array) throw Exception("internal error");
-  top.elements_.emplace_back();
-  current_ = &top.elements_.back();
+  AddTo(top.elements_);
 }
 
 void ParsingBuilder::OnObjectEnd() {
@@ -99,11 +101,15 @@ void ParsingBuilder::OnKeyChar(uint32_t c) {
   AppendChar(key_, c);
 }
 
+void ParsingBuilder::OnKeyChars(std::wstring_view chars) {
+  key_.append(chars);
+}
+
 void ParsingBuilder::OnKeyEnd() {
   Value& top = Top(kOutsideObject);
   if (top.type_ != Object || top.members_.empty()) throw Exception("internal error");
-  // A key that comes twice reaches its later value.
-  top.keys_[key_] = top.members_.size() - 1;
+  // Of a key that comes twice the later value is reached.
+  top.keys_.Append(key_, top.members_.size() - 1);
 }
 
 void ParsingBuilder::OnStringBegin() {
@@ -111,6 +117,10 @@ void ParsingBuilder::OnStringBegin() {
 }
 void ParsingBuilder::OnStringChar(uint32_t c) {
   AppendChar(current_->string_, c);
+}
+
+void ParsingBuilder::OnStringChars(std::wstring_view chars) {
+  current_->string_.append(chars);
 }
 
 void ParsingBuilder::OnConstant(int kind) {

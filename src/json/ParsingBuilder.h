@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "json/Parser.h"
@@ -25,9 +26,11 @@ class ParsingBuilder : public IParserCallback {
   void OnArrayEnd() override;
   void OnKeyBegin() override;
   void OnKeyChar(uint32_t c) override;
+  void OnKeyChars(std::wstring_view chars) override;
   void OnKeyEnd() override;
   void OnStringBegin() override;
   void OnStringChar(uint32_t c) override;
+  void OnStringChars(std::wstring_view chars) override;
   void OnStringEnd() override {}
   void OnConstant(int kind) override;
   void OnInteger(int64_t value) override;
@@ -36,7 +39,7 @@ class ParsingBuilder : public IParserCallback {
  private:
   void Assign(Type type);
   Value& Top(const char* ifEmpty);
-  void Enter(std::vector<Value>& children);
+  void AddTo(std::vector<Value>& children);
   void Leave();
 
   Value* current_;             // the node that the next value goes into

@@ -1,7 +1,10 @@
 // The compact text of a tree: no white space, keys in ascending order, one form for each value.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iterator>
 #include <limits>
+#include <string_view>
 
 #include "json/Value.h"
 
@@ -13,44 +16,59 @@ namespace {
   throw Exception("JSON value undefined: cannot generate text representation");
 }
 
-void AppendQuoted(std::wstring& out, const std::wstring& text) {
+bool NeedsEscape(wchar_t unit) {
+  return (unit >= 0 && unit < 0x20) || unit == L'"' || unit == L'\\' || unit == L'/';
+}
+
+void AppendEscape(std::wstring& out, wchar_t unit) {
+  constexpr wchar_t kHexDigits[] = L"0123456789ABCDEF";
+  switch (unit) {
+    case L'\b':
+      out += L"\\b";
+      break;
+    case L'\t':
+      out += L"\\t";
+      break;
+    case L'\n':
+      out += L"\\n";
+      break;
+    case L'\f':
+      out += L"\\f";
+      break;
+    case L'\r':
+      out += L"\\r";
+      break;
+    case L'"':
+    case L'\\':
+    case L'/':
+      out += L'\\';
+      out += unit;
+      break;
+    default:
+      out += L"\\u00";
+      out += kHexDigits[unit >> 4];
+      out += kHexDigits[unit & 0xF];
+  }
+}
+
+// What needs no escape, which is nearly all, goes over in runs.
+void AppendQuoted(std::wstring& out, std::wstring_view text) {
   out += L'"';
-  for (const wchar_t unit : text) {
-    switch (unit) {
-      case L'\b':
-        out += L"\\b";
-        break;
-      case L'\t':
-        out += L"\\t";
-        break;
-      case L'\n':
-        out += L"\\n";
-        break;
-      case L'\f':
-        out += L"\\f";
-        break;
-      case L'\r':
-        out += L"\\r";
-        break;
-      case L'"':
-      case L'\\':
-      case L'/':
-        out += L'\\';
-        out += unit;
-        break;
-      default: {
-        const auto code = static_cast<uint32_t>(unit);
-        if (code >= 0x20) {
-          out += unit;
-          break;
-        }
-        out += L"\\u00";
-        out += L"0123456789ABCDEF"[code >> 4];
-        out += L"0123456789ABCDEF"[code & 0xF];
-      }
-    }
+  while (!text.empty()) {
+    const auto escape = std::find_if(text.begin(), text.end(), NeedsEscape);
+    const auto plain = static_cast<size_t>(escape - text.begin());
+    out.append(text.substr(0, plain));
+    if (plain == text.size()) break;
+    AppendEscape(out, text[plain]);
+    text.remove_prefix(plain + 1);
   }
   out += L'"';
+}
+
+void AppendInteger(std::wstring& out, int64_t value) {
+  char text[24];
+  char* const end = std::to_chars(text, std::end(text), value).ptr;
+  out.append(&text[0], end);
 }
 
 // JSON has no text for infinity and not-a-number. The nearest number is written, so that what the
@@ -94,9 +112,10 @@ void AppendDouble(std::wstring& out, double value) {
   } else {
     const auto whole = static_cast<size_t>(exponent) + 1;
     out += digits.substr(0, whole) + L'.' + digits.substr(whole);
-    // From 100000 to 999999 nothing is left for behind the point, which stands bare then: that is
-    // the form on the wire, although the parser doesn't take it. Who has to read it again, as the
-    // settings file does, tests for it.
+    // From 100000 to 999999 all six digits stand before the point, so the text ends in it, as in
+    // "123456.". That is the form on the wire, although the parser refuses it as a number without a
+    // digit after its point. Callers whose text has to be read again, as the settings file, test
+    // for such numbers before they write.
   }
 }
 
@@ -121,7 +140,7 @@ std::wstring& Value::GenerateText(std::wstring& out) const {
       out += ConstantText(constant_);
       break;
     case Integer:
-      out += std::to_wstring(integer_);
+      AppendInteger(out, integer_);
       break;
     case Double:
       AppendDouble(out, real_);
@@ -130,22 +149,22 @@ std::wstring& Value::GenerateText(std::wstring& out) const {
       AppendQuoted(out, string_);
       break;
     case Object: {
-      const wchar_t* separator = L"{";
-      for (const auto& [key, index] : keys_) {
+      wchar_t separator = L'{';
+      keys_.ForEach([&](std::wstring_view key, uint64_t index) {
         out += separator;
-        separator = L",";
+        separator = L',';
         AppendQuoted(out, key);
         out += L':';
         members_.at(static_cast<size_t>(index)).GenerateText(out);
-      }
-      out += keys_.empty() ? L"{}" : L"}";
+      });
+      out += keys_.Empty() ? L"{}" : L"}";
       break;
     }
     case Array: {
-      const wchar_t* separator = L"[";
+      wchar_t separator = L'[';
       for (const Value& element : elements_) {
         out += separator;
-        separator = L",";
+        separator = L',';
         element.GenerateText(out);
       }
       out += elements_.empty() ? L"[]" : L"]";
@@ -159,6 +178,7 @@ std::wstring& Value::GenerateText(std::wstring& out) const {
 
 std::wstring Value::ToWString() const {
   std::wstring out;
+  out.reserve(256);  // most messages fit
   GenerateText(out);
   return out;
 }

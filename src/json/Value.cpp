@@ -30,26 +30,26 @@ Exception::Exception(const char* text) noexcept {
   text_[length] = 0;
 }
 
-// The members' own destructors would recurse once a level, and a text of brackets alone makes as
-// many levels as it has characters. So all vectors of children go to one list, which is emptied in
-// a loop: a node that dies there has none left.
+// The children's own destructors would recurse once a level, and a text of brackets alone makes as
+// many levels as it has characters. So children are taken out of their nodes first and destroyed in
+// a loop, list by list. The lists that still wait are a chain: the first node of each keeps the
+// list that comes after it, in the vector that its own kind leaves spare. So this needs no memory,
+// which may be what ran out when a tree is dropped.
 void Value::DropChildren() noexcept {
-  std::vector<std::vector<Value>> doomed;
-  const auto take = [&doomed](Value& node) {
-    if (!node.members_.empty()) doomed.push_back(std::move(node.members_));
-    if (!node.elements_.empty()) doomed.push_back(std::move(node.elements_));
+  std::vector<Value> waiting;
+  const auto takeFrom = [&waiting](Value& node) {
+    std::vector<Value>& children = node.Children();
+    if (children.empty()) return;
+    children.front().Spare() = std::move(waiting);
+    waiting = std::move(children);
   };
-  take(*this);
-  while (!doomed.empty()) {
-    std::vector<Value> children = std::move(doomed.back());
-    doomed.pop_back();
-    for (Value& child : children)
-      take(child);
+  takeFrom(*this);
+  while (!waiting.empty()) {
+    std::vector<Value> doomed = std::move(waiting);
+    waiting = std::move(doomed.front().Spare());
+    for (Value& child : doomed)
+      takeFrom(child);
   }
-}
-
-Value::~Value() {
-  DropChildren();
 }
 
 Value& Value::operator=(const Value& other) {
@@ -117,31 +117,36 @@ const Value& Value::At(uint64_t index) const {
   return elements_[static_cast<size_t>(index)];
 }
 
-const Value& Value::Item(const wchar_t* key) const {
-  return Item(std::wstring(key));
+const Value* Value::FindMember(std::wstring_view key) const {
+  if (type_ != Object) throw Exception("access object{} item for non-object object");
+  const uint64_t* index = keys_.Find(key);
+  return index ? &MemberAt(members_, *index) : nullptr;
 }
 
-const Value& Value::Item(const std::wstring& key) const {
-  const Value* item = Find(key);
+const Value& Value::MemberOf(std::wstring_view key) const {
+  const Value* item = FindMember(key);
   if (!item) throw Exception("key not found in object{} for item access");
   return *item;
 }
 
-const Value* Value::Find(const wchar_t* key) const {
-  return Find(std::wstring(key));
+const Value& Value::Item(const wchar_t* key) const {
+  return MemberOf(key);
+}
+const Value& Value::Item(const std::wstring& key) const {
+  return MemberOf(key);
 }
 
+const Value* Value::Find(const wchar_t* key) const {
+  return FindMember(key);
+}
 const Value* Value::Find(const std::wstring& key) const {
-  if (type_ != Object) throw Exception("access object{} item for non-object object");
-  const auto found = keys_.find(key);
-  return found == keys_.end() ? nullptr : &MemberAt(members_, found->second);
+  return FindMember(key);
 }
 
 std::vector<std::wstring> Value::Keys() const {
   if (type_ != Object) throw Exception("access object{} keys for non-object object");
   std::vector<std::wstring> keys;
-  for (const auto& [key, index] : keys_)
-    keys.push_back(key);
+  keys_.ForEach([&](std::wstring_view key, uint64_t) { keys.emplace_back(key); });
   return keys;
 }
 
@@ -170,9 +175,14 @@ void Value::SetDouble(double value) {
 }
 
 void Value::SetString(const std::wstring& value) {
-  std::wstring copy = value;  // `value` may be text of this very tree
-  BecomeScalar(String);
-  string_ = std::move(copy);
+  if (type_ == Undefined || type_ == String) {
+    string_ = value;
+    type_ = String;
+  } else {
+    std::wstring copy = value;  // `value` may be text of this very tree
+    BecomeScalar(String);
+    string_ = std::move(copy);
+  }
 }
 
 void Value::SetString(const wchar_t* value) {
@@ -190,21 +200,26 @@ Value& Value::AtForWrite(uint64_t index) {
   return elements_[static_cast<size_t>(index)];
 }
 
-Value& Value::ItemForWrite(const wchar_t* key) {
-  return ItemForWrite(std::wstring(key));
-}
-
-Value& Value::ItemForWrite(const std::wstring& key) {
+Value& Value::MakeMember(std::wstring_view key) {
   if (type_ == Undefined) type_ = Object;
   if (type_ != Object) throw Exception("access object{} item for non-object object");
-  const auto found = keys_.find(key);
-  if (found != keys_.end()) return MemberAt(members_, found->second);
-  std::wstring copy = key;  // `key` may be text of a member, which moves now
+  if (const uint64_t* index = keys_.Find(key)) return MemberAt(members_, *index);
   const size_t count = members_.size();
-  if (count >= members_.capacity()) members_.reserve(RoomFor(count));
-  members_.resize(count + 1);
-  keys_.emplace(std::move(copy), count);
-  return members_.back();
+  if (count < members_.capacity()) {
+    keys_.Insert(key, count);
+  } else {
+    const std::wstring copy(key);  // `key` may be text of a member, which moves now
+    members_.reserve(RoomFor(count));
+    keys_.Insert(copy, count);
+  }
+  return members_.emplace_back();
+}
+
+Value& Value::ItemForWrite(const wchar_t* key) {
+  return MakeMember(key);
+}
+Value& Value::ItemForWrite(const std::wstring& key) {
+  return MakeMember(key);
 }
 
 }  // namespace JSON

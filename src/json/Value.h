@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <exception>
-#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "json/KeyIndex.h"
 
 namespace JSON {
 
@@ -32,7 +34,9 @@ class Value {
   Value(Value&&) noexcept = default;
   Value& operator=(const Value&);
   Value& operator=(Value&&) noexcept;
-  virtual ~Value();
+  virtual ~Value() {
+    if (!members_.empty() || !elements_.empty()) DropChildren();
+  }
 
   int32_t GetType() const { return type_; }
   void Reset();  // back to Undefined
@@ -73,13 +77,19 @@ class Value {
  private:
   friend class ParsingBuilder;
 
+  std::vector<Value>& Children() { return type_ == Object ? members_ : elements_; }
+  std::vector<Value>& Spare() { return type_ == Object ? elements_ : members_; }
   void DropChildren() noexcept;
   void BecomeScalar(Type type);
+  const Value* FindMember(std::wstring_view key) const;
+  const Value& MemberOf(std::wstring_view key) const;
+  Value& MakeMember(std::wstring_view key);
 
+  // A node uses those of its kind alone; the others are empty.
   int32_t type_ = Undefined;
   int32_t constant_ = 0;
   std::wstring string_;
-  std::map<std::wstring, uint64_t> keys_;  // key to index into members_
+  KeyIndex keys_;  // key to index into members_
   std::vector<Value> members_;
   std::vector<Value> elements_;
   double real_ = 0.0;

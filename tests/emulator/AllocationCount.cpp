@@ -1,11 +1,29 @@
 #include "emulator/AllocationCount.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
 namespace {
+
 thread_local uint64_t allocations = 0;
+thread_local bool spared = false;
+std::atomic<int64_t> untilFailure{-1};  // below 0: none is due
+
+bool Fails() {
+  return !spared && untilFailure.load() >= 0 && untilFailure.fetch_sub(1) == 0;
+}
+
 }  // namespace
+
+void FailAllocation(int64_t index) {
+  spared = true;
+  untilFailure = index;
+}
+
+bool AllocationFailureIsDue() {
+  return untilFailure.load() >= 0;
+}
 
 uint64_t AllocationCount() {
   return allocations;
@@ -15,6 +33,7 @@ uint64_t AllocationCount() {
 // the others are its own, and memory must go back to where it came from.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++allocations;
+  if (Fails()) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
 }
 void* operator new(std::size_t size) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 
 #include "platform/text.h"
 
@@ -76,8 +77,10 @@ std::vector<std::wstring> CapturedLog::UntakenFailures() const {
   return failures;
 }
 
-void CapturedLog::WriteText(std::wstring_view text) {
+// A log never fails towards its caller: without memory the line is lost.
+void CapturedLog::WriteText(std::wstring_view text) try {
   std::lock_guard lock(mutex_);
   entries_.push_back({std::wstring(text), false});
   written_.notify_all();
+} catch (const std::bad_alloc&) {
 }
