@@ -16,8 +16,9 @@ class IJsonUdpManager;
 struct JsonMsg;
 
 // What a manager or connection reports to. The first argument tells one source from another. A
-// manager calls on the NetManager's worker, where nothing may block; a connection calls on its own
-// thread, but for the OnError of its socket. Not owned: stop the source before the receiver dies.
+// manager calls on the NetManager's worker, where nothing may block; a connection calls on one of
+// the few threads that connections share, one call at a time, but for the OnError of its socket.
+// Not owned: stop the source before the receiver dies.
 class IJsonUdpReceiver {
  public:
   // A manager: the message went out. A connection: the peer has acknowledged all of it.

@@ -14,9 +14,6 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\JsonUdpConnect";
 
-constexpr uint32_t kBusyWaitMs = 1;    // with a datagram on its way
-constexpr uint32_t kIdleWaitMs = 100;  // a lost wake-up costs this at most
-
 // Nobody is left to be told: the failure dies here, which writes it to the log. The thread goes on
 // also when there is no memory for that.
 void LogException(const char* what) noexcept {
@@ -61,9 +58,8 @@ ErrInfo JsonUdpConnect::Start() {
     Stop();
     return err;
   }
-  stopFlag_ = false;
   try {
-    thread_ = std::thread([this] { Run(); });
+    threads_->Add(client_);
   } catch (const std::system_error& error) {
     Stop();
     return ERR_HERE("Network::JsonUdpConnect::Start")
@@ -86,10 +82,7 @@ ErrInfo JsonUdpConnect::Open() {
 void JsonUdpConnect::Stop() {
   // The socket first: nothing comes in any more and no call of the worker is left.
   manager_->Stop();
-  if (!started_) return;
-  stopFlag_ = true;
-  wakeEvent_.Set();
-  thread_.join();
+  threads_->Remove(client_);
   started_ = false;
 }
 
@@ -123,7 +116,7 @@ ErrInfo JsonUdpConnect::Send(const std::shared_ptr<JsonMsg>& msg, const NetAddr&
     if (!cut.empty()) msg->attachment.swap(cut);
     return err.SetText(Format(L"Send queue full: %d datagrams wait, message dropped", pushed.full));
   }
-  wakeEvent_.Set();
+  Wake();
   return err;
 }
 
@@ -152,22 +145,16 @@ JsonUdpStatistics JsonUdpConnect::Statistics() {
   return statistics_;
 }
 
-void JsonUdpConnect::Run() {
-  while (!stopFlag_) {
-    wakeEvent_.Wait(IsWaitingForAck() ? kBusyWaitMs : kIdleWaitMs);
-    if (stopFlag_) return;
-    Pass();
-  }
-}
-
-bool JsonUdpConnect::IsWaitingForAck() {
+// The moment after which the datagram on its way is repeated or given up. All else wakes the
+// connection.
+int64_t JsonUdpConnect::NextDue() {
   std::lock_guard lock(stateMutex_);
-  return pending_.IsValid();
+  return pending_.IsValid() ? lastSendTime_ + ackTimeout_ + 1 : PassThreads::kNever;
 }
 
 // Sends at most one datagram and delivers at most one message of each kind, each step in the order
 // in which a peer may have waited for it. What a step throws ends the pass, costs what that step
-// had taken, and is reported; the event that each delivery sets makes the next pass follow at once.
+// had taken, and is reported; each delivery asks for another pass, which follows at once.
 void JsonUdpConnect::Pass() {
   try {
     try {
@@ -215,7 +202,7 @@ InternalMsg JsonUdpConnect::NextTransmission() {
   }
   // The exception ends this pass, also for what has been received and acknowledged: that mustn't
   // wait for the next time-out.
-  wakeEvent_.Set();
+  Wake();
   throw std::runtime_error("Protocol error. No ack received");
 }
 
@@ -227,14 +214,14 @@ void JsonUdpConnect::Transmit(const InternalMsg& transmit) {
 void JsonUdpConnect::DeliverSent() {
   const std::shared_ptr<JsonMsg> sent = sentQueue_.TryPop();
   if (!sent) return;
-  wakeEvent_.Set();  // before the call, which may throw: more may wait behind this one
+  Wake();  // before the call, which may throw: more may wait behind this one
   if (info_.Receiver) info_.Receiver->OnMsgSent(this, sent);
 }
 
 void JsonUdpConnect::DeliverReceived() {
   const InternalMsg received = receivedQueue_.TryPop();
   if (!received.IsValid()) return;
-  wakeEvent_.Set();
+  Wake();
   if (info_.Receiver) info_.Receiver->OnMsgReceived(this, received.msg, received.addr);
 }
 
@@ -255,7 +242,7 @@ void JsonUdpConnect::OnMsgReceived(IJsonUdpManager*, const std::shared_ptr<JsonM
                                    const NetAddr& from) {
   if (const auto* ack = dynamic_cast<const JsonMsgAck*>(msg.get())) {
     OnAck(*ack);
-    wakeEvent_.Set();
+    Wake();
     return;
   }
 
@@ -277,7 +264,7 @@ void JsonUdpConnect::OnMsgReceived(IJsonUdpManager*, const std::shared_ptr<JsonM
       ++statistics_.MsgReceived;
     }
   }
-  wakeEvent_.Set();
+  Wake();
 }
 
 void JsonUdpConnect::OnAck(const JsonMsgAck& ack) {

@@ -2,20 +2,20 @@
 // until the peer acknowledges it, long attachments travel as segments, what is received is
 // acknowledged at once, and a repeat of the latest message is filtered out.
 //
-// Its own thread sends, repeats and calls the receiver. The worker thread of the NetManager
-// acknowledges, filters and puts segments together. stateMutex_ guards the datagram on its way and
-// the counters; it isn't held across a send or a callback.
+// It sends, repeats and calls the receiver in passes, one at a time, on the threads that all
+// connections share (PassThreads). The worker thread of the NetManager acknowledges, filters and
+// puts segments together. stateMutex_ guards the datagram on its way and the counters; it isn't
+// held across a send or a callback.
 #pragma once
 
 #include <atomic>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 #include "control/IJsonUdp.h"
 #include "control/JsonMsgs.h"
+#include "control/PassThreads.h"
 #include "control/SendQueue.h"
-#include "platform/event.h"
 #include "runtime/ConcurrentQueue.h"
 
 namespace Network {
@@ -52,7 +52,7 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   // Resets the counters. What waited or was on its way before a Stop carries on.
   ErrInfo Start() override;
 
-  // Not from a callback on the connection's own thread, which it joins.
+  // Not from a callback of this connection, whose end it waits for.
   void Stop() override;
   bool IsStarted() override { return started_; }
   ErrInfo SetDefaultSendAddr(const NetAddr& addr) override;
@@ -67,15 +67,14 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   // Since Start. Nothing writes them to the log unasked.
   JsonUdpStatistics Statistics();
 
-  // The two halves of Start and its thread, for tests that run no thread: opens the socket; makes
-  // one pass of the thread, which sends at most one datagram and delivers at most one message of
-  // each kind.
+  // The two halves of Start, for tests that play the threads: opens the socket; makes one pass,
+  // which sends at most one datagram and delivers at most one message of each kind.
   ErrInfo Open();
   void Pass();
 
  private:
-  void Run();
-  bool IsWaitingForAck();
+  void Wake() { threads_->Wake(client_); }
+  int64_t NextDue();
   InternalMsg NextTransmission();
   void Transmit(const InternalMsg& transmit);
   void DeliverSent();
@@ -88,7 +87,6 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   std::vector<OutgoingMsg> CutIntoSegments(const std::shared_ptr<JsonMsg>& msg,
                                            const NetAddr& to) const;
 
-  std::thread thread_;
   JsonUdpInfo info_;  // fixed while started
   const std::shared_ptr<IJsonUdpManager> manager_;
 
@@ -101,7 +99,7 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   int64_t lastSendTime_ = 0;
   JsonUdpStatistics statistics_;
 
-  uint32_t attempts_ = 0;  // transmissions of pending_; connection's thread only
+  uint32_t attempts_ = 0;  // transmissions of pending_; passes only
 
   // Worker thread only.
   std::optional<uint32_t> lastReceived_;  // number of the message last accepted
@@ -112,8 +110,11 @@ class JsonUdpConnect final : public IJsonUdpConnect, public IJsonUdpReceiver {
   const uint32_t repeatCount_ = 5;      // transmissions in all
   const uint32_t segmentSize_ = 1300;   // longest attachment in one datagram, bytes
 
-  platform::Event wakeEvent_{platform::Event::Mode::AutoReset};
-  std::atomic<bool> stopFlag_{false};
+  const std::shared_ptr<PassThreads> threads_ = PassThreads::OfProcess();
+  PassThreads::Client client_{[this] {
+    Pass();
+    return NextDue();
+  }};
   std::atomic<bool> started_{false};
 };
 
