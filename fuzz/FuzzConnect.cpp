@@ -32,6 +32,11 @@ constexpr int64_t kAckTimeoutMs = 50;
 constexpr size_t kSegmentSize = 1300;
 constexpr const wchar_t* kPeers[] = {L"10.4.5.6:7", L"10.1.2.3:4567", L"10.1.2.3:4568"};
 
+// Byte `index` of each attachment that is sent: tells its place, so that a gap or a swap shows.
+uint8_t ByteAt(size_t index) {
+  return static_cast<uint8_t>(index ^ index >> 8);
+}
+
 // Messages that came up: number, attachment and sender.
 using Delivered = std::vector<std::tuple<uint32_t, Bytes, std::wstring>>;
 
@@ -204,6 +209,8 @@ class SendModel {
     Require(out.msg_id == row.id, "messages and segments keep their order");
     Require(out.att == row.bytes && out.attachment.size() == row.announced,
             "an attachment is announced, and its part travels");
+    for (size_t i = 0; i < out.att; ++i)
+      Require(out.attachment[i] == ByteAt(row.number * kSegmentSize + i), "each byte in its place");
     const auto* segment = dynamic_cast<const JsonMsgAtt*>(&out);
     Require((segment != nullptr) == (row.id != current_->leader), "segments follow their head");
     if (!segment) return;
@@ -288,7 +295,8 @@ class Duel {
   void Send(size_t attachment) {
     if (++sends_ > kMaxSends) return;
     auto msg = std::make_shared<JsonMsgGetState>();
-    msg->attachment.assign(attachment, 'a');
+    for (size_t i = 0; i < attachment; ++i)
+      msg->attachment.push_back(ByteAt(i));
     Require(connect_.Send(msg, peer_).IsOk(), "there is room for what is sent");
     sent_.Send(msg->msg_id, attachment, peer_.ToText());
   }

@@ -1,10 +1,14 @@
 // Goes through inputs that are kept, one after the other: the main of a fuzz target in builds
-// without libFuzzer. Takes files and folders. A fault ends it with the input's path above.
+// without libFuzzer. Takes files and folders, and `--random COUNT` for as many inputs of random
+// bytes, the same ones each time. A fault ends it with the input's path or number above.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <vector>
 
 #include "Harness.h"
@@ -32,12 +36,30 @@ bool Run(const std::filesystem::path& path) {
   return true;
 }
 
+// Scripts of up to 400 bytes.
+void RunRandom(size_t count) {
+  std::minstd_rand random;
+  for (size_t i = 0; i < count; ++i) {
+    std::vector<uint8_t> input(random() % 400);
+    for (uint8_t& byte : input)
+      byte = static_cast<uint8_t>(random() >> 8);
+    std::printf("\rrandom %zu", i);
+    std::fflush(stdout);
+    LLVMFuzzerTestOneInput(input.data(), input.size());
+  }
+  std::printf("\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   LLVMFuzzerInitialize(&argc, &argv);
   size_t count = 0;
   for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--random") == 0 && i + 1 < argc) {
+      RunRandom(std::strtoul(argv[++i], nullptr, 10));
+      continue;
+    }
     for (const auto& path : FilesOf(argv[i])) {
       if (!Run(path)) {
         std::printf("can't be read\n");

@@ -130,6 +130,25 @@ TEST_F(DatagramManager, UndecodableDatagramIsOneFailureAndNoLine) {
   EXPECT_EQ(net.LastSock()->Sent().size(), 0U);
 }
 
+// 45 bytes from the network take no megabyte.
+TEST_F(DatagramManager, HoldsOfAnAttachmentWhatHasCome) {
+  Start();
+  JsonMsgGetState head;
+  head.att = kMaxAttachment;
+  EXPECT_TRUE(net.LastSock()->Deliver(ToDatagram(head), peer));
+  ASSERT_EQ(user.Received().size(), 1U);
+  EXPECT_EQ(user.Received()[0].msg->announced, kMaxAttachment);
+  EXPECT_EQ(user.Received()[0].msg->attachment.capacity(), 0U);
+}
+
+TEST_F(DatagramManager, HasANameInTheLogWithoutOne) {
+  JsonUdpManager nameless(L"", &net);
+  EXPECT_TRUE(nameless.Init(info).IsOk());
+  EXPECT_TRUE(nameless.Start().IsOk());
+  EXPECT_TRUE(nameless.SendDirect(msg, peer).IsOk());
+  EXPECT_EQ(Log().Count(L"JsonUdpManager: MSG: -> "), 1U);
+}
+
 TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
   Start();
   EXPECT_TRUE(manager.Start().IsOk());
