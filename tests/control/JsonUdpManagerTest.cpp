@@ -171,43 +171,13 @@ TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
 }
 
 // A datagram can be there the moment a socket opens, and its receiver answers at once.
-TEST(DatagramManagerStart, AnswersADatagramThatArrivesWhileTheSocketOpens) {
-  struct EagerSock final : IUdpSock {
-    ErrInfo Open(const UdpSockInfo& info) override {
-      const DatagramBytes bytes = ToDatagram(JsonMsgGetState());
-      auto packet = std::make_shared<Packet>(bytes.size());
-      packet->Resize(bytes.size());
-      std::copy(bytes.begin(), bytes.end(), packet->Data());
-      info.Receiver->OnDatagramReceived(this, packet, Addr(L"10.1.2.3:4567"));
-      return ErrInfo("Open", "", 0);
-    }
-    void Close() override {}
-    void Destroy() override {}
-    ErrInfo SetSendAddr(const NetAddr&) override { return ErrInfo("SetSendAddr", "", 0); }
-    ErrInfo Send(const uint8_t*, uint64_t, const NetAddr&) override {
-      ++sends;
-      return ErrInfo("Send", "", 0);
-    }
-    NetAddr LocalAddr() override { return NetAddr(); }
-    int sends = 0;
-  };
-  struct EagerNet final : INetManager {
-    std::shared_ptr<IUdpSock> CreateUdpSock() override { return sock; }
-    std::shared_ptr<ITcpSock> CreateTcpSock() override { return nullptr; }
-    std::shared_ptr<ITcpListenSock> CreateTcpListenSock() override { return nullptr; }
-    std::shared_ptr<EagerSock> sock = std::make_shared<EagerSock>();
-  } net;
-
-  RecordingReceiver user;
-  JsonUdpManager manager(L"unit", &net);
+TEST_F(DatagramManager, AnswersADatagramThatArrivesWhileTheSocketOpens) {
+  net.onOpen = [&](FakeUdpSock& sock) { sock.Deliver(ToDatagram(*msg), peer); };
   user.onReceived = [&](const auto& request, const NetAddr& from) {
     EXPECT_TRUE(manager.SendDirect(std::make_shared<JsonMsgAck>(request->msg_id), from).IsOk());
   };
-  JsonUdpInfo info;
-  info.Receiver = &user;
-  EXPECT_TRUE(manager.Init(info).IsOk());
-  EXPECT_TRUE(manager.Start().IsOk());
-  EXPECT_EQ(net.sock->sends, 1);
+  Start();
+  EXPECT_EQ(net.LastSock()->Sent().size(), 1U);
 }
 
 }  // namespace

@@ -75,6 +75,13 @@ TEST(ConnectionThreads, AGivenUpMessageHoldsUpNothing) {
 // served by the one that is left, and in time.
 TEST(ConnectionThreads, SlowHandlersHoldUpNobodyElse) {
   Log().Allow(L"No ack received");  // on a busy machine
+  std::atomic<bool> done{false};
+  std::vector<std::unique_ptr<Unit>> slow(PassThreads::kMostThreads - 1);
+  for (auto& unit : slow) {
+    unit = std::make_unique<Unit>();
+    unit->user.onReceived = [&](const auto&, const NetAddr&) { done.wait(false); };
+    unit->Start();
+  }
   Unit quick;
   quick.Start();
   const auto send = [&quick] {
@@ -84,14 +91,9 @@ TEST(ConnectionThreads, SlowHandlersHoldUpNobodyElse) {
     EXPECT_TRUE(quick.net.LastSock()->WaitSent(1));
     return msg->msg_id;
   };
-  // Its repeat is due on a thread that the slow ones take.
+  // Its repeat is due on a thread that a slow one then takes.
   const uint32_t first = send();
-  std::atomic<bool> done{false};
-  std::vector<std::unique_ptr<Unit>> slow(PassThreads::kMostThreads - 1);
   for (auto& unit : slow) {
-    unit = std::make_unique<Unit>();
-    unit->user.onReceived = [&](const auto&, const NetAddr&) { done.wait(false); };
-    unit->Start();
     unit->Deliver(JsonMsgGetState());
     EXPECT_TRUE(unit->WaitReceived(1));
   }

@@ -22,12 +22,15 @@ struct SentDatagram {
 class FakeUdpSock final : public Network::IUdpSock {
  public:
   ErrInfo Open(const Network::UdpSockInfo& info) override {
-    std::lock_guard lock(mutex_);
-    ++opens;
-    if (failOpen || (failPort != 0 && info.BindAddr.Port() == failPort))
-      return ERR_AT("FakeUdpSock::Open").SetText(L"open failed");
-    info_ = info;
-    open_ = true;
+    {
+      std::lock_guard lock(mutex_);
+      ++opens;
+      if (failOpen || (failPort != 0 && info.BindAddr.Port() == failPort))
+        return ERR_AT("FakeUdpSock::Open").SetText(L"open failed");
+      info_ = info;
+      open_ = true;
+    }
+    if (onOpen) onOpen(*this);
     return ERR_AT("FakeUdpSock::Open");
   }
 
@@ -111,7 +114,8 @@ class FakeUdpSock final : public Network::IUdpSock {
 
   // Set by the test before they are used.
   bool failOpen = false;
-  uint16_t failPort = 0;  // the port that can't be bound
+  uint16_t failPort = 0;                     // the port that can't be bound
+  std::function<void(FakeUdpSock&)> onOpen;  // before Open returns
   bool failSend = false;
   std::function<void(const SentDatagram&)> onSent;  // called without a lock, on the sender's thread
 
@@ -135,6 +139,7 @@ class FakeNetManager final : public Network::INetManager {
     auto sock = std::make_shared<FakeUdpSock>();
     sock->failOpen = failOpen;
     sock->failPort = failPort;
+    sock->onOpen = onOpen;
     sock->onSent = onSent;
     std::lock_guard lock(mutex_);
     socks_.push_back(sock);
@@ -160,6 +165,7 @@ class FakeNetManager final : public Network::INetManager {
   // Of the sockets made from now on:
   bool failOpen = false;                            // none can be opened
   uint16_t failPort = 0;                            // none can be bound to this port
+  std::function<void(FakeUdpSock&)> onOpen;         // as each opens
   std::function<void(const SentDatagram&)> onSent;  // each reports what it sends
 
  private:
