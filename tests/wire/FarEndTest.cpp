@@ -2,6 +2,7 @@
 // it gives up.
 #include <gtest/gtest.h>
 
+#include "LoopBack.h"
 #include "wire/Link.h"
 #include "wire/StreamStats.h"
 #include "wire/Streams.h"
@@ -79,6 +80,9 @@ TEST_F(Links, CarryMessagesOfEveryLengthOnce) {
   EXPECT_TRUE(one.WaitAcks(id, 2));
   EXPECT_TRUE(two.Take("get_state"));
   EXPECT_FALSE(two.Take("get_state", {}, {}));
+  Link third(loop, kHere);  // another's number is no repeat
+  third.SendWithId(id, two.Local(), "get_state");
+  EXPECT_TRUE(two.Take("get_state", third.Local()));
   EXPECT_TRUE(one.Complaints().empty() && two.Complaints().empty());
 }
 
@@ -215,6 +219,30 @@ TEST(Streams, ArriveAsTheyWereSentAtTheirPace) {
   for (const StreamPacket& each : receiver.Packets())
     stats.Add(each);
   EXPECT_EQ(stats.Lost() + stats.late + stats.duplicates + stats.foreign, 0U);
+}
+
+TEST(Streams, CarryNegativeCodes) {
+  const Bytes bytes = EncodePacket({}, {{-4194303, -8388608}});
+  EXPECT_EQ(Bytes(bytes.begin() + 12, bytes.end()), (Bytes{0xC0, 0x00, 0x01, 0x80, 0x00, 0x00}));
+  EXPECT_EQ((StreamPacket{bytes, {}, {}}.Audio()), (Frames{{-4194303, -8388608}}));
+}
+
+// What a unit starts anew may come late, twice or not at all; only what was never sent is altered.
+TEST(LoopBack, SaysAlteredOfForeignContentAlone) {
+  const auto packet = [](uint64_t number, int32_t change = 0) {
+    Frames frames = ctl::Noise(number);
+    frames[100].left += change;
+    return StreamPacket{EncodePacket({}, frames), {}, {}};
+  };
+  const StreamPacket silence{EncodePacket({}, Frames(kPacketFrames)), {}, {}};
+  const auto sorted = ctl::SortNoise(
+      {silence, packet(0), packet(1), packet(4), silence, packet(2), packet(2), packet(5, 1)});
+  EXPECT_EQ(sorted.exact, 3U);
+  EXPECT_EQ(sorted.reordered, 1U);
+  EXPECT_EQ(sorted.repeated, 1U);
+  EXPECT_EQ(sorted.altered, 1U);
+  EXPECT_EQ(sorted.Lost(), ctl::kNoisePackets - 4);
+  EXPECT_FALSE(sorted.IsGood());
 }
 
 TEST(StreamStats, TellLostFromLateFromDoubled) {

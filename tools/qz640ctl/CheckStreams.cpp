@@ -1,9 +1,8 @@
 #include <algorithm>
 #include <cmath>
-#include <map>
-#include <set>
 
 #include "Check.h"
+#include "LoopBack.h"
 #include "platform/thread.h"
 #include "wire/StreamStats.h"
 #include "wire/Streams.h"
@@ -23,8 +22,6 @@ constexpr auto kListenTime = milliseconds(2000);
 constexpr double kRateTolerance = 0.01;  // of the nominal rate, over two seconds
 constexpr double kJitterGoodMs = 2.0;
 constexpr double kJitterBadMs = 20.0;
-constexpr uint64_t kLoopPackets = 250;
-constexpr size_t kLoopMinimum = 200;  // of these must come back
 
 // A stand-still of two packets moves a stream in a unit's buffer, which has room for three ahead;
 // one of half a second runs the system's own buffers over.
@@ -66,19 +63,6 @@ struct Heard {
   }
   bool IsWhole() const { return stats.Lost() == 0 && stats.duplicates == 0 && stats.jumps == 0; }
   bool IsGood() const { return OnRate() && stats.JitterMs() <= kJitterGoodMs && IsWhole(); }
-};
-
-// What came back of the packets that were sent through the unit.
-struct Returned {
-  size_t exact = 0;      // in their order
-  size_t reordered = 0;  // after one that was sent later
-  size_t repeated = 0;   // had come back before
-  size_t altered = 0;    // neither silence nor anything that was sent
-  double unevenMs = 0;   // how long the machine stood still
-
-  size_t Lost() const { return kLoopPackets - exact - reordered; }
-  bool IsEmpty() const { return exact + reordered + altered == 0; }
-  bool IsGood() const { return altered + reordered + repeated == 0 && exact >= kLoopMinimum; }
 };
 
 class StreamTour {
@@ -184,47 +168,6 @@ void StreamTour::Input(uint32_t input) {
            std::to_string(stats.duplicates)});
 }
 
-// Each packet carries noise that no other has, so that it is known again wherever it comes out.
-Frames Noise(uint64_t number) {
-  uint64_t state = number * 0x9E3779B97F4A7C15 + 1;
-  const auto next = [&state] {
-    state = state * 6364136223846793005 + 1442695040888963407;
-    // Within the range that a unit's conversion to float and back keeps exact.
-    return static_cast<int32_t>(static_cast<int64_t>(state >> 41) % wire::kFullScale) -
-           (state & 1 ? 0 : 4194303);
-  };
-  Frames frames(kPacketFrames);
-  for (wire::Frame& frame : frames)
-    frame = {next(), next()};
-  return frames;
-}
-
-Returned Sort(const std::deque<StreamPacket>& packets) {
-  std::map<std::pair<int32_t, int32_t>, uint64_t> byFirst;  // its first frame names each packet
-  for (uint64_t number = 0; number < kLoopPackets; ++number) {
-    const wire::Frame first = Noise(number).front();
-    byFirst[{first.left, first.right}] = number;
-  }
-  Returned returned;
-  std::set<uint64_t> seen;
-  for (const StreamPacket& packet : packets) {
-    const Frames frames = packet.Audio();
-    if (frames == Frames(frames.size())) continue;  // silence, before, between and after
-    const auto found = byFirst.find({frames.front().left, frames.front().right});
-    if (found == byFirst.end() || frames != Noise(found->second)) {
-      ++returned.altered;
-      continue;
-    }
-    const bool inOrder = seen.empty() || found->second > *seen.rbegin();
-    if (!seen.insert(found->second).second) {
-      ++returned.repeated;
-    } else {
-      ++(inOrder ? returned.exact : returned.reordered);
-    }
-  }
-  return returned;
-}
-
 // Where the machine stands still, this program's packets come late and in a bunch, or the unit's
 // ticks do: the unit then starts the stream anew, as it must, and what lay in its buffer may come
 // out again, late or not at all. What was never sent it must not send even then.
@@ -234,7 +177,7 @@ Returned StreamTour::SendThrough() {
   report_.Machine().Clear();
   uint64_t made = 0;
   wire::AudioSender sender(session_.Loop(), unit_.Output(0), freq_, 0,
-                           [&made] { return made < kLoopPackets ? Noise(made++) : Frames(); });
+                           [&made] { return made < kNoisePackets ? Noise(made++) : Frames(); });
   sender.WaitEnd(milliseconds(5000));
   session_.Loop().RunFor(milliseconds(200));  // what is still in the unit's ring
   const auto late = std::max(report_.Machine().Worst(), sender.WorstLateness());
@@ -243,7 +186,7 @@ Returned StreamTour::SendThrough() {
   StreamStats stats;
   for (const StreamPacket& packet : receiver.Packets())
     stats.Add(packet);
-  Returned returned = Sort(receiver.Packets());
+  Returned returned = SortNoise(receiver.Packets());
   returned.unevenMs = ToMs(late);
   if (report_.Shared()) returned.unevenMs = std::max(returned.unevenMs, stats.WorstGapMs());
   return returned;
@@ -265,7 +208,7 @@ void StreamTour::LoopBack() {
     return;
   }
   const std::string figure =
-      std::to_string(returned.exact) + " of " + std::to_string(kLoopPackets) +
+      std::to_string(returned.exact) + " of " + std::to_string(kNoisePackets) +
       " packets bit for bit, " + std::to_string(returned.altered) + " altered, " +
       std::to_string(returned.reordered) + " reordered, " + std::to_string(returned.repeated) +
       " repeated, " + std::to_string(returned.Lost()) + " lost";
