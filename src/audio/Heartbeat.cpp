@@ -22,8 +22,14 @@ int64_t RoundUp(int64_t counter, int64_t step) {
 }  // namespace
 
 class Heartbeat::Thread {
+  struct Entry {
+    IBeatClient* client;
+    bool again;  // it ticked in the round before
+  };
+
  public:
-  Thread() : thread_([this] { Run(); }) {}
+  // With its first client from the first beat on.
+  explicit Thread(IBeatClient& client) : entries_{{&client, false}}, thread_([this] { Run(); }) {}
 
   ~Thread() {
     stop_ = true;
@@ -58,11 +64,6 @@ class Heartbeat::Thread {
   }
 
  private:
-  struct Entry {
-    IBeatClient* client;
-    bool again;  // it ticked in the round before
-  };
-
   void Run() {
     platform::SetTimeCritical();
     while (!stop_) {
@@ -146,9 +147,7 @@ void Heartbeat::Add(IBeatClient& client) {
     (*least)->Add(client);
     return;
   }
-  const auto thread = std::make_shared<Thread>();
-  thread->Add(client);
-  threads_.push_back(thread);
+  threads_.push_back(std::make_shared<Thread>(client));
 }
 
 void Heartbeat::Remove(IBeatClient& client) {
