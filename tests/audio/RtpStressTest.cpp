@@ -99,12 +99,14 @@ TEST(RtpStress, AddressesChangeWhileTicksSend) {
   Network::RtpAudioManager manager(L"Unit", &net);
   ASSERT_TRUE(manager.Init(MakeInfo(9)).IsOk());
   std::atomic<bool> stop{false};
+  std::atomic<int> changes{0};
   std::thread control([&] {
-    for (bool on = false; !stop; on = !on)
-      manager.SetSendChanAddr(0, on ? Addr(L"10.0.0.1:9000") : Network::NetAddr());
+    const Network::NetAddr addrs[] = {Network::NetAddr(), Addr(L"10.0.0.1:9000")};
+    for (; !stop; ++changes)
+      manager.SetSendChanAddr(0, addrs[changes % 2]);
   });
   std::vector<float> buffer(192);
-  for (int i = 0; i < 3000; ++i)
+  for (int i = 0; i < 3000 || changes < 30'000; ++i)
     EXPECT_TRUE(manager.SendAudio({buffer.data(), buffer.data()}, 192).IsOk());
   stop = true;
   control.join();

@@ -333,6 +333,8 @@ TEST(SyncBeat, StopWaitsForItsOwnTickAndForNoOther) {
       inside = true;
       while (!open)
         std::this_thread::yield();
+      for (int i = 0; i < 2000; ++i)
+        std::this_thread::yield();  // time for a Stop that doesn't wait to return
       inside = false;
     }
     std::atomic<bool> inside{false}, open{false};
@@ -454,6 +456,7 @@ TEST_F(SyncManagerTest, ANewRateAndATimeoutForgetTheReports) {
     RunWithSource(500, 48000, 1.01);
     const int locks = LogCount(L"Sync LOCK");
     happens();
+    Run(5);
     RunWithSource(200, 48000, 1.01);
     EXPECT_EQ(LogCount(L"Sync LOCK"), locks);
     RunWithSource(500, 48000, 1.01);
