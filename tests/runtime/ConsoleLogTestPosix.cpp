@@ -1,4 +1,5 @@
 // A console that nobody reads, each time in a child process whose standard output is a full pipe.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@ class ConsoleLogTest : public testing::Test {
       close(console_[0]);
       dup2(console_[1], STDOUT_FILENO);
       close(console_[1]);
+      fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);  // as some terminals are left behind
       WriteLines();
       _exit(0);
     }
