@@ -21,7 +21,7 @@ TEST(Text, GoodTextComesBackAsItWas) {
     std::string utf8;
     std::wstring wide;
   } const cases[] = {
-      {"", L""},
+      {"", Units({})},
       {std::string("a\0b", 3), Units({'a', 0, 'b'})},
       {"\xC2\x80\xDF\xBF", Units({0x80, 0x7FF})},
       {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", Units({0x800, 0xD7FF, 0xE000, 0xFFFF})},
@@ -38,18 +38,18 @@ TEST(Text, GoodTextComesBackAsItWas) {
 }
 
 TEST(Text, MalformedUtf8IsRefusedOrReplaced) {
-  const wchar_t bad = static_cast<wchar_t>(0xFFFD);
+  const std::wstring bad = Units({0xFFFD});
   struct {
     const char* what;
     std::string utf8;
     std::wstring lossy;
   } const cases[] = {
-      {"byte that never occurs", "\xFF", Units({0xFFFD})},
-      {"truncated at the end, 4", "\xF0\x9D\x84", {bad}},
-      {"truncated by a lead", "\xE2\xC3\xA4", {bad, static_cast<wchar_t>(0xE4)}},
-      {"overlong, 4", "\xF0\x8F\xBF\xBF", {bad}},
-      {"above U+10FFFF", "\xF4\x90\x80\x80", {bad}},
-      {"5-byte form", "\xF8\x88\x80\x80\x80", {bad, bad, bad, bad, bad}},
+      {"byte that never occurs", "\xFF", bad},
+      {"truncated at the end, 4", "\xF0\x9D\x84", bad},
+      {"truncated by a lead", "\xE2\xC3\xA4", bad + L"\u00E4"},
+      {"overlong, 4", "\xF0\x8F\xBF\xBF", bad},
+      {"above U+10FFFF", "\xF4\x90\x80\x80", bad},
+      {"5-byte form", "\xF8\x88\x80\x80\x80", bad + bad + bad + bad + bad},
   };
   for (const auto& c : cases) {
     try {
