@@ -72,7 +72,7 @@ TEST(Overlap, RequestsDuringStopAndDestruction) {
   settings.AddrStr = L"127.0.0.5";
   for (int i = 0; i < kRounds; ++i) {
     FakeNets nets;
-    const auto net = nets.Factory()();
+    const auto net = nets.Factory()(NetWorker::Own);
     auto unit = std::make_unique<AudioCardEmu>(net.get(), nets.Factory());
     ASSERT_TRUE(unit->Init(settings, UnitSettings()).IsOk());
     ASSERT_TRUE(unit->Start().IsOk());
