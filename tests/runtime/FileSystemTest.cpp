@@ -220,10 +220,14 @@ TEST(HandleTableTest, PlacesAreUsedAgainGoingRound) {
   };
   for (uint64_t i = 0; i < 8; ++i)
     EXPECT_EQ(enter(), i);
-  for (const size_t slot : {2, 4, 1, 7})  // 4 lies two places after 2, 7 two places before 1
-    handles[slot].reset();
-  EXPECT_EQ(table.Used(), 4u);
-  for (const uint64_t expected : {7, 1, 2, 4})
+  const auto leave = [&](size_t slot) { handles[slot].reset(); };
+  leave(2);
+  leave(4);  // two places after 2
+  EXPECT_EQ(enter(), 2u);
+  leave(1);
+  leave(7);  // two places before 1
+  EXPECT_EQ(table.Used(), 5u);
+  for (const uint64_t expected : {7, 1, 4})
     EXPECT_EQ(enter(), expected);
   EXPECT_EQ(table.Size(), 8u);
 }
