@@ -121,11 +121,11 @@ TEST_F(ResourceEnds, APauseOfTenSecondsIsToldAndOver) {
   };
   EXPECT_TRUE(loopBack());
 
-  emulator.Child().Send(Process::Signal::Suspend);
+  kill(emulator.Child().Id(), SIGSTOP);
   std::this_thread::sleep_for(std::chrono::seconds(10));
   receiver.Clear();
   const wire::Clock::time_point resumed = wire::Clock::now();
-  emulator.Child().Send(Process::Signal::Resume);
+  kill(emulator.Child().Id(), SIGCONT);
   controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
   EXPECT_LT(wire::Clock::now() - resumed, std::chrono::seconds(1));
   emulator.Line("Sync FAIL. Internal sync timeout.");
@@ -138,6 +138,26 @@ TEST_F(ResourceEnds, APauseOfTenSecondsIsToldAndOver) {
   receiver.Clear();
   EXPECT_TRUE(loopBack());
   emulator.Line("Stream ERROR");
+}
+
+TEST_F(ResourceEnds, WithoutAnInputStartsAndStopsAtOnce) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.StartUnder("exec <&-");
+  emulator.ExpectOrderlyEnd();
+  EXPECT_EQ(emulator.LinesWith(" Start OK").size(), 1u);
+  EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
+
+  emulator.StartUnder("exec <&- >&-");
+  emulator.ExpectOrderlyEnd();
+}
+
+// Descriptor 1 must not become a socket that the log is then written to.
+TEST_F(ResourceEnds, WithoutAnOutputServesAsEver) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.StartUnder("exec >&-");
+  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
+  emulator.Stop();
+  EXPECT_EQ(Types(controller.Received()), std::vector<std::string>{"dev_info"});
 }
 
 }  // namespace

@@ -95,11 +95,10 @@ TEST_P(RunEnds, InGoodOrder) {
 
 INSTANTIATE_TEST_SUITE_P(
     , RunEnds,
-    testing::Values(
-        Ending{"AtOneCharacter", [](Process& child) { child.Write("x"); }},
-        Ending{"AtTheEndOfInput", [](Process& child) { child.CloseInput(); }},
-        Ending{"OnInterrupt", [](Process& child) { child.Send(Process::Signal::Interrupt); }},
-        Ending{"OnTerminate", [](Process& child) { child.Send(Process::Signal::Terminate); }}),
+    testing::Values(Ending{"AtOneCharacter", [](Process& child) { child.Write("x"); }},
+                    Ending{"AtTheEndOfInput", [](Process& child) { child.CloseInput(); }},
+                    Ending{"OnInterrupt", [](Process& child) { Interrupt(child.Id()); }},
+                    Ending{"OnTerminate", [](Process& child) { Terminate(child.Id()); }}),
     [](const auto& test) { return std::string(test.param.name); });
 
 // The failure of a stage stands in the log twice: behind the stage's words, and at the end of the
@@ -155,26 +154,6 @@ TEST_F(Run, GoesOnWithoutAnOutputWhosePortIsTaken) {
   emulator.Line("bind socket failed");
   EXPECT_EQ(emulator.LinesWith("bind socket failed").size(), 1u);
   controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
-}
-
-TEST_F(Run, WithoutAnInputStartsAndStopsAtOnce) {
-  EmulatorProcess emulator({UnitSpec{}});
-  emulator.Start({.withoutInput = true});
-  emulator.ExpectOrderlyEnd();
-  EXPECT_EQ(emulator.LinesWith(" Start OK").size(), 1u);
-  EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
-
-  emulator.Start({.withoutInput = true, .withoutOutput = true});
-  emulator.ExpectOrderlyEnd();
-}
-
-// Descriptor 1 must not become a socket that the log is then written to.
-TEST_F(Run, WithoutAnOutputServesAsEver) {
-  EmulatorProcess emulator({UnitSpec{}});
-  emulator.Start({.withoutOutput = true});
-  controller.Ask(emulator.Control(), "get_dev_info", "dev_info");
-  emulator.Stop();
-  EXPECT_EQ(Types(controller.Received()), std::vector<std::string>{"dev_info"});
 }
 
 TEST_F(Run, OutlivesTheReaderOfItsOutput) {
