@@ -66,7 +66,8 @@ int ProgramMain() {
   ConnectLogTo(&console);
   platform::BeginTimerPeriod();
 
-  // Nothing may pass: the log's writer still uses `console`.
+  // No exception may leave this function before the log is disconnected: the log's writer would go
+  // on calling `console`, which has gone by then.
   try {
     Run();
   } catch (const std::exception& e) {

@@ -163,12 +163,14 @@ void AudioCardEmu::OnSync(ISyncSource*, int64_t, uint32_t) {
   audio.SendAudio(inBufs_, kTickSamples);
 }
 
+// Allocates on the first tick alone; later ones find the buffer in its size. When memory runs out
+// in the middle, the exception ends this tick and the next one comes here again: so audioBuf_, whose
+// size says that all is done, grows after the two lists have their room.
 void AudioCardEmu::SizeAudioBuf() {
   const int32_t inputs = unitSettings_.GetInputCount();
   const int32_t outputs = unitSettings_.GetOutputCount();
   const size_t size = static_cast<size_t>(std::max(inputs, outputs)) * kPairSamples;
   if (audioBuf_.size() == size) return;
-  // The pointers' room first, so that a tick without memory leaves the next one to start over.
   outBufs_.reserve(static_cast<size_t>(outputs) * 2);
   inBufs_.reserve(static_cast<size_t>(inputs) * 2);
   audioBuf_.resize(size);

@@ -22,7 +22,7 @@ constexpr wchar_t kLeftAlone[] = L" is left as it is";
 // settings file, and is refused before it takes memory.
 constexpr size_t kMaxDepth = 100;
 
-// Hands the member to `take` if it is there. A failure tells which key it was: the words of the
+// Hands the member to `take` if it is there. A failure names the key: the words of the
 // JSON library alone would leave the user to search the file.
 template <typename Take>
 void TakeKey(const JSON::Value& in, const wchar_t* key, Take take) {
@@ -57,7 +57,7 @@ bool HasReadableText(double number) {
     JSON::Value again;
     JSON::ParsingBuilder builder(&again);
     JSON::Parser parser(&builder);
-    // Only the blank tells the parser that a number has ended.
+    // Only after the blank does the parser know that the number has ended.
     return JSON::ParseText(parser, value.ToWString() + L" ");
   } catch (const std::exception&) {
     return false;

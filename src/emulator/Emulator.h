@@ -30,7 +30,7 @@ class Emulator : public IJsonUdpReceiver {
 
   // In this order. A failed Init or Start has stopped what it had begun; where the system has no
   // room for a unit, the failure names the unit. Stop may come at any time
-  // and again; it ends all units, also behind one that fails, and returns the latest failure.
+  // and again; it ends all units, also after one that fails, and returns the latest failure.
   ErrInfo Init();
   ErrInfo Start();
   ErrInfo Stop();

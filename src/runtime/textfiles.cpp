@@ -131,7 +131,7 @@ Replaced TryReplace(const std::wstring& target, const char* data, size_t size, u
 
 }  // namespace
 
-// Its failures are named as those of WriteWholeFile: to who reads the log it is one thing.
+// Its failures are named as those of WriteWholeFile: for the reader of a log the two are one thing.
 ErrInfo ReplaceWholeFile(const wchar_t* path, const char* data, size_t size) {
   const FsRef fileSystem;
   IFS& files = *fileSystem.Get();
