@@ -164,8 +164,8 @@ void AudioCardEmu::OnSync(ISyncSource*, int64_t, uint32_t) {
 }
 
 // Allocates on the first tick alone; later ones find the buffer in its size. When memory runs out
-// in the middle, the exception ends this tick and the next one comes here again: so audioBuf_, whose
-// size says that all is done, grows after the two lists have their room.
+// in the middle, the exception ends this tick and the next one comes here again: so audioBuf_,
+// whose size says that all is done, grows after the two lists have their room.
 void AudioCardEmu::SizeAudioBuf() {
   const int32_t inputs = unitSettings_.GetInputCount();
   const int32_t outputs = unitSettings_.GetOutputCount();

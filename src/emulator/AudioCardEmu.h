@@ -3,8 +3,8 @@
 //
 // Threads: the main thread (Init, Start, Stop, destructor), the thread of `sync_` (OnSync), the
 // thread of `connect_` (OnMsgReceived), the worker of the control network (OnBroadcastMsg).
-// Lock: audioMutex_, the audio set-up against its users. OnSync must not take it: Stop holds it while
-// it waits for the last OnSync to return, and the two would wait for each other forever.
+// Lock: audioMutex_, the audio set-up against its users. OnSync must not take it: Stop holds it
+// while it waits for the last OnSync to return, and the two would wait for each other forever.
 #pragma once
 
 #include <functional>

@@ -23,7 +23,7 @@ class AudioCardEmuTest : public testing::Test {
   AudioCardEmuTest() { settings_.AddrStr = L"127.0.0.5"; }
 
   void Make(const UnitSettings& unit) {
-    ctlNet_ = nets_.Factory()(NetWorker::Own);
+    ctlNet_ = nets_.Make();
     unit_ = std::make_unique<AudioCardEmu>(ctlNet_.get(), nets_.Factory());
     ASSERT_TRUE(unit_->Init(settings_, unit).IsOk());
   }
@@ -39,7 +39,7 @@ class AudioCardEmuTest : public testing::Test {
   // Whether no packet comes while another unit's clock ticks ten times.
   bool IsSilent() {
     FakeNets nets;
-    const auto net = nets.Factory()(NetWorker::Own);
+    const auto net = nets.Make();
     AudioCardEmu metronome(net.get(), nets.Factory());
     EXPECT_TRUE(metronome.Init(settings_, UnitSettings()).IsOk());
     EXPECT_TRUE(metronome.Start().IsOk());
@@ -161,7 +161,7 @@ TEST_F(AudioCardEmuTest, OnlyTheFirstTickAllocates) {
       unit_->OnSync(nullptr, 0, 48000);
     const uint64_t ofUnit = AllocationCount() - before;
 
-    const auto net = nets_.Factory()(NetWorker::Own);
+    const auto net = nets_.Make();
     const std::unique_ptr<IRtpAudioManager> audio(IRtpAudioManager::Create(L"bare", net.get()));
     RtpManagerInfo info;
     info.SampleFreq = 48000;

@@ -38,15 +38,16 @@ class FakeNets {
   FakeNets() { Log().Allow(L"No ack received"); }
 
   Network::NetFactory Factory() {
-    return [this](Network::NetWorker) -> std::unique_ptr<Network::INetManager> {
-      if (made == room) throw std::system_error(kNoRoom, std::generic_category());
-      ++made;
-      auto net = std::make_shared<FakeNetManager>();
-      net->failPort = failPort;
-      net->onSent = [this](const SentDatagram& datagram) { Keep(datagram); };
-      nets_.push_back(net);
-      return std::make_unique<Lent>(net);
-    };
+    return [this](Network::NetWorker) { return Make(); };
+  }
+  std::unique_ptr<Network::INetManager> Make() {
+    if (made == room) throw std::system_error(kNoRoom, std::generic_category());
+    ++made;
+    auto net = std::make_shared<FakeNetManager>();
+    net->failPort = failPort;
+    net->onSent = [this](const SentDatagram& datagram) { Keep(datagram); };
+    nets_.push_back(net);
+    return std::make_unique<Lent>(net);
   }
 
   // The open sockets; of those on `port` there is one at most.

@@ -41,7 +41,7 @@ class Controller {
       const auto patience = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
       while (std::chrono::steady_clock::now() < patience) {
         if (TookAnswer()) return true;
-        arrived_->Wait(10);
+        waiter_->Wait(10);
       }
     }
     return false;
@@ -70,7 +70,8 @@ class Controller {
     }
   }
 
-  std::shared_ptr<platform::WakeSet> arrived_ = std::make_shared<platform::WakeSet>();
+  std::shared_ptr<platform::Waiter> waiter_ = std::make_shared<platform::Waiter>();
+  std::shared_ptr<platform::WakeSet> arrived_ = std::make_shared<platform::WakeSet>(waiter_);
   platform::Socket socket_;
   uint32_t number_ = 0;
 };
