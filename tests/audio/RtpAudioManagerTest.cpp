@@ -102,39 +102,6 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
 }
 
-TEST_F(RtpAudioManagerTest, ATickWithAPacketThatCanNotBeMadeSendsNothing) {
-  Network::RtpManagerInfo info;
-  info.SampleFreq = info.PacketSmplSize = 1;
-  info.SendChans = {{Addr(L"10.0.0.1:9000"), 100}, {Addr(L"10.0.0.1:9002"), 0}};
-  ASSERT_TRUE(manager_->Init(info).IsOk());
-  Buffers buffers(2);
-  manager_->SendAudio(buffers.pointers, kCount);
-  EXPECT_NE(Log().TryTake(L"Payload type is not audio"), L"");
-  EXPECT_TRUE(net_.Sock(0)->Sent().empty());
-}
-
-TEST_F(RtpAudioManagerTest, PassesThePositionsOfTheStreamOnAsItsOwn) {
-  class Target final : public Network::ISyncTarget {
-   public:
-    void OnSync(Network::ISyncSource* from, int64_t pos, uint32_t freq) override {
-      source = from;
-      positions.push_back(pos);
-      EXPECT_EQ(freq, 48000u);
-    }
-    Network::ISyncSource* source = nullptr;
-    std::vector<int64_t> positions;
-  } target;
-  manager_->AddTarget(&target);
-  Init(1, 0);
-  Deliver(0, 5, {});
-  EXPECT_EQ(target.positions, (std::vector<int64_t>{-1, 5}));
-  EXPECT_EQ(target.source, manager_.get());
-  EXPECT_TRUE(manager_->DelTarget(&target).IsOk());
-  manager_->DelTarget(&target);
-  EXPECT_NE(Log().TryTake(L"Sync target not found Method=Network::RtpAudioManager::DelTarget"),
-            L"");
-}
-
 TEST_F(RtpAudioManagerTest, ASlowTickIsLogged) {
   Init(1, 0);
   class SlowClock final : public platform::Clock {

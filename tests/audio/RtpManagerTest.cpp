@@ -196,21 +196,6 @@ TEST_F(RtpManagerTest, AChannelReportsWhatItsSocketCanNotDo) {
   EXPECT_NE(Log().TryTake(L"ErrStr=recv failed"), L"");
 }
 
-TEST_F(RtpManagerTest, EmptyPacketsAreReportedAndNotSent) {
-  Init(0, 1);
-  manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000"));
-  std::vector<RtpPacket> packets(1);
-  EXPECT_TRUE(manager_.SendPackets(packets).IsOk());
-  EXPECT_NE(Log().TryTake(L"ErrStr=Empty packet"), L"");
-  EXPECT_NE(Log().TryTake(L"ErrStr=Can not send empty packet"), L"");
-
-  Network::RtpSendChan channel(L"Send", &net_, {});
-  RtpPacket packet;
-  ASSERT_TRUE(packet.Create(100, 1).IsOk());
-  channel.Send(packet);
-  EXPECT_NE(Log().TryTake(L"ErrStr=Send address undefined"), L"");
-}
-
 TEST_F(RtpManagerTest, AFilterMayReplaceAPacket) {
   class Twice final : public Network::IRtpSendFilter {
    public:

@@ -153,21 +153,6 @@ TEST(RtpPacket, EveryCodeSurvivesALoopBackAndItsNeighboursAreCutOff) {
   }
 }
 
-TEST(RtpPacket, ChannelsInterleaveAndStrideSkips) {
-  const std::vector<float> source = {0.25f, 9, 9, -0.25f, 9, 9};
-  RtpPacket packet;
-  ASSERT_TRUE(packet.Create(101, 2).IsOk());
-  ASSERT_TRUE(packet.SetAudioPayloadChan(source.data(), 1, 3).IsOk());
-  const Bytes payload(packet.GetPayload(), packet.GetPayload() + packet.GetPayloadSize());
-  EXPECT_EQ(payload, (Bytes{0, 0, 0, 0x1F, 0xFF, 0xFF, 0, 0, 0, 0xE0, 0, 1}));
-
-  std::vector<float> got(3, 9);
-  ASSERT_TRUE(packet.GetAudioPayloadChan(got.data(), 1, 2).IsOk());
-  EXPECT_NEAR(got[0], 0.25f, 1e-6);
-  EXPECT_EQ(got[1], 9);
-  EXPECT_NEAR(got[2], -0.25f, 1e-6);
-}
-
 // A datagram may have any size. The bytes behind it belong to nobody and must not be looked at.
 TEST(RtpPacket, DatagramsOfOddSizes) {
   for (size_t size = 0; size < 12; ++size) {
@@ -186,30 +171,4 @@ TEST(RtpPacket, DatagramsOfOddSizes) {
   EXPECT_EQ(samples(1152, wire::kType48000), 192u);
   EXPECT_EQ(samples(1157, wire::kType44100), 192u);
   EXPECT_EQ(samples(1152, 99 << 1), 0u);
-}
-
-TEST(RtpPacket, FailuresTellThemselvesApart) {
-  float sample = 0;
-  RtpPacket empty;
-  EXPECT_EQ(empty.GetHeader().VersionAndFlags, 2);
-  EXPECT_EQ(empty.GetPayload(), nullptr);
-  EXPECT_EQ(empty.GetSmplCount(), 0u);
-  empty.SetHeader({});
-  EXPECT_NE(Log().TryTake(L"Network::RtpPacket::SetHeader"), L"");
-  empty.SetAudioPayloadChan(&sample, 0, 1);
-  EXPECT_NE(Log().TryTake(L"ErrStr=Empty packet"), L"");
-  empty.GetAudioPayloadChan(&sample, 0, 1);
-  EXPECT_NE(Log().TryTake(L"ErrStr=Empty packet"), L"");
-
-  RtpPacket other = Wrap(wire::MakeAudioDatagram(1, 2, 99 << 1, Bytes(6)));
-  other.SetAudioPayloadChan(&sample, 0, 1);
-  EXPECT_NE(Log().TryTake(L"Updefined payloadType"), L"");
-  other.GetAudioPayloadChan(&sample, 0, 1);
-  EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
-
-  RtpPacket audio = Wrap(wire::MakeAudioDatagram(1, 2, wire::kType48000, Bytes(6)));
-  audio.SetAudioPayloadChan(&sample, 2, 1);
-  audio.GetAudioPayloadChan(&sample, 2, 1);
-  EXPECT_EQ(Log().Count(L"Incorrect channel index"), 2u);
-  Log().Allow(L"Incorrect channel index");
 }
