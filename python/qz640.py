@@ -407,11 +407,16 @@ class Input:
 
         Raises ValueError on a name: units know none, and would switch the input off. Reads back what the unit made of it: it acknowledges and ignores what it can't take.
         """
+        self._set(destination)
+        now = self.destination
+        if now != destination:
+            raise Error(f"{self.unit} acknowledged {_text(destination)} as the destination of input"
+                        f" {self.index}, but that is {_text(now)}")
+
+    def _set(self, destination: Optional[Address]) -> None:
         changes = [""] * len(self.unit.inputs)
         changes[self.index] = _text(destination)
         self.unit._tell("set_inputs", inputs=changes)
-        if self.destination != destination:
-            raise Error(f"{self.unit} acknowledged {changes}, but didn't take it")
 
     def hear(self, seconds: float) -> Heard:
         """What the input sends in that time, without taking it from whoever gets it.
@@ -423,13 +428,13 @@ class Input:
         with Stream(_local_host(self.unit.address)) as stream:
             former = self.destination
             stream.pass_on = former
-            self.send_to(stream.address)
+            self._set(stream.address)  # somebody else may set another one at any time
             try:
                 stream.receive(seconds=2.0, packets=1)  # until the first one is here
                 heard = stream.receive(seconds)
             finally:
                 if self.destination == stream.address:
-                    self.send_to(former)
+                    self._set(former)
                 stream.receive(0.02)  # what was on its way
         return heard
 
