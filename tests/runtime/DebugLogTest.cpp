@@ -14,7 +14,6 @@
 #include "platform/thread.h"
 #include "runtime/ConsoleLog.h"
 #include "support/ManualClock.h"
-#include "support/System.h"
 
 namespace {
 
@@ -110,10 +109,11 @@ TEST_F(DebugLogTest, TheConsoleShowsWhatATerminalWouldObey) {
     log_->SetSniffer(nullptr);
     console.Sniff(L"alone");
   }
-  const std::string shown = FromConsole(testing::internal::GetCapturedStdout());
+  std::string shown = testing::internal::GetCapturedStdout();
+  std::erase(shown, '\r');  // lost on Windows, where it is read back as text
   EXPECT_EQ(shown.substr(37),
             "<\xEF\xBF\xBD>\\u001b\t\\u007f\\u0080\\u009f\xC2\xA0\\u061cx\\u200e\xE2\x80\xA7"
-            "\\u2028\\u202e\\u2066\\u2069\xE2\x81\xAA\r\n\nalone\n");
+            "\\u2028\\u202e\\u2066\\u2069\xE2\x81\xAA\n\nalone\n");
 }
 
 class ThrowingListener final : public IDebugLogSniffer {
