@@ -7,6 +7,7 @@ Called as: dissector_test.py QZ640CTL. Status 77 where tshark is missing or may 
 
 import json
 import pathlib
+import random
 import shutil
 import socket
 import subprocess
@@ -16,7 +17,7 @@ import time
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parent.parent
-HOST = "127.64.0.3"
+HOST = f"127.65.{random.randrange(250)}.{random.randrange(1, 250)}"  # the page's ports, and nobody else
 GAPS = [65534, 65535, 2, 1, 2, 40000]  # two lost, one late, one doubled, a new start
 
 COLUMNS = """frame.number udp.srcport udp.dstport udp.payload _ws.col.Protocol
