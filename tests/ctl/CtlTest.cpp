@@ -182,8 +182,13 @@ TEST(CtlPlay, SendsAtADriftingClock) {
   EXPECT_EQ(result.status, 0) << result.err;
   std::lock_guard lock(mutex);
   ASSERT_GE(times.size(), 245u);
-  const std::chrono::duration<double> span = times.back() - times.front();
-  EXPECT_NEAR(static_cast<double>(times.size() - 1) / span.count(), 275, 10);
+  // The middle one of all spans of 100 packets: the machine may stand still for some of them.
+  std::vector<Clock::duration> spans;
+  for (size_t i = 100; i < times.size(); ++i)
+    spans.push_back(times[i] - times[i - 100]);
+  const auto middle = spans.begin() + static_cast<ptrdiff_t>(spans.size() / 2);
+  std::nth_element(spans.begin(), middle, spans.end());
+  EXPECT_NEAR(100 / std::chrono::duration<double>(*middle).count(), 275, 10);
 }
 
 TEST(CtlUp, RunsACommandWithTheAddressesAndItsStatus) {
