@@ -171,8 +171,11 @@ void Doctor::CheckSettings(const Settings& settings) {
     }
     const wire::Model model = unit.Model();
     if (model.inputs + model.outputs == 0) {
-      Problem("settings", id + ": \"UnitType\" \"" + unit.type +
-                              "\" is neither QZ610 nor QZ820; the unit has no audio");
+      std::string known;
+      for (const wire::Model& each : wire::kModels)
+        known += (known.empty() ? "" : ", ") + std::string(each.name);
+      Problem("settings", id + ": \"UnitType\" \"" + unit.type + "\" is no model that is known (" +
+                              known + "); the unit has no audio");
     }
     ports_.emplace_back(id + " control", unit.controlPort);
     for (uint32_t i = 0; i < model.outputs; ++i) {
