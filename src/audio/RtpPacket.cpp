@@ -78,7 +78,7 @@ uint64_t RtpPacket::GetSmplCount() const {
   return IsAudioPayloadType(GetHeader().PayloadType()) ? GetPayloadSize() / kFrameBytes : 0;
 }
 
-// The misspelt texts of the next two tell the two operations apart in logs; they are relied on.
+// The misspelt texts of the next two distinguish the two operations in logs; they are relied on.
 ErrInfo RtpPacket::SetAudioPayloadChan(const float* source, uint32_t channel, uint32_t stride) {
   ErrInfo err = ERR_HERE("Network::RtpPacket::SetAudioPayloadChan");
   if (IsEmpty()) return err.SetText(L"Empty packet");

@@ -15,7 +15,7 @@ class INetManager;
 class IJsonUdpManager;
 struct JsonMsg;
 
-// What a manager or connection reports to. The first argument tells one source from another. A
+// What a manager or connection reports to. The first argument distinguishes the sources. A
 // manager calls on the NetManager's worker, where nothing may block; a connection calls on one of
 // the few threads that connections share, one call at a time, but for the OnError of its socket.
 // Not owned: stop the source before the receiver dies.

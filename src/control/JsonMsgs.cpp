@@ -53,7 +53,7 @@ void ReadValue(const JSON::Value& in, std::wstring& value) {
 }
 
 // An address, and a change of one, takes anything: what isn't a text reads as an empty one, so that
-// the elements behind it keep their places, which are the numbers of the inputs.
+// the elements after it keep their places, which are the numbers of the inputs.
 std::wstring TextOf(const JSON::Value& in) {
   return in.GetType() == JSON::String ? in.AsWString() : std::wstring();
 }

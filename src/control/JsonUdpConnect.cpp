@@ -14,8 +14,8 @@ namespace {
 
 constexpr char kSourceFile[] = "src\\JsonUdpConnect";
 
-// Nobody is left to be told: the failure dies here, which writes it to the log. The thread goes on
-// also when there is no memory for that.
+// Nobody is left to report to: the failure dies here, which writes it to the log. The thread goes
+// on also when there is no memory for that.
 void LogException(const char* what) noexcept {
   try {
     ERR_HERE("Network::JsonUdpConnect::Pass").SetText(what);
@@ -166,7 +166,7 @@ void JsonUdpConnect::Pass() {
       SetError(error.what());
     }
   } catch (const std::exception& error) {
-    LogException(error.what());  // of a receiver that failed again while it was told
+    LogException(error.what());  // of a receiver that failed again in OnError
   } catch (...) {
     LogException("Exception of an unknown type out of a receiver");
   }
@@ -214,7 +214,7 @@ void JsonUdpConnect::Transmit(const InternalMsg& transmit) {
 void JsonUdpConnect::DeliverSent() {
   const std::shared_ptr<JsonMsg> sent = sentQueue_.TryPop();
   if (!sent) return;
-  Wake();  // before the call, which may throw: more may wait behind this one
+  Wake();  // before the call, which may throw: more may wait after this one
   if (info_.Receiver) info_.Receiver->OnMsgSent(this, sent);
 }
 

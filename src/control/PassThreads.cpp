@@ -110,7 +110,7 @@ void PassThreads::Enqueue(Client& client) {
 }
 
 // This worker comes back when the pass is over, and takes what the pass itself gave cause for. What
-// can't wait that long needs another worker: the clients behind this one, and those that become
+// can't wait that long needs another worker: the clients after this one, and those that become
 // due.
 void PassThreads::RunPass(std::unique_lock<std::mutex>& lock) {
   Client& client = *queue_.front();

@@ -48,7 +48,7 @@ class KeyIndex {
 
  private:
   struct Entry {
-    uint64_t head;  // the first four code units: they alone tell most keys apart
+    uint64_t head;  // the first four code units: they alone distinguish most keys
     size_t begin;   // in List::texts
     size_t size;
     uint64_t index;

@@ -64,7 +64,7 @@ class IParser : public Parse::IGenericCharParser {
 
 class Parser;
 
-// Feeds `text` until a root value is complete; what stands behind it isn't looked at. False when
+// Feeds `text` until a root value is complete; what follows it isn't looked at. False when
 // the text ends before that or an error was reported. A root that is a number needs a character
 // behind it. Throws what the callback throws.
 bool ParseText(IParser& parser, const std::wstring& text);

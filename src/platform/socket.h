@@ -43,7 +43,7 @@ class Socket {
   SocketResult OpenUdp();
   SocketResult OpenTcp();
 
-  // Harmless on a closed socket. Another thread may still be told of events by the wake set; they
+  // Harmless on a closed socket. Another thread may still get events from the wake set; they
   // are forgotten.
   void Close();
 
@@ -105,8 +105,8 @@ class Socket {
   SocketResult RecvFrom(void* data, size_t capacity, SocketAddress* from);
 
   // On a stream: takes all bytes, or answers would-block. After would-block the system may have
-  // taken a part: SendUnfinished tells it. The next Send must then bring the same bytes again; it
-  // goes on behind that part, so nothing is lost, doubled or torn.
+  // taken a part: SendUnfinished says so. The next Send must then bring the same bytes again; it
+  // goes on after that part, so nothing is lost, doubled or torn.
   SocketResult Send(const void* data, size_t size);
   bool SendUnfinished() const;
 

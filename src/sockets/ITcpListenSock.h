@@ -10,9 +10,9 @@ namespace Network {
 
 class ITcpListenSock;
 
-// What a listening socket tells its user, on the worker thread of the socket's manager. A callback
-// must not block; it may use both sockets in every way. The socket holds a plain pointer: close the
-// socket before the receiver dies.
+// What a listening socket reports to its user, on the worker thread of the socket's manager. A
+// callback must not block; it may use both sockets in every way. The socket holds a plain pointer:
+// close the socket before the receiver dies.
 class ITcpListenReceiver {
  public:
   // A new connection: gives the receiver that serves it from now on, or null to refuse it.

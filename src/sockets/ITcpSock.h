@@ -12,16 +12,16 @@ namespace Network {
 
 class ITcpSock;
 
-// What a stream socket tells its user, on the worker thread of the socket's manager. A callback
-// must not block; it may use the socket in every way, Destroy included. The socket holds a plain
-// pointer: close the socket before the receiver dies.
+// What a stream socket reports to its user, on the worker thread of the socket's manager. A
+// callback must not block; it may use the socket in every way, Destroy included. The socket holds a
+// plain pointer: close the socket before the receiver dies.
 class ITcpReceiver {
  public:
   // The connection that Open has made is being served now. Never comes for an accepted one.
   virtual void OnConnected(ITcpSock* sock) = 0;
 
   // Bytes from the peer, the packet's size many; their division into packets means nothing. A size
-  // of 0 tells that the peer has closed. True: the receiver keeps the packet. False: the socket
+  // of 0 says that the peer has closed. True: the receiver keeps the packet. False: the socket
   // receives into the same packet again.
   virtual bool OnData(ITcpSock* sock, std::shared_ptr<Packet>& packet) = 0;
 

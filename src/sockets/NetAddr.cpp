@@ -10,7 +10,7 @@ bool IsDigit(wchar_t c) {
   return c >= L'0' && c <= L'9';
 }
 
-// Reads one to `maxDigits` decimal digits at `text`, up to `maxValue`, and moves `text` behind
+// Reads one to `maxDigits` decimal digits at `text`, up to `maxValue`, and moves `text` past
 // them. False when they don't fit.
 bool ReadNumber(const wchar_t*& text, int maxDigits, uint32_t maxValue, uint32_t* value) {
   int digits = 0;
@@ -22,7 +22,7 @@ bool ReadNumber(const wchar_t*& text, int maxDigits, uint32_t maxValue, uint32_t
   return digits > 0 && *value <= maxValue;
 }
 
-// Reads a.b.c.d at `text` and moves `text` behind it. A part with a leading zero is refused: other
+// Reads a.b.c.d at `text` and moves `text` past it. A part with a leading zero is refused: other
 // programs take it for octal.
 bool ReadAddress(const wchar_t*& text, uint8_t (&address)[4]) {
   for (size_t i = 0; i < 4; ++i) {
@@ -60,7 +60,7 @@ bool NetAddr::SetFromText(const wchar_t* text) {
 }
 
 bool NetAddr::SetFromText(const std::wstring& text) {
-  // Nothing may stand behind the address, and so nothing behind a NUL either.
+  // Nothing may follow the address, and so nothing may follow a NUL either.
   return SetFromText(text.find(L'\0') == std::wstring::npos ? text.c_str() : nullptr);
 }
 

@@ -26,7 +26,7 @@ class NetAddr {
   bool SetFromText(const wchar_t* text);
   bool SetFromText(const std::wstring& text);
 
-  // Takes a.b.c.d, ignoring text behind the address such as a colon and a port, and the low 16 bits
+  // Takes a.b.c.d, ignoring text after the address such as a colon and a port, and the low 16 bits
   // of `port` (host order). Failure and result as above.
   bool SetFromTextAndPort(const wchar_t* text, uint32_t port);
   bool SetFromTextAndPort(const std::wstring& text, uint32_t port);

@@ -70,7 +70,7 @@ class Output {
 // Columns padded to the widest cell. Painted cells are as wide as they look.
 std::string FormatTable(const std::vector<std::vector<std::string>>& rows);
 
-// "12.5 %", "-18.2 dB" and the like: `value` with `decimals` digits behind the point, whatever the
+// "12.5 %", "-18.2 dB" and the like: `value` with `decimals` digits after the point, whatever the
 // locale.
 std::string FormatNumber(double value, int decimals);
 

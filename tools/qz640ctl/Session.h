@@ -1,5 +1,5 @@
 // What all commands share: the options of each, the loop and link to the units, finding a unit,
-// borrowing an input, and how what goes wrong is told.
+// borrowing an input, and how what goes wrong is reported.
 #pragma once
 
 #include <exception>

@@ -74,7 +74,7 @@ void LossyRelay::Stop() {
   wake_.Set();
   if (thread_.joinable()) thread_.join();
   // Closed before the flows are taken, and without the lock that its callback takes: no flow is
-  // added behind this.
+  // added after this.
   if (listening) listening->Destroy();
 
   std::vector<std::unique_ptr<Flow>> flows;

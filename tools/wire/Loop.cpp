@@ -160,7 +160,7 @@ struct Timer::Impl : std::enable_shared_from_this<Timer::Impl> {
   Impl(Loop& owner, std::function<void()> called)
       : timer(owner.Inner().context), handler(std::move(called)) {}
 
-  // A callback may be on its way already when the time is changed: the number tells it that it is
+  // A callback may be on its way already when the time is changed: the number shows it that it is
   // the old one's.
   void Set(Clock::time_point time) {
     timer.expires_at(time);

@@ -44,7 +44,7 @@ class StreamStats {
   double TakePeak(int channel);
 
  private:
-  // How many of the latest numbers are remembered, to tell late packets from duplicates.
+  // How many of the latest numbers are remembered, to distinguish late packets from duplicates.
   static constexpr size_t kWindow = 2048;
 
   int64_t PlaceOf(uint16_t sequence);

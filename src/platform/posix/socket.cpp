@@ -71,7 +71,7 @@ SocketResult ReceiveDatagram(int fd, void* data, size_t capacity, SocketAddress*
   sockaddr_in sender{};
   socklen_t length = sizeof sender;
   const ssize_t count = Uninterrupted([&] {
-    // With MSG_TRUNC the system tells the datagram's true length, otherwise it cuts in silence.
+    // With MSG_TRUNC the system reports the datagram's true length, otherwise it cuts in silence.
     return recvfrom(fd, data, capacity, MSG_TRUNC, reinterpret_cast<sockaddr*>(&sender), &length);
   });
   if (count > 0 && static_cast<size_t>(count) > capacity) return Failure(EMSGSIZE);
@@ -92,7 +92,7 @@ struct Socket::Impl {
   Kind kind = Kind::Datagram;
   WatchedDescriptor main;
 
-  // A datagram socket bound to one interface's address hears no broadcast here, other than on
+  // A datagram socket bound to one interface's address hears no broadcast here, unlike on
   // Windows. So these stand beside it, bound to the interface's broadcast address and to
   // 255.255.255.255. They only receive: exactly the broadcasts, while `main` gets the rest.
   std::array<WatchedDescriptor, 2> companions;
@@ -247,11 +247,12 @@ SocketResult Socket::Accept(Socket* connection) {
   int fd = -1;
   do {
     fd = accept4(main.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    // One that was given up while it waited says nothing about those behind it.
+    // One that was given up while it waited says nothing about those after it.
   } while (fd == -1 && (errno == EINTR || errno == ECONNABORTED));
   if (fd == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Failure(errno);
   const SocketResult result = fd == -1 ? Failure(errno) : SocketResult();
-  main.ready.fetch_or(ready | EPOLLIN);  // there may be more, and the system doesn't tell again
+  main.ready.fetch_or(ready |
+                      EPOLLIN);  // there may be more, and the system doesn't report it again
   if (fd == -1) return result;
   connection->Close();
   connection->impl_->kind = Impl::Kind::Stream;
@@ -329,13 +330,13 @@ SocketResult Socket::RecvFrom(void* data, size_t capacity, SocketAddress* from) 
   WatchedDescriptor* const descriptors[] = {&impl_->main, &impl_->companions[0],
                                             &impl_->companions[1]};
   constexpr size_t kCount = std::size(descriptors);
-  // First those that the wake set has told of; all of them only when that was in vain.
-  for (const bool told : {true, false}) {
+  // First those that the wake set has reported; all of them only when that was in vain.
+  for (const bool reported : {true, false}) {
     for (size_t i = 0; i < kCount; ++i) {
       const size_t turn = (impl_->nextTurn + i) % kCount;
       WatchedDescriptor& descriptor = *descriptors[turn];
       if (turn != 0 && descriptor.fd == -1) continue;
-      if ((descriptor.ready.exchange(0) != 0) != told) continue;
+      if ((descriptor.ready.exchange(0) != 0) != reported) continue;
       const SocketResult result = ReceiveDatagram(descriptor.fd, data, capacity, from);
       if (result.wouldBlock) continue;
       impl_->nextTurn = (turn + 1) % kCount;
