@@ -154,7 +154,8 @@ TEST(EmuSettings, FileIsWrittenOnlyWhenItChanges) {
   ASSERT_TRUE(settings.ToFile(file.Path()).IsOk());
   EXPECT_EQ(std::filesystem::last_write_time(file.NativePath()), longAgo);
 
-  file.Write(std::string(5000, ' ') + kDefaultUnitFile);
+  std::string padded(5000, ' ');
+  file.Write(padded += kDefaultUnitFile);
   ASSERT_TRUE(settings.ToFile(file.Path()).IsOk());
   EXPECT_EQ(file.Read(), kDefaultUnitFile);
   EXPECT_EQ(file.Strays(), 0u);
