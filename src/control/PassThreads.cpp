@@ -21,6 +21,11 @@ uint32_t MillisecondsUntil(int64_t due, int64_t now) {
 
 }  // namespace
 
+PassThreads::Client::Client(std::function<int64_t()> pass) : pass_(std::move(pass)) {
+  Dues one{{kNever, this}};
+  dueNode_ = one.extract(one.begin());
+}
+
 std::shared_ptr<PassThreads> PassThreads::OfProcess() {
   static std::mutex lock;
   static std::weak_ptr<PassThreads> current;
@@ -54,6 +59,7 @@ void PassThreads::Add(Client& client) {
 }
 
 void PassThreads::StartWorker() {
+  idle_.reserve(kMostThreads);
   auto worker = std::make_unique<Worker>();
   Worker& self = *worker;
   workers_.push_back(std::move(worker));
@@ -70,8 +76,10 @@ void PassThreads::Remove(Client& client) {
   if (client.state_ == Client::State::Away) return;
   client.leaving_ = true;
   passEnded_.wait(lock, [&] { return client.state_ != Client::State::Running; });
-  dues_.erase({client.due_, &client});
-  std::erase(queue_, &client);
+  LeaveDues(client);
+  if (client.state_ == Client::State::Queued) {
+    client.turn_.splice(client.turn_.end(), queue_, std::ranges::find(queue_, &client));
+  }
   client.state_ = Client::State::Away;
   --clients_;
 }
@@ -104,9 +112,14 @@ void PassThreads::QueueDueClients() {
 }
 
 void PassThreads::Enqueue(Client& client) {
-  dues_.erase({client.due_, &client});
+  LeaveDues(client);
   client.state_ = Client::State::Queued;
-  queue_.push_back(&client);
+  queue_.splice(queue_.end(), client.turn_);
+}
+
+void PassThreads::LeaveDues(Client& client) {
+  const auto due = dues_.find({client.due_, &client});
+  if (due != dues_.end()) client.dueNode_ = dues_.extract(due);
 }
 
 // This worker comes back when the pass is over, and takes what the pass itself gave cause for. What
@@ -114,7 +127,7 @@ void PassThreads::Enqueue(Client& client) {
 // due.
 void PassThreads::RunPass(std::unique_lock<std::mutex>& lock) {
   Client& client = *queue_.front();
-  queue_.pop_front();
+  client.turn_.splice(client.turn_.end(), queue_, queue_.begin());
   client.state_ = Client::State::Running;
   client.again_ = false;
   if (!queue_.empty() || !IsNextDueLookedAfter()) WakeOneWorker();
@@ -128,7 +141,8 @@ void PassThreads::RunPass(std::unique_lock<std::mutex>& lock) {
   } else if (client.again_) {
     Enqueue(client);
   } else if (due != kNever) {
-    dues_.emplace(due, &client);
+    client.dueNode_.value() = {due, &client};
+    dues_.insert(std::move(client.dueNode_));
   }
 }
 

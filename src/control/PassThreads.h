@@ -4,15 +4,17 @@
 // A client is something that makes one short pass when it is woken or its time has come. Its passes
 // never overlap, and they start in the order in which they became due, on whichever thread is free.
 // So a pass that takes long (a unit that restarts its audio) keeps one thread busy, and the others
-// go on. Default priority. lock_ guards everything and isn't held during a pass.
+// go on. Default priority. lock_ guards everything and isn't held during a pass. The threads ask
+// for no memory: an exception on one of them would end the process, so each client brings its
+// places in the lists along.
 #pragma once
 
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <limits>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -26,6 +28,12 @@ namespace Network {
 
 class PassThreads {
  public:
+  class Client;
+
+ private:
+  using Dues = std::set<std::pair<int64_t, Client*>>;
+
+ public:
   static constexpr size_t kMostThreads = 4;
 
   // Nothing to do before it is woken.
@@ -34,7 +42,7 @@ class PassThreads {
   class Client {
    public:
     // `pass` throws nothing and returns when the next pass is due (ClockTicks100ns).
-    explicit Client(std::function<int64_t()> pass) : pass_(std::move(pass)) {}
+    explicit Client(std::function<int64_t()> pass);
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
@@ -47,6 +55,8 @@ class PassThreads {
     bool again_ = false;    // woken while it ran
     bool leaving_ = false;  // Remove waits for the end of its pass
     int64_t due_ = kNever;
+    std::list<Client*> turn_{this};  // its place in queue_, unless it stands there
+    Dues::node_type dueNode_;        // its place in dues_, unless it stands there
   };
 
   // The ones of this process: made for the first who asks, ended with the last who lets go. Not to
@@ -80,6 +90,7 @@ class PassThreads {
   void Run(Worker& self);
   void QueueDueClients();
   void Enqueue(Client& client);
+  void LeaveDues(Client& client);
   void RunPass(std::unique_lock<std::mutex>& lock);
   void WaitForWork(std::unique_lock<std::mutex>& lock, Worker& self);
   bool IsNextDueLookedAfter() const;
@@ -87,8 +98,8 @@ class PassThreads {
 
   std::mutex lock_;
   std::condition_variable passEnded_;
-  std::deque<Client*> queue_;
-  std::set<std::pair<int64_t, Client*>> dues_;  // of the resting clients that have one
+  std::list<Client*> queue_;
+  Dues dues_;  // of the resting clients that have one
   size_t clients_ = 0;
   std::vector<std::unique_ptr<Worker>> workers_;
   std::vector<Worker*> idle_;
