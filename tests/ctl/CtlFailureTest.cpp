@@ -49,7 +49,7 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
     EXPECT_EQ(result.status, failure.status) << failure.says << result.err;
     EXPECT_NE(result.err.find(failure.says), std::string::npos) << result.err;
     ASSERT_EQ(result.Objects().size(), 1u) << result.out;
-    EXPECT_NE(result.Objects()[0]["error"].string.find(failure.says), std::string::npos);
+    EXPECT_NE(TextAt(result.Objects()[0], "error").find(failure.says), std::string::npos);
   }
 
   const struct {
@@ -71,7 +71,7 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"up", "--emulator", QZ_CTL}, 1, "--show-log"},
       {{"up", "--units", ",", "--emulator", QZ_EMULATOR}, 2, "2xQZ820,QZ610"},
       {{"up", "--emulator", QZ_EMULATOR, "--", "no-such-command"}, 2, "in PATH"},
-      {{"up", "--addr", emulator_.Discovery().ip, "--port", port, "--emulator", QZ_EMULATOR},
+      {{"up", "--addr", emulator_.Discovery().Ip(), "--port", port, "--emulator", QZ_EMULATOR},
        4,
        "is taken"},
   };

@@ -12,8 +12,7 @@
 #include "support/EmulatorProcess.h"
 #include "support/Process.h"
 #include "support/System.h"
-#include "support/WireAudio.h"
-#include "support/WireJson.h"
+#include "wire/Link.h"
 
 namespace wire {
 
@@ -27,7 +26,7 @@ struct Result {
     std::vector<Json> objects;
     for (size_t begin = 0; begin < out.size();) {
       const size_t end = std::min(out.find('\n', begin), out.size());
-      objects.push_back(Json::Parse(out.substr(begin, end - begin)));
+      objects.push_back(Json::parse(out.substr(begin, end - begin)));
       begin = end + 1;
     }
     return objects;
@@ -35,8 +34,9 @@ struct Result {
 };
 
 inline Result ResultOf(Process& child) {
+  TestLoop().RunUntil([&child] { return child.HasEnded(); }, kPatience);
   Result result;
-  result.status = child.WaitExit().value_or(-1);
+  result.status = child.WaitExit(std::chrono::seconds(5)).value_or(-1);
   result.out = FromConsole(child.Output());
   result.err = FromConsole(child.ErrorOutput());
   return result;
@@ -101,7 +101,7 @@ class CtlTest : public testing::Test {
   Result Run(const std::vector<std::string>& arguments) const { return Ctl(WithTo(arguments)); }
 
   std::string Destination(const std::string& unit, size_t input) const {
-    return Run({"inputs", unit, "--json"}).Objects().at(input)["destination"].string;
+    return Run({"inputs", unit, "--json"}).Objects().at(input)["destination"];
   }
 
   EmulatorProcess emulator_;

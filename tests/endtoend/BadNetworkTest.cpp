@@ -3,89 +3,67 @@
 
 #include "badnetwork/RunSeed.h"
 #include "endtoend/EndToEnd.h"
-#include "platform/text.h"
-#include "relay/LossyRelay.h"
-#include "sockets/INetManager.h"
+#include "wire/Relay.h"
 
 namespace {
 
-using relay::LinkFaults;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
-class BadNetwork : public EndToEnd {
- protected:
-  // A relay on this port of the test's address.
-  struct Relay {
-    Relay(uint16_t port, const wire::Endpoint& target, const LinkFaults& faults)
-        : front{wire::OwnAddress(), port} {
-      EXPECT_TRUE(relay.Start({AddrOf(front), AddrOf(target), RunSeed(), port, faults}).IsOk());
-    }
-
-    static Network::NetAddr AddrOf(const wire::Endpoint& endpoint) {
-      Network::NetAddr addr;
-      EXPECT_TRUE(addr.SetFromText(platform::Utf8ToWideLossy(endpoint.ToText())));
-      return addr;
-    }
-
-    const wire::Endpoint front;
-    std::unique_ptr<Network::INetManager> net = Network::INetManager::Create();
-    relay::LossyRelay relay{net.get()};
-  };
-};
+class BadNetwork : public EndToEnd {};
 
 TEST_F(BadNetwork, ControlSurvivesAndHeals) {
   EmulatorProcess emulator({UnitSpec{.type = "QZ820"}});
   emulator.StartAndWait();
   emulator.Allow("No ack received");
   emulator.Allow("Bad message received");
-  Relay relay(9500, emulator.Control(), {40, 10, 10, 20, 1, 20});
-  wire::Controller far(wire::OwnAddress());  // what it gets may be damaged
+  wire::Relay relay(loop, {here, emulator.Control(), RunSeed(), 0, {40, 10, 10, 20, 1, 20}});
+  wire::Link far(loop, here);  // what it gets may be damaged
   for (int i = 0; i < 60; ++i) {
-    far.Send(relay.front, "get_inputs");
-    far.Take("inputs", relay.front, milliseconds(50));
+    far.Send(relay.Local(), "get_inputs");
+    far.Take("inputs", relay.Local(), milliseconds(50));
   }
-  relay.relay.SetFaults({});
+  relay.SetFaults({});
   std::optional<wire::Message> answer;
-  const auto healed = steady_clock::now();
+  const auto healed = wire::Clock::now();
   for (int i = 0; i < 20 && !answer; ++i) {
-    far.Send(relay.front, "get_fm_freq");
-    answer = far.Take("fm_freq", relay.front, milliseconds(300));
+    far.Send(relay.Local(), "get_fm_freq");
+    answer = far.Take("fm_freq", relay.Local(), milliseconds(300));
   }
   EXPECT_TRUE(answer);
   // For a machine that is busy with other things; the promise, a second, is held in virtual time.
-  EXPECT_LT(steady_clock::now() - healed, std::chrono::seconds(5));
-  EXPECT_GT(relay.relay.CountsBack().taken, 60U) << "hardly any traffic";
+  EXPECT_LT(wire::Clock::now() - healed, std::chrono::seconds(5));
+  EXPECT_GT(relay.CountsBack().taken, 60U) << "hardly any traffic";
 }
 
 // Out and back through one bad network each: what arrives is what was sent, or silence.
 TEST_F(BadNetwork, DeliveredAudioIsRight) {
   EmulatorProcess emulator({UnitSpec{}});
   emulator.StartAndWait();
-  const LinkFaults faults{20, 20, 20, 0, 2, 6};
-  wire::StreamReceiver receiver(wire::OwnAddress());
-  Relay out(9500, emulator.Control(2), faults);
-  Relay back(9501, receiver.Local(), faults);
-  wire::StreamSender sender(wire::OwnAddress(), out.front);
-  controller.Tell(emulator.Control(), "set_inputs", Inputs({back.front.ToText()}));
+  const wire::LinkFaults faults{20, 20, 20, 0, 2, 6};
+  wire::AudioReceiver receiver(loop, here);
+  wire::UdpPort sender(loop, here, nullptr);
+  wire::Relay out(loop, {here, emulator.Control(2), RunSeed(), 1, faults});
+  wire::Relay back(loop, {here, receiver.Local(), RunSeed(), 2, faults});
+  SetInputs(emulator.Control(), {back.Local().ToText()});
 
-  const wire::Bytes silence(wire::kPayloadSize);
-  uint16_t number = 0;
+  int number = 0;
   size_t seen = 0;
   int sounding = 0;
   // Each packet that comes back asks for the next.
-  EXPECT_TRUE(receiver.Wait([&](const std::vector<wire::AudioPacket>& packets) {
-    sender.Send(number, wire::PatternPayload(number));
-    ++number;
-    for (; seen < packets.size(); ++seen) {
-      const wire::Bytes& payload = packets[seen].payload;
-      if (payload == silence) continue;
-      ++sounding;
-      EXPECT_LT(wire::MarkOf(payload).value_or(number), number) << "something that wasn't sent";
-    }
-    return sounding >= 300;
-  }));
-  controller.Tell(emulator.Control(), "set_inputs", Inputs({"off"}));
+  EXPECT_TRUE(loop.RunUntil(
+      [&] {
+        for (; seen < receiver.Packets().size(); ++seen) {
+          sender.Send(Packet(number, wire::Pattern(number)), out.Local());
+          ++number;
+          const wire::Frames audio = receiver.Packets()[seen].Audio();
+          if (audio == kSilence) continue;
+          ++sounding;
+          EXPECT_LT(wire::MarkOf(audio).value_or(number), number) << "something that wasn't sent";
+        }
+        return sounding >= 300;
+      },
+      kPatience));
+  SetInputs(emulator.Control(), {"off"});
 }
 
 }  // namespace

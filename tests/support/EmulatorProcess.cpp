@@ -8,8 +8,7 @@
 #include <regex>
 #include <sstream>
 
-#include "support/System.h"
-#include "support/WireJson.h"
+#include "wire/Message.h"
 
 namespace {
 
@@ -40,22 +39,31 @@ files::path ExecutableIn(const files::path& folder) {
   return own;
 }
 
+std::string Quoted(const std::string& text) {
+  return wire::ToText(text);
+}
+
 std::string TextOf(const std::string& line) {
   return line.size() > kPrefixLength ? line.substr(kPrefixLength) : line;
 }
 
 }  // namespace
 
+wire::Loop& TestLoop() {
+  static wire::Loop loop;
+  return loop;
+}
+
 std::string SettingsText(const std::string& address, int basePort, int broadcastPort,
                          const std::vector<UnitSpec>& units) {
-  std::string text = R"({"AddrStr":)" + wire::Quoted(address) + R"(,"BasePort":)" +
+  std::string text = R"({"AddrStr":)" + Quoted(address) + R"(,"BasePort":)" +
                      std::to_string(basePort) + R"(,"BroadcastPort":)" +
                      std::to_string(broadcastPort);
   std::string separator = R"(,"units":[)";
   for (const UnitSpec& unit : units) {
     text += separator + R"({"Mode":)" + std::to_string(unit.mode) + R"(,"SampleFreq":)" +
             std::to_string(unit.sampleFreq) + R"(,"Speed":)" + unit.speed + R"(,"UnitId":)" +
-            wire::Quoted(unit.id) + R"(,"UnitType":)" + wire::Quoted(unit.type) + "}";
+            Quoted(unit.id) + R"(,"UnitType":)" + Quoted(unit.type) + "}";
     separator = ",";
   }
   return text + (units.empty() ? "}" : "]}");
@@ -70,7 +78,7 @@ EmulatorProcess::EmulatorProcess(const std::vector<UnitSpec>& units, int basePor
     : EmulatorProcess() {
   basePort_ = basePort;
   broadcastPort_ = broadcastPort;
-  WriteSettings(SettingsText(wire::OwnAddress(), basePort, broadcastPort, units));
+  WriteSettings(SettingsText(OwnAddress(), basePort, broadcastPort, units));
 }
 
 EmulatorProcess::~EmulatorProcess() {
@@ -121,8 +129,13 @@ std::string EmulatorProcess::Line(const std::string& part) {
   auto next = std::find_if(searched_.begin(), searched_.end(),
                            [&](const auto& entry) { return entry.first == part; });
   if (next == searched_.end()) next = searched_.insert(searched_.end(), {part, 0});
-  const auto found = child_->WaitLine(part, next->second);
-  if (!found) {
+  std::optional<Process::Line> found;
+  const auto look = [&](Process::Clock::duration patience) {
+    found = child_->WaitLine(part, next->second, patience);
+    return found.has_value();
+  };
+  TestLoop().RunUntil([&] { return look({}) || child_->HasEnded(); }, kPatience);
+  if (!found && !look(std::chrono::seconds(1))) {
     ADD_FAILURE() << "no line with \"" << part << "\" in:\n"
                   << child_->Output() << child_->ErrorOutput();
     return {};
@@ -156,7 +169,8 @@ void EmulatorProcess::Stop() {
 }
 
 void EmulatorProcess::ExpectOrderlyEnd() {
-  const std::optional<int> status = child_->WaitExit();
+  TestLoop().RunUntil([this] { return child_->HasEnded(); }, kPatience);
+  const std::optional<int> status = child_->WaitExit(std::chrono::seconds(5));
   if (!status) {
     ADD_FAILURE() << "the emulator doesn't end; so far it wrote:\n" << child_->Output();
     child_->Kill();
@@ -183,9 +197,9 @@ void EmulatorProcess::CheckLog() const {
 }
 
 wire::Endpoint EmulatorProcess::Control(int portOffset) const {
-  return {wire::OwnAddress(), static_cast<uint16_t>(basePort_ + portOffset)};
+  return {OwnAddress(), static_cast<uint16_t>(basePort_ + portOffset)};
 }
 
 wire::Endpoint EmulatorProcess::Discovery() const {
-  return {wire::OwnAddress(), static_cast<uint16_t>(broadcastPort_)};
+  return {OwnAddress(), static_cast<uint16_t>(broadcastPort_)};
 }

@@ -12,7 +12,15 @@
 #include <vector>
 
 #include "support/Process.h"
-#include "support/WireSocket.h"
+#include "support/System.h"
+#include "wire/Loop.h"
+
+// How long a test waits for what has to come. Generous, as nobody waits that long when all is well.
+constexpr auto kPatience = std::chrono::seconds(30);
+
+// What a test has on the wire runs on this loop, also while it waits for the emulator to say
+// something or to end.
+wire::Loop& TestLoop();
 
 struct UnitSpec {
   std::string type = "QZ610";

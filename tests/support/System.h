@@ -2,6 +2,7 @@
 // are named for their system, so that every test is the same everywhere.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 // A number that no other process has now, for addresses and names of a test's own.
@@ -26,4 +27,19 @@ std::string FromConsole(const std::string& bytes);
 // under Wine.
 inline double TimeFactor() {
   return UnderWine() ? 5 : 1;
+}
+
+// A loopback address that no test process beside this one uses.
+inline std::string OwnAddress() {
+  // Wine binds a datagram socket on any other loopback address to all addresses, and then sends
+  // from this one. The tests with ports of their own run one after the other there.
+  if (UnderWine()) return "127.0.0.1";
+  const auto id = static_cast<uint32_t>(OwnProcessId());
+  return "127." + std::to_string(1 + (id >> 16) % 200) + "." + std::to_string((id >> 8) & 0xFF) +
+         "." + std::to_string(id & 0xFF);
+}
+
+// A port for everything that hears broadcasts, where the address alone doesn't tell tests apart.
+inline uint16_t OwnBroadcastPort() {
+  return static_cast<uint16_t>(20000 + OwnProcessId() % 10000);
 }

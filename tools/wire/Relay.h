@@ -19,7 +19,7 @@ struct RelayInfo {
   Endpoint target;
   uint64_t seed = 1;  // the same for several relays: they decide differently, by `number`
   uint64_t number = 0;
-  LinkFaults faults;  // of both directions
+  LinkFaults faults{};  // of both directions
 };
 
 // A datagram that goes on its way.
