@@ -136,7 +136,9 @@ bool TcpSock::TrySendAndReceive() {
 
   // Without the socket's lock, so that the receiver may use the socket.
   if (!turn.receiver) {
-    // Such a socket counts as idle. What is left of its work must not wait for the next event.
+    // A socket without a receiver answers false, also when it did work. False lets the worker sleep
+    // until the next event, and none may come: a stream that can be written to all the time reports
+    // that once. With ten packets queued, nine would stay. So the worker wakes itself.
     if (turn.busy) event_->Signal();
     return false;
   }

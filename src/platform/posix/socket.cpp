@@ -251,8 +251,8 @@ SocketResult Socket::Accept(Socket* connection) {
   } while (fd == -1 && (errno == EINTR || errno == ECONNABORTED));
   if (fd == -1 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Failure(errno);
   const SocketResult result = fd == -1 ? Failure(errno) : SocketResult();
-  main.ready.fetch_or(ready |
-                      EPOLLIN);  // there may be more, and the system doesn't report it again
+  // There may be more, and the system doesn't report it again.
+  main.ready.fetch_or(ready | EPOLLIN);
   if (fd == -1) return result;
   connection->Close();
   connection->impl_->kind = Impl::Kind::Stream;
@@ -288,7 +288,8 @@ Socket::Events Socket::Pending() {
     result.error = EBADF;
     return result;
   }
-  // Taken back by RecvFrom and Accept.
+  // Of datagrams and listeners the bits in `ready` stay here: RecvFrom and Accept clear them when
+  // they look whether something is there, so a report that nobody acts on isn't lost.
   if (impl_->kind == Impl::Kind::Datagram) {
     if (MayHavePending()) result.events = kSocketRead;
     return result;
