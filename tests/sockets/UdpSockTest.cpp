@@ -222,7 +222,7 @@ TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
       std::this_thread::yield();
       EXPECT_FALSE(closed) << "Close didn't wait";
     }
-    void OnError(IUdpSock*, ErrInfo) override {}
+    void OnError(IUdpSock*, ErrInfo) override { ADD_FAILURE() << "closing is no error"; }
 
     std::atomic<bool> closed{false};
     std::atomic<int> deliveries{0};
@@ -303,13 +303,21 @@ TEST_F(UdpSock, SharesAFewWorkers) {
     UdpRecorder recorder;
     std::atomic<std::thread::id> worker;
   };
+  Watcher watcher;
+  bool ended = false;
   std::vector<std::unique_ptr<Unit>> units;
   for (uint32_t i = 0; i < kManagers; ++i) {
     units.push_back(std::make_unique<Unit>());
     Unit& unit = *units.back();
     unit.manager = Network::INetManager::Create(Network::NetWorker::Shared);
     unit.sock = unit.manager->CreateUdpSock();
-    unit.recorder.onDatagram = [&](IUdpSock*) { unit.worker = std::this_thread::get_id(); };
+    unit.recorder.onDatagram = [&](IUdpSock*) {
+      unit.worker = std::this_thread::get_id();
+      if (&unit != units[0].get() || unit.recorder.datagrams.size() < 2) return;
+      for (uint32_t k = 1; k + 1 < kManagers; ++k)
+        units[k]->manager.reset();
+      watcher.Note([&] { ended = true; });
+    };
     UdpSockInfo info;
     info.BindAddr = OwnAddr(kPort + i);
     info.Receiver = &unit.recorder;
@@ -325,15 +333,7 @@ TEST_F(UdpSock, SharesAFewWorkers) {
   }
   EXPECT_LE(workers.size(), 4u);
 
-  // In a callback of the first, on its worker, all others end but the last.
-  Watcher watcher;
-  bool ended = false;
-  units[0]->recorder.onDatagram = [&](IUdpSock*) {
-    for (uint32_t i = 1; i + 1 < kManagers; ++i)
-      units[i]->manager.reset();
-    watcher.Note([&] { ended = true; });
-  };
-  Send("end them");
+  Send("end all others but the last, in a callback of the first");
   ASSERT_TRUE(watcher.WaitFor([&] { return ended; }));
   for (uint32_t i = 1; i < kManagers; ++i)
     Send("who hears this?", kPort + i);
@@ -342,24 +342,35 @@ TEST_F(UdpSock, SharesAFewWorkers) {
     EXPECT_EQ(units[i]->recorder.datagrams.size(), 1u);
 }
 
-// A callback runs until the end of its manager, and none after it, whatever still comes in.
-TEST_F(UdpSock, ManagerEndsUnderAFlood) {
+// What is lost otherwise: the receiver dies after its manager while it is still called.
+TEST_F(UdpSock, ManagerEndsAfterTheCallbackThatRuns) {
   const std::jthread flood([&](const std::stop_token& stop) {
     while (!stop.stop_requested())
       peer.SendTo(BytesOf("flood"), OwnAddr(kPort));
   });
-  const auto neighbour = Network::INetManager::Create(Network::NetWorker::Shared);
-  for (int i = 0; i < 50; ++i) {
+  // As many as there may be workers: so the flooded one never has a worker alone, which would end
+  // with it.
+  std::unique_ptr<Network::INetManager> neighbours[4];
+  for (auto& neighbour : neighbours)
+    neighbour = Network::INetManager::Create(Network::NetWorker::Shared);
+  for (int i = 0; i < 5; ++i) {
     auto flooded = Network::INetManager::Create(Network::NetWorker::Shared);
+    Watcher watcher;
+    bool held = false;
     std::atomic<bool> over{false};
     UdpRecorder recorder;
-    recorder.onDatagram = [&](IUdpSock*) { EXPECT_FALSE(over); };
+    recorder.onDatagram = [&](IUdpSock*) {
+      EXPECT_FALSE(over) << "a callback began after the end";
+      watcher.Note([&] { held = true; });
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));  // time for what mustn't happen
+      EXPECT_FALSE(over) << "the end didn't wait";
+    };
     UdpSockInfo info;
     info.BindAddr = OwnAddr(kPort);
     info.Receiver = &recorder;
     const auto sock = flooded->CreateUdpSock();
     ASSERT_EQ(FailureOf(sock->Open(info)).text, L"");
-    ASSERT_TRUE(recorder.WaitDatagrams(3));
+    ASSERT_TRUE(watcher.WaitFor([&] { return held; }));
     flooded.reset();
     over = true;
     sock->Close();
