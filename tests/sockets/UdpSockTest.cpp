@@ -298,10 +298,10 @@ TEST_F(UdpSock, DropsWhatComesWithoutAReceiver) {
 TEST_F(UdpSock, SharesAFewWorkers) {
   constexpr uint32_t kManagers = 12;
   struct Unit {
-    std::unique_ptr<Network::INetManager> manager;
-    std::shared_ptr<IUdpSock> sock;
     UdpRecorder recorder;
     std::atomic<std::thread::id> worker;
+    std::shared_ptr<IUdpSock> sock;
+    std::unique_ptr<Network::INetManager> manager;  // ends first
   };
   Watcher watcher;
   bool ended = false;
