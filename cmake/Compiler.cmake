@@ -21,6 +21,10 @@ endif()
 add_library(qz_options INTERFACE)
 target_include_directories(qz_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
 target_link_libraries(qz_options INTERFACE Threads::Threads)
+if(WIN32)
+  # Windows 10, in every file: a precompiled header fits only where it was made.
+  target_compile_definitions(qz_options INTERFACE _WIN32_WINNT=0x0A00)
+endif()
 
 if(MSVC)
   target_compile_options(qz_options INTERFACE /W4 /utf-8 /fp:precise)

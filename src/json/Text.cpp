@@ -17,7 +17,7 @@ namespace {
 }
 
 bool NeedsEscape(wchar_t unit) {
-  return (unit >= 0 && unit < 0x20) || unit == L'"' || unit == L'\\' || unit == L'/';
+  return static_cast<uint16_t>(unit) < 0x20 || unit == L'"' || unit == L'\\' || unit == L'/';
 }
 
 void AppendEscape(std::wstring& out, wchar_t unit) {

@@ -77,7 +77,7 @@ TEST(ConnectionThreads, AGivenUpMessageHoldsUpNothing) {
   }
   unit.Deliver(JsonMsgGetState());
   EXPECT_TRUE(unit.WaitReceived(1));
-  EXPECT_EQ(unit.user.Errors().size(), 1U);
+  EXPECT_TRUE(unit.user.WaitUntil([](const auto& user) { return user.Errors().size() == 1; }));
 }
 
 // A unit that restarts its audio takes a thread for a while, three take three. The others are
