@@ -9,7 +9,7 @@
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
-#include "support/WireAudio.h"
+#include "wire/Audio.h"
 
 using Network::IRtpAudioManager;
 
@@ -47,8 +47,9 @@ class RtpAudioManagerTest : public testing::Test {
     ASSERT_TRUE(manager_->Init(info).IsOk());
   }
 
-  void Deliver(size_t channel, uint16_t seq, const wire::Bytes& payload, uint8_t typeByte = 0xC8) {
-    net_.Sock(channel)->Deliver(wire::MakeAudioDatagram(seq, seq, typeByte, payload), {});
+  void Deliver(size_t channel, uint16_t seq, const wire::Frames& frames, uint8_t type = 100) {
+    net_.Sock(channel)->Deliver(
+        wire::EncodePacket({.payloadType = type, .sequence = seq, .timestamp = seq}, frames), {});
   }
 
   ManualClock clock_;
@@ -60,7 +61,7 @@ class RtpAudioManagerTest : public testing::Test {
 
 TEST_F(RtpAudioManagerTest, AWrongNumberOfBuffersStillSpendsTheTick) {
   Init(1, 1);
-  Deliver(0, 5, wire::PatternPayload());
+  Deliver(0, 5, wire::Pattern());
   Buffers none(0);
   manager_->RecvAudio(none.pointers, kCount);
   EXPECT_NE(Log().TryTake(L"Number of RTP channels mismatch number of ASIO channels "
@@ -82,8 +83,8 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   // up in the neighbouring buffer.
   for (const size_t samples : {96, 191, 193, 238}) {
     for (size_t channel : {0, 2})
-      Deliver(channel, seq, wire::PatternPayload());
-    Deliver(1, seq++, wire::Bytes(samples * 6));
+      Deliver(channel, seq, wire::Pattern());
+    Deliver(1, seq++, wire::Frames(samples));
     Buffers buffers(3);
     manager_->RecvAudio(buffers.pointers, kCount);
     EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch number ASIO buffer smpl size"), L"");
@@ -94,10 +95,10 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
 
   // A packet of no audio has no samples: of the wrong size unless none are wanted.
   Buffers buffers(3);
-  Deliver(0, seq++, wire::PatternPayload(), 99 << 1);
+  Deliver(0, seq++, wire::Pattern(), 99);
   manager_->RecvAudio(buffers.pointers, kCount);
   EXPECT_NE(Log().TryTake(L"Packet smpl size mismatch"), L"");
-  Deliver(0, seq, wire::PatternPayload(), 99 << 1);
+  Deliver(0, seq, wire::Pattern(), 99);
   manager_->RecvAudio(buffers.pointers, 0);
   EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
 }

@@ -7,7 +7,7 @@
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
-#include "support/WireAudio.h"
+#include "wire/Audio.h"
 
 using Network::RtpManagerInfo;
 using Network::RtpPacket;
@@ -43,8 +43,10 @@ class RtpManagerTest : public testing::Test {
 
   FakeUdpSock& Sock(size_t index) { return *net_.Sock(firstSock_ + index); }
 
-  void Packet(uint16_t seq, uint32_t ts = 0, size_t channel = 0, uint8_t typeByte = 0xC8) {
-    Sock(channel).Deliver(wire::MakeAudioDatagram(seq, ts, typeByte, {}), Addr(L"10.0.0.9:5"));
+  void Packet(uint16_t seq, uint32_t ts = 0, size_t channel = 0, uint8_t type = 100) {
+    Sock(channel).Deliver(
+        wire::EncodePacket({.payloadType = type, .sequence = seq, .timestamp = ts}, {}),
+        Addr(L"10.0.0.9:5"));
   }
 
   // The sequence numbers that the rings give up, -1 where nothing came.
@@ -166,7 +168,7 @@ TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) 
   ASSERT_EQ(Sock(1).Sent().size(), 1u);
   EXPECT_EQ(Sock(1).Sent()[0].to, Addr(L"10.0.0.1:9002"));
   EXPECT_EQ(Sock(1).Sent()[0].bytes,
-            wire::MakeAudioDatagram(1, 192, wire::kType48000, wire::Bytes(6)));
+            wire::EncodePacket({.sequence = 1, .timestamp = 192}, wire::Frames(1)));
 
   // Neither a new start nor new channels reset them; they are cut to their bits on the wire.
   manager_.Stop();
@@ -177,7 +179,7 @@ TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) 
   manager_.SetSendChanAddr(0, Addr(L"10.0.0.1:9000"));
   Send(1);
   EXPECT_EQ(Sock(0).Sent()[0].bytes,
-            wire::MakeAudioDatagram(0, 65536 * 192, wire::kType48000, wire::Bytes(6)));
+            wire::EncodePacket({.sequence = 0, .timestamp = 65536 * 192}, wire::Frames(1)));
 
   manager_.SetSendChanAddr(0, {});
   Send(1);

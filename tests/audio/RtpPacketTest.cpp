@@ -10,7 +10,7 @@
 
 #include "audio/IRtp.h"
 #include "support/CapturedLog.h"
-#include "support/WireAudio.h"
+#include "wire/Audio.h"
 
 using Network::Packet;
 using Network::RtpHeader;
@@ -31,6 +31,11 @@ Bytes BytesOf(const RtpPacket& packet) {
   return Bytes(bytes.Data(), bytes.Data() + bytes.Size());
 }
 
+Bytes PayloadOf(const wire::Frames& frames) {
+  const Bytes bytes = wire::EncodePacket({}, frames);
+  return {bytes.begin() + wire::kHeaderBytes, bytes.end()};
+}
+
 // The low 24 bits of what a sample goes out as, by arithmetic that can't overflow.
 int32_t CodeOf(float sample) {
   const float product = sample * 8388607.0f;
@@ -46,11 +51,10 @@ void ExpectCodes(const std::vector<float>& left, const std::vector<float>& right
   ASSERT_TRUE(both.SetAudioPayload(left.data(), right.data()).IsOk());
   ASSERT_TRUE(single.SetAudioPayloadChan(left.data(), 0, 1).IsOk());
   ASSERT_TRUE(single.SetAudioPayloadChan(right.data(), 1, 1).IsOk());
-  Bytes expected(left.size() * 6);
-  for (size_t i = 0; i < left.size(); ++i) {
-    wire::PutCode(expected, i, 0, CodeOf(left[i]));
-    wire::PutCode(expected, i, 1, CodeOf(right[i]));
-  }
+  wire::Frames frames;
+  for (size_t i = 0; i < left.size(); ++i)
+    frames.push_back({CodeOf(left[i]), CodeOf(right[i])});
+  const Bytes expected = PayloadOf(frames);
   ASSERT_TRUE(std::equal(expected.begin(), expected.end(), both.GetPayload()));
   ASSERT_TRUE(std::equal(expected.begin(), expected.end(), single.GetPayload()));
 }
@@ -128,12 +132,12 @@ TEST(RtpPacket, EveryCodeSurvivesALoopBackAndItsNeighboursAreCutOff) {
   for (int32_t first = -(1 << 23); first < 1 << 23 && !HasFatalFailure(); first += 2 * kFrames) {
     RtpPacket sent;
     ASSERT_TRUE(sent.Create(100, kFrames).IsOk());
-    Bytes payload(size_t{kFrames} * 6);
-    for (int32_t i = 0; i < kFrames; ++i) {
-      wire::PutCode(payload, static_cast<size_t>(i), 0, std::min(first + i, (1 << 23) - 1));
-      wire::PutCode(payload, static_cast<size_t>(i), 1,
-                    std::min(first + i + kFrames, (1 << 23) - 1));
+    wire::Frames frames;
+    for (int32_t code = first; code < first + kFrames; ++code) {
+      frames.push_back(
+          {std::min(code, wire::kFullScale), std::min(code + kFrames, wire::kFullScale)});
     }
+    const Bytes payload = PayloadOf(frames);
     std::copy(payload.begin(), payload.end(), sent.GetPayload());
     ASSERT_TRUE(sent.GetAudioPayload(left.data(), right.data()).IsOk());
     ASSERT_TRUE(sent.GetAudioPayloadChan(single.data(), 1, 1).IsOk());
@@ -164,11 +168,13 @@ TEST(RtpPacket, DatagramsOfOddSizes) {
     EXPECT_NE(Log().TryTake(L"Packet shorter than its header"), L"");
     EXPECT_EQ(BytesOf(packet), Bytes(size, 0xC8));
   }
-  const auto samples = [](size_t payload, uint8_t typeByte) {
-    return Wrap(wire::MakeAudioDatagram(1, 2, typeByte, Bytes(payload))).GetSmplCount();
+  const auto samples = [](size_t payload, uint8_t type) {
+    Bytes bytes = wire::EncodePacket({.payloadType = type}, {});
+    bytes.resize(bytes.size() + payload);
+    return Wrap(bytes).GetSmplCount();
   };
-  EXPECT_EQ(samples(0, wire::kType48000), 0u);
-  EXPECT_EQ(samples(1152, wire::kType48000), 192u);
-  EXPECT_EQ(samples(1157, wire::kType44100), 192u);
-  EXPECT_EQ(samples(1152, 99 << 1), 0u);
+  EXPECT_EQ(samples(0, 100), 0u);
+  EXPECT_EQ(samples(1152, 100), 192u);
+  EXPECT_EQ(samples(1157, 101), 192u);
+  EXPECT_EQ(samples(1152, 99), 0u);
 }

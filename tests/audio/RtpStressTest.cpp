@@ -10,7 +10,7 @@
 #include "audio/RtpAudioManager.h"
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
-#include "support/WireAudio.h"
+#include "wire/Audio.h"
 
 namespace {
 
@@ -53,7 +53,8 @@ class Traffic {
     while (!stop_) {
       const size_t socks = net_.SockCount();
       for (size_t i = socks < 6 ? 0 : socks - 6; i < socks; ++i)
-        if (net_.Sock(i)->Deliver(wire::MakeAudioDatagram(seq, seq * 192U, 0xC8, {}), {}))
+        if (net_.Sock(i)->Deliver(
+                wire::EncodePacket({.sequence = seq, .timestamp = seq * 192U}, {}), {}))
           ++deliveries_;
       ++seq;
       std::this_thread::yield();  // a thread that waits for a lock gets it

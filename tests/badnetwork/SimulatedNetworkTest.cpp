@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "badnetwork/Party.h"
-#include "relay/LossyLink.h"
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
+#include "wire/LossyLink.h"
 
 using namespace Network;
-using relay::LinkFaults;
+using wire::LinkFaults;
 
 namespace {
 
@@ -78,7 +78,7 @@ class SimulatedNetwork {
     const NetAddr addr;
     FakeNetManager net;
     Party party;
-    relay::LossyLink link;  // away from here
+    wire::LossyLink link;  // away from here
   };
 
   struct UnderWay {
@@ -122,10 +122,10 @@ class SimulatedNetwork {
     const auto sock = from.net.LastSock();
     for (const SentDatagram& datagram : sock->Sent()) {
       if (datagram.to != to.addr) continue;
-      for (const relay::Arrival& arrival : from.link.Next()) {
-        UnderWay copy{clock_.Counter() + arrival.delay, ++order_, &to, from.addr, datagram.bytes};
-        if (arrival.damage != 0)
-          relay::Damage(arrival.damage, copy.bytes.data(), copy.bytes.size());
+      for (const wire::Fate& fate : from.link.Next()) {
+        const int64_t due = clock_.Counter() + fate.delay / std::chrono::nanoseconds(100);
+        UnderWay copy{due, ++order_, &to, from.addr, datagram.bytes};
+        if (fate.damage != 0) wire::Damage(fate.damage, copy.bytes);
         underWay_.push(std::move(copy));
       }
     }

@@ -20,7 +20,7 @@
 #include "sockets/IUdpSock.h"
 #include "sockets/NetManager.h"
 #include "support/CapturedLog.h"
-#include "support/WireSocket.h"
+#include "support/System.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -29,7 +29,7 @@ constexpr std::chrono::seconds kPatience{20};
 // The own address of this process at `port`, so that tests that run beside each other don't meet.
 inline Network::NetAddr OwnAddr(uint32_t port) {
   Network::NetAddr addr;
-  EXPECT_TRUE(addr.SetFromTextAndPort(Utf8ToWide(wire::OwnAddress()), port));
+  EXPECT_TRUE(addr.SetFromTextAndPort(Utf8ToWide(OwnAddress()), port));
   return addr;
 }
 

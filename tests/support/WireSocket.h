@@ -57,7 +57,4 @@ class Socket {
 // A loopback address that no test process beside this one uses.
 std::string OwnAddress();
 
-// A port for everything that hears broadcasts, where the address alone doesn't tell tests apart.
-uint16_t OwnBroadcastPort();
-
 }  // namespace wire
