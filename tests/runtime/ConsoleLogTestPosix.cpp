@@ -1,10 +1,9 @@
-// A console that nobody reads, each time in a child process whose standard output is a full pipe.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <algorithm>
 #include <sstream>
 
 #include "runtime/ConsoleLog.h"
@@ -15,78 +14,61 @@ namespace {
 
 constexpr int kLines = 60'000;  // of 140 bytes: twice of what may wait
 
-class ConsoleLogTest : public testing::Test {
- protected:
-  ConsoleLogTest() {
-    EXPECT_EQ(pipe(console_), 0);
-    EXPECT_EQ(pipe(logged_), 0);
-    child_ = fork();
-    if (child_ == 0) {
-      alarm(60);
-      close(console_[0]);
-      dup2(console_[1], STDOUT_FILENO);
-      close(console_[1]);
-      fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);  // as some terminals are left behind
-      WriteLines();
-      _exit(0);
-    }
-    close(console_[1]);
-    close(logged_[1]);
-  }
-
-  // In the child.
-  void WriteLines() {
-    LogToConsoleSniffer console;
+// What a child process shows of its lines on a console that nobody reads, a full pipe, until the
+// log has ended, which closes `logged`; and then, if it is `readAgain`, until the console ends.
+// Expects all lines in the log file, and an orderly end of the child.
+std::string ShowLines(bool readAgain) {
+  const TempDir dir;
+  int console[2];
+  int logged[2];
+  EXPECT_EQ(pipe(console), 0);
+  EXPECT_EQ(pipe(logged), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    close(console[0]);
+    dup2(console[1], STDOUT_FILENO);
+    close(console[1]);
+    fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);  // as some terminals are left behind
     {
-      const auto log = CreateDebugLog({.dir = dir_.Wide(), .name = L"emu", .maxFileSize = 0});
-      log->SetSniffer(&console);
+      LogToConsoleSniffer sniffer;
+      auto log = CreateDebugLog({.dir = dir.Wide(), .name = L"emu", .maxFileSize = 0});
+      log->SetSniffer(&sniffer);
       for (int i = 0; i < kLines; ++i)
         log->Write(std::wstring(100, L'x'));
       log->SetSniffer(nullptr);
+      log.reset();
+      close(logged[1]);
     }
-    close(logged_[1]);
+    _exit(0);
   }
+  close(console[1]);
+  close(logged[1]);
 
-  // Waits until the child's log has ended, then expects all lines in its file.
-  void ExpectTheFileIsWhole() {
-    char byte = 0;
-    EXPECT_EQ(read(logged_[0], &byte, 1), 0);
-    std::ifstream file(dir_.File("emu.log"), std::ios::binary);
-    int lines = 0;
-    std::string last;
-    for (std::string line; std::getline(file, line); last = line)
-      ++lines;
-    EXPECT_EQ(lines, kLines + 2) << "with the banners";
-    EXPECT_NE(last.find("END LOG"), std::string::npos);
-  }
-
-  void ExpectAnOrderlyEnd() {
-    int status = 0;
-    EXPECT_EQ(waitpid(child_, &status, 0), child_);
-    EXPECT_EQ(status, 0);
-  }
-
-  TempDir dir_;
-  int console_[2];
-  int logged_[2];
-  pid_t child_ = -1;
-};
+  char buffer[65536];
+  EXPECT_EQ(read(logged[0], buffer, 1), 0);
+  const std::string file = dir.Read("emu.log");
+  EXPECT_EQ(std::count(file.begin(), file.end(), '\n'), kLines + 2) << "with the banners";
+  EXPECT_TRUE(file.ends_with("<<< END LOG >>>-------------------------\r\n"));
+  std::string shown;
+  for (ssize_t got = 0; readAgain && (got = read(console[0], buffer, sizeof buffer)) > 0;)
+    shown.append(buffer, static_cast<size_t>(got));
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  close(console[0]);
+  close(logged[0]);
+  return shown;
+}
 
 }  // namespace
 
-TEST_F(ConsoleLogTest, AnUnreadConsoleHoldsUpNeitherTheFileNorTheEnd) {
-  ExpectTheFileIsWhole();
-  ExpectAnOrderlyEnd();
+TEST(ConsoleLogTest, AnUnreadConsoleHoldsUpNeitherTheFileNorTheEnd) {
+  ShowLines(false);
 }
 
-TEST_F(ConsoleLogTest, AConsoleThatIsReadAgainSaysHowManyLinesItMisses) {
-  ExpectTheFileIsWhole();
-  std::string shown;
-  char buffer[65536];
-  for (ssize_t got = 0; (got = read(console_[0], buffer, sizeof buffer)) > 0;)
-    shown.append(buffer, static_cast<size_t>(got));
-  ExpectAnOrderlyEnd();
-
+TEST(ConsoleLogTest, AConsoleThatIsReadAgainSaysHowManyLinesItMisses) {
+  const std::string shown = ShowLines(true);
   int lines = 0;
   int leftOut = 0;
   std::istringstream in(shown);

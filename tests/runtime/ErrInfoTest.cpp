@@ -23,7 +23,8 @@ ErrInfo Through(int levels) {
 // How many reports of a failure have reached the log; takes them.
 int Reports() {
   int count = 0;
-  while (!Log().TryTake(L"Method=Network::Sample::Fail").empty())
+  while (
+      !Log().TryTake(L" ErrStr=boom Method=Network::Sample::Fail File=src\\Sample Line=").empty())
     ++count;
   return count;
 }
@@ -34,32 +35,23 @@ TEST(ErrInfo, TextForms) {
   EXPECT_TRUE(err.IsOk());
   EXPECT_EQ(err.ToString(), L"");
 
-  EXPECT_FALSE(err.SetText(L"Parse error").IsOk());
-  EXPECT_EQ(err.ToString(), L" ErrStr=Parse error" + place);
-  EXPECT_EQ(err.SetText(std::wstring()).ToString(), place);
-  EXPECT_EQ(err.SetText("gr\xC3\xBC\xC3\x9F"
-                        "e \xFF")
-                .ToString(),
-            L" ErrStr=gr\u00fc\u00dfe \uFFFD" + place);
+  EXPECT_FALSE(err.SetText(std::wstring()).IsOk());
+  EXPECT_EQ(err.ToString(), place);
+  EXPECT_EQ(err.SetText("\xC3\x9F \xFF").ToString(), L" ErrStr=\u00df \uFFFD" + place);
 
-  EXPECT_EQ(err.SetCode(0x2733, L"bind").ToString(),
-            L" ErrType=1 ErrCode=2733 ErrStr=bind" + place);
-  EXPECT_EQ(err.SetCode(0, std::wstring()).ToString(), L" ErrType=1 ErrCode=0" + place);
-  EXPECT_EQ(err.SetCode(0xFFABCDEF, L"").ToString(), L" ErrType=1 ErrCode=ffabcdef" + place);
+  EXPECT_EQ(err.SetCode(0xFFABCDEF, L"bind").ToString(),
+            L" ErrType=1 ErrCode=ffabcdef ErrStr=bind" + place);
+  EXPECT_EQ(err.SetCode(0x2733, L"").ToString(), L" ErrType=1 ErrCode=2733" + place);
   EXPECT_EQ(err.SetText(L"again").ToString(), L" ErrStr=again" + place) << "it shows no code";
-  EXPECT_EQ(err.Code(), 0xFFABCDEFu) << "but keeps the one that it had";
+  EXPECT_EQ(err.Code(), 0x2733u) << "but keeps the one that it had";
   Log().Allow(L"Network::Emulator::Init");
 }
 
 TEST(ErrInfo, OfAllHoldersOneReports) {
   {
     const ErrInfo handedUp = Through(5);
-    EXPECT_FALSE(handedUp.IsOk());
     EXPECT_EQ(Reports(), 0);
   }
-  EXPECT_EQ(Log().Lines().size(), 1u);
-  EXPECT_TRUE(Log().Lines()[0].starts_with(
-      L" ErrStr=boom Method=Network::Sample::Fail File=src\\Sample Line="));
   EXPECT_EQ(Reports(), 1);
 
   // The first copy takes the duty, later ones have none.
@@ -78,22 +70,16 @@ TEST(ErrInfo, OfAllHoldersOneReports) {
     std::vector<ErrInfo> kept;
     for (int i = 0; i < 10; ++i)
       kept.push_back(Failure());  // growing copies what is there already
-    EXPECT_FALSE(kept.front().IsOk());
     EXPECT_EQ(Reports(), 0);
   }
   EXPECT_EQ(Reports(), 10);
-}
 
-TEST(ErrInfo, AssignmentDropsTheOldFailureUnreported) {
   {
     ErrInfo err = Failure();
-    const ErrInfo other = ErrInfo("A::Other", kSourceFile, 1).SetText(L"new");
-    err = other;
-    EXPECT_EQ(err.ToString(), other.ToString());
     err = ERR_HERE("A::B");
     EXPECT_TRUE(err.IsOk());
   }
-  EXPECT_TRUE(Log().Lines().empty());
+  EXPECT_EQ(Reports(), 0) << "assignment drops the old failure";
 }
 
 class EnvironmentWithoutLog final : public IEnvironment {
@@ -106,11 +92,10 @@ TEST(ErrInfo, NothingIsLoggedInAnEnvironmentWithoutLog) {
   const EnvironmentFactory before = SetEnvironmentFactory(
       []() -> std::unique_ptr<IEnvironment> { return std::make_unique<EnvironmentWithoutLog>(); });
   ReleaseEnvironment();
-  EXPECT_EQ(GetDebugLog(), nullptr);
   Failure();
   SetEnvironmentFactory(before);
   ReleaseEnvironment();
-  EXPECT_TRUE(Log().Lines().empty());
+  EXPECT_EQ(Reports(), 0);
   Failure();
   EXPECT_EQ(Reports(), 1);
 }

@@ -35,8 +35,7 @@ TEST(FileSystemPosix, TimesComeInTheirOrder) {
   ASSERT_TRUE(file->GetTimes(&created, &accessed, &modified));
   EXPECT_EQ(accessed.seconds, 1'000'000'000u);
   EXPECT_EQ(modified.seconds, 2'000'000'000u);
-  EXPECT_EQ(modified.nanoseconds, 2u);
-  EXPECT_EQ(file->GetModifyTime().seconds, 2'000'000'000u);
+  EXPECT_EQ(file->GetModifyTime().nanoseconds, 2u);
   EXPECT_NEAR(created.seconds, static_cast<double>(platform::SystemClock().WallSeconds()), 100);
 }
 
@@ -49,12 +48,10 @@ TEST(FileSystemPosix, ALockWaitsUntilItIsFree) {
   ASSERT_TRUE(one->Lock(true));
   std::atomic<bool> freed{false};
   std::atomic<bool> waits{false};
-  bool gotIt = false;
-  bool tooEarly = false;
+  bool waited = false;
   std::jthread waiter([&] {
     waits = true;
-    gotIt = two->Lock(true);
-    tooEarly = !freed;
+    waited = two->Lock(true) && freed;
   });
   while (!waits)
     std::this_thread::yield();
@@ -62,6 +59,5 @@ TEST(FileSystemPosix, ALockWaitsUntilItIsFree) {
   freed = true;
   EXPECT_TRUE(one->Unlock());
   waiter.join();
-  EXPECT_TRUE(gotIt);
-  EXPECT_FALSE(tooEarly);
+  EXPECT_TRUE(waited);
 }

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <locale>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/text.h"
 #include "runtime/TrackedMutex.h"
@@ -48,26 +50,23 @@ TEST_F(StatisticsTest, LineHoldsMeanAndSpreadOfTheIntervals) {
   for (const int64_t ticks : {15'000, 35'000, 44'999, 64'999})  // rounded to 2, 4, 4, 6 ms
     Interval(ticks);
   EXPECT_EQ(Flush(), " N=4, E=4, J=1, S=1.41421, Min=2, Max=6(03:04:05.006), Unit=1/1000");
+  // The mean sees the last bin, the maximum is exact, with the time of its first.
   Configure(StatSeries::kMeanOnly);
-  Interval(1 * kTicksPerMs);
-  Interval(2 * kTicksPerMs);
-  EXPECT_EQ(Flush(), " N=2, E=1.5, Min=1, Max=2(03:04:05.006), Unit=1/1000");
-}
-
-TEST_F(StatisticsTest, MeanSeesTheLastBinButMaxIsExact) {
   Interval(70 * kTicksPerMs);
   clock_.SetLocal({2026, 1, 2, 23, 59, 9, 87});
   Interval(71 * kTicksPerMs);
   clock_.SetLocal({2026, 1, 3, 0, 0, 0, 0});
-  Interval(71 * kTicksPerMs);  // no new maximum, so the time of the first one stays
-  EXPECT_EQ(Flush(), " N=3, E=51, J=0, S=0, Min=70, Max=71(23:59:09.087), Unit=1/1000");
+  Interval(71 * kTicksPerMs);
+  EXPECT_EQ(Flush(), " N=3, E=51, Min=70, Max=71(23:59:09.087), Unit=1/1000");
 }
 
 TEST_F(StatisticsTest, ImpossibleIntervalsAreCutToTheRangeOfTheValues) {
-  series_.Sample(std::numeric_limits<int64_t>::min());
-  series_.Finish(std::numeric_limits<int64_t>::max());
-  series_.Sample(std::numeric_limits<int64_t>::max());
-  series_.Finish(std::numeric_limits<int64_t>::min());
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  for (const auto& [from, to] : {std::pair(kMin, kMax), std::pair(kMax, kMin)}) {
+    series_.Sample(from);
+    series_.Finish(to);
+  }
   EXPECT_EQ(Flush(),
             " N=2, E=25, J=26, S=26, Min=-2.14748e+09, Max=2.14748e+09(03:04:05.006), "
             "Unit=1/1000");
@@ -89,26 +88,9 @@ TEST_F(StatisticsTest, SpacingCountsOneLessThanTheEvents) {
 
 TEST_F(StatisticsTest, HistogramNamesTheOutermostBins) {
   series_.ShowHistogram = true;
-  Interval(-3 * kTicksPerMs);
-  Interval(0);
-  Interval(7 * kTicksPerMs);
-  Interval(99 * kTicksPerMs);
-  const std::string line = Flush();
-  EXPECT_EQ(line.substr(line.find(" Histogram")),
-            " Histogram:  least:25 [0]:25 [7]:25 greatest:25");
-}
-
-TEST_F(StatisticsTest, DigitsAreNotGroupedInAnyLocale) {
-  struct Grouping : std::numpunct<wchar_t> {
-    std::string do_grouping() const override { return "\3"; }
-    wchar_t do_decimal_point() const override { return L','; }
-  };
-  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
-  for (int i = 0; i < 1000; ++i)
-    Interval(i < 500 ? kTicksPerMs : 2 * kTicksPerMs);
-  const std::string line = Flush();
-  std::locale::global(before);
-  EXPECT_EQ(line.substr(0, 15), " N=1000, E=1.5,");
+  for (const int64_t ms : {-3, 0, 7, 99})
+    Interval(ms * kTicksPerMs);
+  EXPECT_TRUE(Flush().ends_with(" Histogram:  least:25 [0]:25 [7]:25 greatest:25"));
 }
 
 TEST_F(StatisticsTest, LineComesByItselfOnceANewMinuteHasBegun) {
@@ -126,23 +108,21 @@ TEST(StatIntervalTest, OpensOncePerPeriod) {
   StatInterval gate;
   gate.SetPeriod(2);
   EXPECT_FALSE(gate.Due());
-  clock.AdvanceMs(40'000);  // an even minute begins
-  EXPECT_TRUE(gate.Due());
-  EXPECT_FALSE(gate.Due());
-  clock.AdvanceMs(60'000);
-  EXPECT_FALSE(gate.Due());
-  clock.AdvanceMs(60'000);
-  EXPECT_TRUE(gate.Due());
-
+  const auto dueAfter = [&](int64_t seconds) {
+    clock.AdvanceMs(seconds * 1000);
+    const bool due = gate.Due();
+    EXPECT_FALSE(gate.Due());
+    return due;
+  };
+  EXPECT_TRUE(dueAfter(40)) << "an even minute begins";
+  EXPECT_FALSE(dueAfter(60));
+  EXPECT_TRUE(dueAfter(60));
   gate.SetPeriod(0);  // taken as 1
-  clock.AdvanceMs(60'000);
-  EXPECT_TRUE(gate.Due());
+  EXPECT_TRUE(dueAfter(60));
   for (const int64_t jump : {-7200, 86400}) {  // the wall clock is set: open at once, then as ever
     clock.JumpWall(jump);
-    EXPECT_TRUE(gate.Due());
-    EXPECT_FALSE(gate.Due());
-    clock.AdvanceMs(60'000);
-    EXPECT_TRUE(gate.Due());
+    EXPECT_TRUE(dueAfter(0));
+    EXPECT_TRUE(dueAfter(60));
   }
 }
 
@@ -152,43 +132,30 @@ TEST(GuardsTest, OnlyFiveMillisecondsAndMoreAreLogged) {
   ManualClock clock;
   TrackedMutex mutex(std::wstring(L"SyncManager::OutMutex"));
   TrackedRecursiveMutex recursive(L"UdpSock::_SockMutex");
-  const auto spend = [&](int64_t ticks) {
-    {
-      ScopedDuration guard(L"RtpAudioManager::RecvAudio");
-      clock.AdvanceTicks(ticks);
-    }
+  for (const int64_t ticks : {49'999, 50'000, 600'420'000}) {
+    ScopedDuration guard(L"RtpAudioManager::RecvAudio");
     ScopedLock lock(mutex);
     ScopedLock outer(recursive);
     ScopedLock inner(recursive);
     clock.AdvanceTicks(ticks);
-  };
-  const auto lines = [](const std::wstring& ms) {
+  }
+  std::vector<std::wstring> expected;
+  for (const std::wstring ms : {L"5", L"60042"}) {
     const std::wstring rest = L": Total=" + ms + L" Waiting=0 Owning=" + ms + L" Release=0";
-    return std::vector<std::wstring>{L"DURATION: " + ms + L" ms : RtpAudioManager::RecvAudio",
-                                     L"LOCK: UdpSock::_SockMutex" + rest,
-                                     L"LOCK: UdpSock::_SockMutex" + rest,
-                                     L"LOCK: SyncManager::OutMutex" + rest};
-  };
-  spend(49'999);
-  EXPECT_TRUE(Log().Lines().empty());
-  spend(50'000);
-  EXPECT_EQ(Log().Lines(), lines(L"5"));
-  Log().Clear();
-  spend(600'420'000);
-  EXPECT_EQ(Log().Lines(), lines(L"60042"));
-}
+    expected.push_back(L"LOCK: UdpSock::_SockMutex" + rest);
+    expected.push_back(L"LOCK: UdpSock::_SockMutex" + rest);
+    expected.push_back(L"LOCK: SyncManager::OutMutex" + rest);
+    expected.push_back(L"DURATION: " + ms + L" ms : RtpAudioManager::RecvAudio");
+  }
+  EXPECT_EQ(Log().Lines(), expected);
 
-TEST(GuardsTest, TheLockLineHoldsWaitingOwningAndReleasing) {
-  ManualClock clock;
   LockTimes times;
   times.requested = clock.Counter();
-  clock.AdvanceTicks(31'000);
-  times.granted = clock.Counter();
-  clock.AdvanceTicks(19'999);
-  times.releasing = clock.Counter();
-  clock.AdvanceTicks(70'000);
+  times.granted = times.requested + 31'000;
+  times.releasing = times.granted + 19'999;
+  clock.AdvanceTicks(31'000 + 19'999 + 70'000);
   times.Report(L"x");
-  EXPECT_EQ(Log().TryTake(L"LOCK"), L"LOCK: x: Total=12 Waiting=3 Owning=1 Release=7");
+  EXPECT_EQ(Log().TryTake(L"LOCK: x"), L"LOCK: x: Total=12 Waiting=3 Owning=1 Release=7");
 }
 
 }  // namespace
