@@ -58,6 +58,7 @@ struct Socket::Impl {
   std::atomic<bool> watched{false};
   bool stream = false;
   bool connected = false;   // Connect wasn't reported yet
+  uint32_t announced = 0;   // events that the system reported, and that nobody has acted on yet
   bool closeWaits = false;  // the peer has closed, and data is left to receive
   uint32_t closeError = 0;  // of that closing
   size_t sent = 0;          // bytes that the system took of the present Send
@@ -112,6 +113,7 @@ void Socket::Close() {
   impl_->wakeSet.reset();
   impl_->watched = false;
   impl_->connected = false;
+  impl_->announced = 0;
   impl_->closeWaits = false;
   impl_->sent = 0;
 }
@@ -155,6 +157,7 @@ SocketResult Socket::Listen() {
 }
 
 SocketResult Socket::Accept(Socket* connection) {
+  impl_->announced &= ~uint32_t{kSocketAccept};
   const SOCKET accepted = accept(impl_->handle, nullptr, nullptr);
   if (accepted == INVALID_SOCKET) return Failure(WSAGetLastError());
   // It comes with the listener's selection of events, which Watch replaces.
@@ -195,8 +198,12 @@ Socket::Events Socket::Pending() {
     events.error = static_cast<uint32_t>(WSAGetLastError());
     return events;
   }
-  constexpr uint32_t kPlain = kSocketRead | kSocketWrite | kSocketAccept;
-  events.events = static_cast<uint32_t>(reported.lNetworkEvents) & kPlain;
+  constexpr uint32_t kUntilTaken = kSocketRead | kSocketAccept;
+  constexpr uint32_t kPlain = kUntilTaken | kSocketWrite;
+  // The system reports data, or a connection that waits, once until somebody receives it. A turn
+  // that ended before that, for lack of memory, must find it again.
+  impl_->announced |= static_cast<uint32_t>(reported.lNetworkEvents) & kUntilTaken;
+  events.events = (static_cast<uint32_t>(reported.lNetworkEvents) & kPlain) | impl_->announced;
   if (std::exchange(impl_->connected, false)) events.events |= kSocketConnect;
   if (reported.lNetworkEvents & FD_CLOSE) {
     impl_->closeWaits = true;
@@ -219,6 +226,7 @@ SocketResult Socket::SendTo(const void* data, size_t size, const SocketAddress& 
 }
 
 SocketResult Socket::RecvFrom(void* data, size_t capacity, SocketAddress* from) {
+  impl_->announced &= ~uint32_t{kSocketRead};
   sockaddr_in sender{};
   int length = sizeof(sender);
   const SocketResult result =
@@ -250,6 +258,7 @@ bool Socket::SendUnfinished() const {
 }
 
 SocketResult Socket::Recv(void* data, size_t capacity) {
+  impl_->announced &= ~uint32_t{kSocketRead};
   return Outcome(recv(impl_->handle, static_cast<char*>(data), Length(capacity), 0));
 }
 

@@ -1,6 +1,7 @@
 #include "platform/win32/wakeset.h"
 
 #include <algorithm>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -40,15 +41,22 @@ void Waiter::Wake() {
 // The system reports the first signalled event of a list, so the rest of the list is asked too, or
 // busy sets at its front would starve those at its end.
 void Waiter::Wait(uint32_t milliseconds) {
+  DWORD timeout = milliseconds;
   if (impl_->changed.exchange(false)) {
-    std::lock_guard lock(impl_->mutex);
-    impl_->waited = impl_->sets;
-    impl_->handles.resize(1);
-    for (const Impl::Set& set : impl_->waited)
-      impl_->handles.push_back(set.event->handle);
+    try {
+      std::lock_guard lock(impl_->mutex);
+      impl_->handles.reserve(1 + impl_->sets.size());
+      impl_->waited = impl_->sets;
+      impl_->handles.resize(1);
+      for (const Impl::Set& set : impl_->waited)
+        impl_->handles.push_back(set.event->handle);
+    } catch (const std::bad_alloc&) {
+      // The old list does until there is memory for the new one.
+      impl_->changed = true;
+      timeout = std::min<DWORD>(timeout, 10);
+    }
   }
   const std::vector<HANDLE>& handles = impl_->handles;
-  DWORD timeout = milliseconds;
   for (size_t first = 0; first < handles.size();) {
     const DWORD result = WaitForMultipleObjects(static_cast<DWORD>(handles.size() - first),
                                                 handles.data() + first, FALSE, timeout);
