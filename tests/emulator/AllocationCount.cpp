@@ -29,40 +29,21 @@ uint64_t AllocationCount() {
   return allocations;
 }
 
-// All forms, also those that the standard library would bring down to two of them: with a sanitizer
-// the others are its own, and memory must go back to where it came from.
+// The forms that are given back by the two below, also the one that the standard library would
+// bring down to the other: with a sanitizer that one is its own. Arrays come and go by one of
+// these.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++allocations;
-  if (Fails()) return nullptr;
-  return std::malloc(size == 0 ? 1 : size);
+  return Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 void* operator new(std::size_t size) {
   void* memory = operator new(size, std::nothrow);
   if (!memory) throw std::bad_alloc();
   return memory;
 }
-void* operator new[](std::size_t size, const std::nothrow_t& nothrow) noexcept {
-  return operator new(size, nothrow);
-}
-void* operator new[](std::size_t size) {
-  return operator new(size);
-}
-
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
   std::free(memory);
 }

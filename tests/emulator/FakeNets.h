@@ -34,7 +34,7 @@ inline std::shared_ptr<Network::JsonMsg> SetInput(const Network::NetAddr& to) {
 
 class FakeNets {
  public:
-  // A machine that stands still lets an answer run out; Ask takes it all the same.
+  // A machine that stands still lets an answer run out; NextAnswer takes it all the same.
   FakeNets() { Log().Allow(L"No ack received"); }
 
   Network::NetFactory Factory() {
@@ -105,12 +105,6 @@ class FakeNets {
       Tell(port, Network::JsonMsgAck(msg->msg_id), from);
       if (auto answer = std::dynamic_pointer_cast<Answer>(msg)) return answer;
     }
-  }
-  template <typename Answer>
-  std::shared_ptr<Answer> Ask(uint16_t port, const Network::JsonMsg& msg,
-                              const Network::NetAddr& from) {
-    Tell(port, msg, from);
-    return NextAnswer<Answer>(port, from);
   }
 
   static constexpr int kNoRoom = 11;  // the code of what the factory throws
