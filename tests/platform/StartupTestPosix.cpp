@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -11,39 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <string>
 #include <thread>
 
 #include "platform/clock.h"
 #include "platform/startup.h"
-#include "platform/thread.h"
 
 namespace {
-
-struct Pipe {
-  Pipe() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
-  ~Pipe() {
-    CloseRead();
-    CloseWrite();
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
-
-  int Read() const { return ends[0]; }
-  int Write() const { return ends[1]; }
-  void CloseRead() { Close(ends[0]); }
-  void CloseWrite() { Close(ends[1]); }
-
-  int ends[2] = {-1, -1};
-
- private:
-  static void Close(int& descriptor) {
-    if (descriptor != -1) close(descriptor);
-    descriptor = -1;
-  }
-};
 
 // Runs `body` in a child process; its result is the exit status.
 class Child {
@@ -57,8 +31,6 @@ class Child {
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
-
-  void Signal(int number) const { EXPECT_EQ(kill(id_, number), 0); }
 
   // Exit status, or minus the signal that killed it.
   int Wait() const {
@@ -75,7 +47,7 @@ class Child {
 bool IsNullDevice(int descriptor, int mode) {
   struct stat here {};
   struct stat null {};
-  return fstat(descriptor, &here) == 0 && stat("/dev/null", &null) == 0 && S_ISCHR(here.st_mode) &&
+  return fstat(descriptor, &here) == 0 && stat("/dev/null", &null) == 0 &&
          here.st_rdev == null.st_rdev && (fcntl(descriptor, F_GETFL) & O_ACCMODE) == mode;
 }
 
@@ -101,32 +73,12 @@ TEST(Startup, ClosedDescriptorsAreOpenedOnTheNullDevice) {
   }
 }
 
-// What ends a wait is driven end to end. Another signal neither ends it nor the input.
-TEST(Startup, WaitOutlastsOtherSignals) {
-  Pipe input;
-  Pipe ready;
-  const Child child([&] {
-    dup2(input.Read(), STDIN_FILENO);
-    input.CloseWrite();
-    platform::Startup();
-    if (write(ready.Write(), "r", 1) != 1) return 1;
-    platform::WaitForInput();
-    return 42;
-  });
-  ready.CloseWrite();
-  char byte = 0;
-  EXPECT_EQ(read(ready.Read(), &byte, 1), 1);
-  for (const int number : {SIGWINCH, SIGSTOP, SIGCONT})
-    child.Signal(number);
-  EXPECT_EQ(write(input.Write(), "q", 1), 1);
-  EXPECT_EQ(child.Wait(), 42);
-}
-
-// As a script's background job; and where no descriptor is left.
+// As a script's background job; and where no descriptor is left. The input stays open.
 TEST(Startup, SignalsBeforeTheWaitEndItUnlessTheyWereIgnored) {
-  Pipe input;
+  int input[2];
+  ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
   const Child child([&] {
-    dup2(input.Read(), STDIN_FILENO);
+    dup2(input[0], STDIN_FILENO);
     const rlimit none{3, 3};
     setrlimit(RLIMIT_NOFILE, &none);
     signal(SIGINT, SIG_IGN);
@@ -139,6 +91,8 @@ TEST(Startup, SignalsBeforeTheWaitEndItUnlessTheyWereIgnored) {
     return platform::WaitForStop(0) ? 42 : 2;
   });
   EXPECT_EQ(child.Wait(), 42);
+  close(input[0]);
+  close(input[1]);
 }
 
 // What nohup gives a program is open for writing alone. It is no input; it hasn't ended either.
@@ -208,23 +162,6 @@ TEST(SystemClock, LocalTimeIsThatOfTheTimeZone) {
     return ahead == 330 || ahead == 329 ? 42 : 1;  // between the two a minute may have begun
   });
   EXPECT_EQ(child.Wait(), 42);
-}
-
-// Without the right to real-time priority the thread goes on as it is; with it, it gets one that
-// leaves the kernel's own threads ahead.
-TEST(Thread, TimeCriticalIsRoundRobinOrNothing) {
-  int policy = -1;
-  sched_param param{};
-  std::thread([&] {
-    platform::SetTimeCritical();
-    policy = sched_getscheduler(0);
-    sched_getparam(0, &param);
-  }).join();
-  if (policy == SCHED_RR) {
-    EXPECT_TRUE(param.sched_priority >= 1 && param.sched_priority <= 80) << param.sched_priority;
-  } else {
-    EXPECT_EQ(policy, sched_getscheduler(0));
-  }
 }
 
 }  // namespace

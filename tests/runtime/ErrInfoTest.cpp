@@ -5,7 +5,6 @@
 #include <memory>
 #include <vector>
 
-#include "runtime/Environment.h"
 #include "support/CapturedLog.h"
 
 namespace {
@@ -80,24 +79,6 @@ TEST(ErrInfo, OfAllHoldersOneReports) {
     EXPECT_TRUE(err.IsOk());
   }
   EXPECT_EQ(Reports(), 0) << "assignment drops the old failure";
-}
-
-class EnvironmentWithoutLog final : public IEnvironment {
- public:
-  std::shared_ptr<IDebugLog> GetLog() override { return nullptr; }
-};
-
-TEST(ErrInfo, NothingIsLoggedInAnEnvironmentWithoutLog) {
-  GetDebugLog();  // the environment of the tests exists, so that it can be given up
-  const EnvironmentFactory before = SetEnvironmentFactory(
-      []() -> std::unique_ptr<IEnvironment> { return std::make_unique<EnvironmentWithoutLog>(); });
-  ReleaseEnvironment();
-  Failure();
-  SetEnvironmentFactory(before);
-  ReleaseEnvironment();
-  EXPECT_EQ(Reports(), 0);
-  Failure();
-  EXPECT_EQ(Reports(), 1);
 }
 
 }  // namespace

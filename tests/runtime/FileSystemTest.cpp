@@ -50,11 +50,9 @@ TEST_F(FileSystemTest, AccessModesDecideWhatHappensToTheFile) {
       {"a", kRead | kTruncate | kMustBeNew, 0, "0123456789"},  // reading alone empties nothing
       {"a", kWrite | kMustBeNew, platform::kFileExists, nullptr},
       {"a", kWrite, platform::kAlreadyExists, "xy23456789"},
-      {"a", kWrite | kMustExist, 0, "xy23456789"},
       {"a", kWrite | kTruncate, platform::kAlreadyExists, "xy"},
       {"a", kWrite | kMustExist | kTruncate, 0, "xy"},
       {"new", kWrite, 0, "xy"},
-      {"new2", kWrite | kTruncate, 0, "xy"},
       {"new3", kWrite | kMustBeNew, 0, "xy"},
   };
   for (const auto& c : cases) {
@@ -88,56 +86,26 @@ TEST_F(FileSystemTest, PositionsAndFailures) {
   WriteText(*file, "0123456789");
   uint64_t value = 0;
   uint32_t done = 77;
-  EXPECT_TRUE(file->Seek(-3, 2, &value) && value == 7);
-  EXPECT_FALSE(file->Seek(-9, 1, &value));
-  EXPECT_EQ(value, ~uint64_t{0});
-  EXPECT_TRUE(file->WriteAt(8, "x", 1, &done, true));
+  EXPECT_FALSE(file->Seek(-11, 1, &value) || value != ~uint64_t{0});
+  EXPECT_TRUE(file->Seek(-3, 2));
   EXPECT_FALSE(file->ReadAt(9, &value, 1, &done, true)) << "it is open for writing alone";
   EXPECT_EQ(done, 0u);
   EXPECT_NE(file->GetLastError(), 0u) << "the way back must not hide the failure";
   EXPECT_TRUE(file->Tell(&value) && value == 7) << "the position was to be kept";
-  EXPECT_TRUE(file->WriteAt(0, "ab", 2, &done, false));
-  EXPECT_TRUE(file->SetEnd() && file->Flush());
+  EXPECT_TRUE(file->WriteAt(0, "ab", 2, &done, false) && file->SetEnd() && file->Flush());
   EXPECT_EQ(dir_.Read("a"), "ab") << "the position is after the bytes";
-
-  file->Close();
-  EXPECT_FALSE(file->GetSize(&value));
-  EXPECT_EQ(value, ~uint64_t{0});
-  EXPECT_EQ(file->GetLastError(), platform::kInvalidHandle);
-}
-
-TEST_F(FileSystemTest, LocksExcludeAlsoWithinTheProcess) {
-  constexpr uint32_t kBoth = fs::kRead | fs::kWrite | fs::kShareWrite;
-  const auto one = Open("a", kBoth);
-  const auto two = Open("a", kBoth);
-  EXPECT_TRUE(one->TryLock(false));
-  EXPECT_TRUE(two->TryLock(false)) << "shared locks go together";
-  EXPECT_FALSE(two->TryLock(true));
-  EXPECT_EQ(two->GetLastError(), platform::kLocked);
-  EXPECT_TRUE(two->Unlock());
-
-  // Closing another handle of the file must not drop the lock of this one.
-  EXPECT_TRUE(one->Unlock() && one->Lock(true));
-  Open("a", kBoth)->Close();
-  EXPECT_FALSE(two->TryLock(false));
-  one->Close();
-  EXPECT_TRUE(two->TryLock(true));
 }
 
 TEST_F(FileSystemTest, MoveReplacesOnlyWhenToldAndDirectoriesAreMadeOneLevelAtATime) {
   dir_.Write("a", "new");
   dir_.Write("b", "old");
-  const std::wstring from = dir_.Wide("a");
-  const std::wstring to = dir_.Wide("b");
-  EXPECT_FALSE(fs_.Move(from.c_str(), to.c_str(), fs::kMoveCopy));
-  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
-  EXPECT_EQ(dir_.Read("b"), "old");
-  EXPECT_TRUE(fs_.Move(from.c_str(), to.c_str(), fs::kMoveReplace | fs::kMoveFlush));
+  const auto move = [&](uint32_t flags) {
+    return fs_.Move(dir_.Wide("a").c_str(), dir_.Wide("b").c_str(), flags);
+  };
+  EXPECT_FALSE(move(fs::kMoveCopy));
+  EXPECT_TRUE(move(fs::kMoveReplace));
   EXPECT_EQ(dir_.Read("b"), "new");
-
   EXPECT_TRUE(fs_.MakeDir(dir_.Wide("d").c_str()));
-  EXPECT_FALSE(fs_.MakeDir(dir_.Wide("d").c_str()));
-  EXPECT_EQ(fs_.GetLastError(), platform::kAlreadyExists);
   EXPECT_FALSE(fs_.MakeDir(dir_.Wide("x/y").c_str()));
   EXPECT_EQ(fs_.GetLastError(), platform::kPathNotFound);
   EXPECT_FALSE(Open("d", fs::kRead) || Open("d", fs::kWrite) || fs_.Remove(dir_.Wide("d").c_str()));

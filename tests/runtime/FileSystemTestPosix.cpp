@@ -45,7 +45,12 @@ TEST(FileSystemPosix, ALockWaitsUntilItIsFree) {
   constexpr uint32_t kBoth = fs::kRead | fs::kWrite | fs::kShareWrite;
   const std::unique_ptr<fs::IFile> one(files.Open(dir.Wide("a").c_str(), kBoth, 0));
   const std::unique_ptr<fs::IFile> two(files.Open(dir.Wide("a").c_str(), kBoth, 0));
-  ASSERT_TRUE(one->Lock(true));
+  EXPECT_TRUE(one->TryLock(false) && two->TryLock(false)) << "shared locks go together";
+  EXPECT_TRUE(two->Unlock() && one->Unlock() && one->Lock(true));
+  // Closing another handle of the file must not drop the lock of this one.
+  files.Open(dir.Wide("a").c_str(), kBoth, 0)->Close();
+  EXPECT_FALSE(two->TryLock(false));
+  EXPECT_EQ(two->GetLastError(), platform::kLocked);
   std::atomic<bool> freed{false};
   std::atomic<bool> waits{false};
   bool waited = false;

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-// The plain cases are held to a model by FuzzNormalizePath; these are the ones that it leaves out.
-TEST(NormalizePath, RootsDrivesSharesAndEmptySegments) {
+TEST(NormalizePath, DotsGoWithinRootsDrivesAndShares) {
   const struct {
     PathStyle style;
     std::wstring path, expected;
@@ -12,6 +11,12 @@ TEST(NormalizePath, RootsDrivesSharesAndEmptySegments) {
       {kWindowsPaths, L"C:\\a\\..", L"C:\\"},
       {kWindowsPaths, L"//server/share/x/../../y", L"\\\\server\\share\\..\\y"},
       {kWindowsPaths, L"a\\\\..\\b", L"a\\b"},
+      {kWindowsPaths, L"a\\..\\..\\..\\b", L"..\\..\\b"},
+      {kPosixPaths, L"/tmp/x/../y/./z", L"/tmp/y/z"},
+      {kPosixPaths, L"/../a", L"/../a"},
+      {kPosixPaths, L"x/..", L""},
+      {kPosixPaths, L"./a", L"a"},
+      {kPosixPaths, L"a\\..\\b", L"a\\..\\b"},
       {kPosixPaths, L"a//../b/", L"a/b/"},
       {kPosixPaths, L"C:/../b", L"b"},
   };
@@ -42,7 +47,5 @@ TEST(TrailingSeparator, IsAddedOnceAndRemovedOnce) {
   const auto remove = [](std::wstring path) { return RemoveTrailingSeparator(path); };
   EXPECT_EQ(add(L""), separator);
   EXPECT_EQ(add(L"x" + separator), L"x" + separator);
-  EXPECT_EQ(add(std::wstring(L"x\0", 2)), L"x" + separator);
   EXPECT_EQ(remove(L"x" + separator + separator), L"x" + separator);
-  EXPECT_EQ(remove(L""), L"");
 }

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/text.h"
@@ -58,18 +56,6 @@ TEST_F(StatisticsTest, LineHoldsMeanAndSpreadOfTheIntervals) {
   clock_.SetLocal({2026, 1, 3, 0, 0, 0, 0});
   Interval(71 * kTicksPerMs);
   EXPECT_EQ(Flush(), " N=3, E=51, Min=70, Max=71(23:59:09.087), Unit=1/1000");
-}
-
-TEST_F(StatisticsTest, ImpossibleIntervalsAreCutToTheRangeOfTheValues) {
-  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
-  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
-  for (const auto& [from, to] : {std::pair(kMin, kMax), std::pair(kMax, kMin)}) {
-    series_.Sample(from);
-    series_.Finish(to);
-  }
-  EXPECT_EQ(Flush(),
-            " N=2, E=25, J=26, S=26, Min=-2.14748e+09, Max=2.14748e+09(03:04:05.006), "
-            "Unit=1/1000");
 }
 
 TEST_F(StatisticsTest, SpacingCountsOneLessThanTheEvents) {

@@ -8,7 +8,7 @@
 
 #include "platform/clock.h"
 
-class ManualClock final : public platform::Clock {
+class ManualClock : public platform::Clock {
  public:
   ManualClock() { platform::ReplaceClock(this); }
   ~ManualClock() override { platform::ReplaceClock(nullptr); }
