@@ -1,5 +1,5 @@
 // What the socket tests share: addresses of this process alone, far ends that the test plays by
-// hand, and receivers that write down what they are told.
+// hand, and receivers that write down what is reported to them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -71,7 +71,7 @@ inline Failure FailureOf(ErrInfo err) {
   return failure;
 }
 
-// What the worker's thread tells the test's: a condition that the test can wait for.
+// What the worker's thread reports to the test's: a condition that the test can wait for.
 class Watcher {
  public:
   template <typename Change>
@@ -110,11 +110,8 @@ class UdpRecorder final : public Network::IUdpReceiver {
   bool WaitDatagrams(size_t count) const {
     return notes_.WaitFor([&] { return datagrams.size() >= count; });
   }
-  bool WaitErrors(size_t count) const {
-    return notes_.WaitFor([&] { return errors.size() >= count; });
-  }
 
-  std::function<void(Network::IUdpSock*)> onDatagram;  // runs behind the writing down
+  std::function<void(Network::IUdpSock*)> onDatagram;  // runs after the writing down
 
   // Read them when the worker has nothing to add any more.
   std::vector<Bytes> datagrams;
@@ -136,9 +133,7 @@ class Peer {
   // `receiveBuffer` 0: as the system has it.
   void Connect(const Network::NetAddr& peer, uint32_t receiveBuffer = 0) {
     ASSERT_TRUE(socket.OpenTcp().Ok());
-    if (receiveBuffer != 0) {
-      ASSERT_TRUE(socket.SetReceiveBuffer(receiveBuffer).Ok());
-    }
+    ASSERT_TRUE(receiveBuffer == 0 || socket.SetReceiveBuffer(receiveBuffer).Ok());
     ASSERT_TRUE(socket.Connect(peer.Raw()).Ok());
     ASSERT_TRUE(Watch());
   }
