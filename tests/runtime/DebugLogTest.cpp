@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "platform/thread.h"
 #include "runtime/ConsoleLog.h"
 #include "support/ManualClock.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -81,6 +83,21 @@ TEST_F(DebugLogTest, TheConsoleShowsWhatATerminalWouldObey) {
   EXPECT_EQ(shown.substr(37),
             "<\xEF\xBF\xBD>\\u001b\t\\u007f\\u0080\\u009f\xC2\xA0\\u061cx\\u200e\xE2\x80\xA7"
             "\\u2028\\u202e\\u2066\\u2069\xE2\x81\xAA\n\nalone\n");
+}
+
+// Who watches the console should know that there is no log file; once.
+TEST_F(DebugLogTest, TheListenerHearsThatThereIsNoFile) {
+  const TempDir dir;
+  dir.Write("file", "");
+  log_ = CreateDebugLog({.dir = dir.Wide("file"), .name = L"emu"});
+  log_->SetSniffer(&listener_);
+  for (int i = 0; i < 3; ++i)
+    log_->Write(L"a text");
+  log_->SetSniffer(nullptr);
+  const auto isTrouble = [](const std::wstring& line) {
+    return line.find(L"No log file in ") != std::wstring::npos;
+  };
+  EXPECT_EQ(std::count_if(listener_.lines.begin(), listener_.lines.end(), isTrouble), 1);
 }
 
 // The last lines of a run are written just before the listener goes: it must see them, and none

@@ -15,10 +15,6 @@ ErrInfo Failure() {
   return ERR_HERE("Network::Sample::Fail").SetText(L"boom");
 }
 
-ErrInfo Through(int levels) {
-  return levels == 0 ? Failure() : Through(levels - 1);
-}
-
 // How many reports of a failure have reached the log; takes them.
 int Reports() {
   int count = 0;
@@ -48,7 +44,7 @@ TEST(ErrInfo, TextForms) {
 
 TEST(ErrInfo, OfAllHoldersOneReports) {
   {
-    const ErrInfo handedUp = Through(5);
+    const ErrInfo handedUp = Failure();
     EXPECT_EQ(Reports(), 0);
   }
   EXPECT_EQ(Reports(), 1);

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <stdexcept>
 
 #include "platform/errors.h"
-#include "runtime/IFS.h"
 #include "support/CapturedLog.h"
 #include "support/TempDir.h"
 
@@ -51,18 +49,6 @@ TEST_F(TextFilesTest, FailuresNameTheErrorAndThePathAsGiven) {
     fs::ReplaceWholeFile(path.c_str(), L"new");
     EXPECT_NE(Log().TryTake(L"open error: file \"" + path + L"\" Method=fs::WriteWholeFile"), L"");
   }
-}
-
-TEST_F(TextFilesTest, AFileThatIsTooLargeFailsWithoutTakingTheMemory) {
-  {
-    const fs::FsRef fileSystem;
-    const std::unique_ptr<fs::IFile> file(fileSystem.Get()->Open(Path("a").c_str(), fs::kWrite, 0));
-    ASSERT_TRUE(file->Seek(int64_t{5} << 30, 0) && file->SetEnd());  // sparse
-  }
-  std::string bytes;
-  EXPECT_FALSE(fs::ReadWholeFile(Path("a").c_str(), bytes).IsOk());
-  EXPECT_NE(Log().TryTake(L"ErrStr=read error: file \""), L"");
-  EXPECT_LT(bytes.capacity(), 1000u);
 }
 
 TEST_F(TextFilesTest, ReplacingLeavesOneFileWithTheNewText) {
