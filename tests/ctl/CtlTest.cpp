@@ -71,7 +71,7 @@ TEST_F(CtlTest, EveryCommandAnswersPeopleAndPrograms) {
 TEST_F(CtlTest, EveryCommandHasHelpWithAnExampleAndItsStatuses) {
   for (const std::string command :
        {"find", "info", "inputs", "set-inputs", "freq", "fm", "fm-quality", "record", "play",
-        "watch", "check", "up", "relay", "doctor"}) {
+        "watch", "check", "up", "relay", "doctor", "soak"}) {
     const Result help = Ctl({command, "--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("Example:\n  qz640ctl " + command), std::string::npos) << help.out;

@@ -4,8 +4,7 @@
 
 #include "support/System.h"
 
-Process::Process(const std::filesystem::path& program, const Options& options)
-    : takeOutput_(options.takeOutput) {
+Process::Process(const std::filesystem::path& program, const Options& options) {
   PrepareForChildren();
   platform::ChildOptions child;
   child.command = {program.string()};
@@ -30,10 +29,6 @@ void Process::ReadOutput() {
   for (;;) {
     const std::string part = child_.ReadOutput();
     const Clock::time_point now = Clock::now();
-    if (takeOutput_ && !part.empty()) {
-      takeOutput_(part);
-      continue;
-    }
     std::lock_guard lock(mutex_);
     output_ += part;
     for (size_t end; (end = output_.find('\n', lineBegin_)) != std::string::npos;) {

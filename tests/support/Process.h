@@ -6,7 +6,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,8 +29,6 @@ class Process {
   struct Options {
     std::vector<std::string> arguments = {};                            // after the program's name
     std::vector<std::pair<std::string, std::string>> environment = {};  // added or replaced
-    // Gets the child's output as it comes, on a thread of its own; then nothing of it is kept.
-    std::function<void(std::string_view)> takeOutput = {};
   };
 
   static constexpr auto kPatience = std::chrono::seconds(30);
@@ -76,7 +73,6 @@ class Process {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::function<void(std::string_view)> takeOutput_;
   std::vector<Line> lines_;
   std::string output_;
   std::string errors_;

@@ -52,6 +52,13 @@ struct RelayOptions {
   std::vector<std::string> ways;  // LISTEN=TARGET
 };
 
+struct SoakOptions {
+  std::vector<std::string> units;  // empty: all that answer
+  double seconds = 60;
+  uint64_t seed = 1;
+  std::optional<int> pid;  // the emulator's process; none: memory and threads aren't looked at
+};
+
 int RunFind(Session& session, Output& out);
 int RunInfo(Session& session, const std::string& unit, Output& out);
 int RunInputs(Session& session, const std::string& unit, Output& out);
@@ -65,6 +72,7 @@ int RunRecord(Session& session, const RecordOptions& options, Output& out);
 int RunPlay(Session& session, const PlayOptions& options, Output& out);
 int RunWatch(Session& session, const WatchOptions& options, Output& out);
 int RunRelay(Session& session, const RelayOptions& options, Output& out);
+int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
 int RunCheck(Session& session, const std::string& unit, Output& out);
 int RunUp(Session& session, const UpOptions& options, Output& out);

@@ -183,7 +183,7 @@ class Running {
   void WaitReady();
   int WaitCtrlC();
   int RunCommand();
-  void Stop();
+  bool Stop();  // false when the emulator didn't end in good order
   void Announce();
   std::vector<std::pair<std::string, std::string>> Environment() const;
 
@@ -225,8 +225,7 @@ int Running::Run() {
     Stop();
     throw;
   }
-  Stop();
-  return status;
+  return Stop() || status != kDone ? status : kRefused;
 }
 
 void Running::Launch() {
@@ -284,7 +283,8 @@ std::vector<std::pair<std::string, std::string>> Running::Environment() const {
   std::vector<std::pair<std::string, std::string>> variables{
       {"QZ640_ADDR", options_.addr},
       {"QZ640_DISCOVERY", discovery_.ToText()},
-      {"QZ640_UNITS", std::to_string(found_.size())}};
+      {"QZ640_UNITS", std::to_string(found_.size())},
+      {"QZ640_PID", std::to_string(emulator_.Id())}};
   for (size_t i = 0; i < found_.size(); ++i) {
     const std::string prefix = "QZ640_UNIT" + std::to_string(i) + "_";
     variables.emplace_back(prefix + "ID", found_[i].id);
@@ -328,13 +328,18 @@ int Running::RunCommand() {
   }
 }
 
-void Running::Stop() {
+bool Running::Stop() {
   emulator_.WriteInput("\n");
   emulator_.CloseInput();
-  if (!emulator_.Wait(kStopMs)) {
+  const auto status = emulator_.Wait(kStopMs);
+  if (!status) {
     out_.Error("the emulator didn't stop within ten seconds and was ended");
     emulator_.Kill();
+  } else if (*status != 0) {
+    out_.Error("the emulator ended with status " + std::to_string(*status) +
+               "; --show-log shows why");
   }
+  return status == 0;
 }
 
 }  // namespace

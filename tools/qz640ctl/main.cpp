@@ -33,6 +33,7 @@ class CommandLine {
     AddCheck();
     AddUp();
     AddRelay();
+    AddSoak();
   }
 
   int Run(int argc, char** argv) {
@@ -215,6 +216,26 @@ class CommandLine {
     relay->add_option("--jitter", relay_.faults.jitterMs, "Up to so many milliseconds more");
   }
 
+  void AddSoak() {
+    CLI::App* soak = AddTo(
+        Add("soak",
+            "Put units under all that a network can send, and judge them. Floods their control "
+            "ports, the discovery port at their addresses and their outputs; takes their inputs "
+            "and gives them back; changes nothing else",
+            "qz640ctl soak studio-a --seconds 600",
+            [this](Session& session, Output& out) { return RunSoak(session, soak_, out); }));
+    soak->add_option("UNIT", soak_.units, "Unit ids or addresses (default: all that answer)");
+    soak->add_option("--seconds", soak_.seconds, "Length")
+        ->check(CLI::Range(4.0, 1e7))
+        ->capture_default_str();
+    soak->add_option("--seed", soak_.seed, "Decides what is sent")->capture_default_str();
+    soak->add_option("--pid", soak_.pid,
+                     "The emulator's process: its memory, threads and descriptors are judged too "
+                     "(default: the one that \"up\" has started)")
+        ->envname("QZ640_PID");
+    AddLocal(soak);
+  }
+
   void AddLocal(CLI::App* command) {
     command->add_option("--local", common_.local,
                         "Own address to take streams at (default: the one that faces the unit)");
@@ -232,6 +253,7 @@ class CommandLine {
   WatchOptions watch_;
   UpOptions up_;
   RelayOptions relay_;
+  SoakOptions soak_;
   Action run_;
 };
 
