@@ -102,22 +102,3 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   manager_->RecvAudio(buffers.pointers, 0);
   EXPECT_NE(Log().TryTake(L"Updafined payloadType"), L"");
 }
-
-TEST_F(RtpAudioManagerTest, ASlowTickIsLogged) {
-  Init(1, 0);
-  class SlowClock final : public platform::Clock {
-   public:
-    int64_t Counter() override { return counter += 30'000; }
-    int64_t WallSeconds() override { return 0; }
-    platform::LocalTime Local() override { return {}; }
-    void Sleep(uint32_t) override {}
-    void SleepUntil(int64_t) override {}
-    int64_t counter = 0;
-  } slow;
-  platform::ReplaceClock(&slow);
-  Buffers buffers(1);
-  EXPECT_TRUE(manager_->RecvAudio(buffers.pointers, kCount).IsOk());
-  platform::ReplaceClock(&clock_);
-  EXPECT_NE(Log().TryTake(L" ms : RtpAudioManager::RecvAudio"), L"");
-  EXPECT_NE(Log().TryTake(L"LOCK: RtpManager::RecvChansLock"), L"");
-}

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "support/CapturedLog.h"
@@ -13,21 +14,6 @@ using Network::RtpManagerInfo;
 using Network::RtpPacket;
 
 namespace {
-
-// Keeps the positions that a stream reports.
-class Target final : public Network::ISyncTarget {
- public:
-  void OnSync(Network::ISyncSource* from, int64_t pos, uint32_t freq) override {
-    source = from;
-    positions.push_back(pos);
-    frequency = freq;
-  }
-  std::vector<int64_t> Take() { return std::exchange(positions, {}); }
-
-  Network::ISyncSource* source = nullptr;
-  uint32_t frequency = 0;
-  std::vector<int64_t> positions;
-};
 
 class RtpManagerTest : public testing::Test {
  protected:
@@ -100,27 +86,24 @@ TEST_F(RtpManagerTest, PositionAndSeriesAreLoggedOnceAMinute) {
   EXPECT_NE(Log().TryTake(L"STATISTICS: Unit.RtpManager.Send: N=2, E=4, J=0"), L"");
 }
 
-TEST_F(RtpManagerTest, TargetsHearTheTimestampsAndMinusOneAtEachAnchoring) {
-  Target target;
+// What they hear of each packet, fuzz/FuzzRtpManager holds against its model.
+TEST_F(RtpManagerTest, TargetsHearThePositionUntilTheyGo) {
+  class Target final : public Network::ISyncTarget {
+   public:
+    void OnSync(Network::ISyncSource* from, int64_t pos, uint32_t frequency) override {
+      heard.emplace_back(from, pos, frequency);
+    }
+    std::vector<std::tuple<Network::ISyncSource*, int64_t, uint32_t>> heard;
+  } target;
   manager_.AddTarget(&target);
   Init(1, 0);
   Packet(10, 0xFFFFFF00);
-  EXPECT_EQ(target.Take(), (std::vector<int64_t>{-1, 0xFFFFFF00}));
-  EXPECT_EQ(target.source, &manager_);
-  EXPECT_EQ(target.frequency, 48000u);
   Packet(11, 0x00000010);  // over the end of 32 bits
-  EXPECT_EQ(target.Take(), std::vector<int64_t>{0x100000010});
-  Packet(11, 0x00000010);  // the same again
-  Packet(12, 0xFFFFFFFF);  // a timestamp that goes back
-  EXPECT_EQ(target.Take(), std::vector<int64_t>{});
-  Packet(100, 0xFFFFFFFF);  // a new stream whose timestamp is behind: told without its position
-  EXPECT_EQ(target.Take(), std::vector<int64_t>{-1});
-  Packet(101, 0);
-  EXPECT_EQ(target.Take(), std::vector<int64_t>{0x100000000});
-
   EXPECT_TRUE(manager_.DelTarget(&target).IsOk());
-  Packet(102, 500);
-  EXPECT_EQ(target.Take(), std::vector<int64_t>{});
+  Packet(12, 500);
+  const decltype(target.heard) expected = {
+      {&manager_, -1, 48000}, {&manager_, 0xFFFFFF00, 48000}, {&manager_, 0x100000010, 48000}};
+  EXPECT_EQ(target.heard, expected);
   manager_.DelTarget(&target);
   EXPECT_NE(Log().TryTake(L"ErrStr=Sync target not found"), L"");
 }
@@ -133,9 +116,6 @@ TEST_F(RtpManagerTest, InitAgainReplacesTheChannelsAndKeepsThePosition) {
     EXPECT_TRUE(net_.Sock(i)->destroyed);
     EXPECT_FALSE(Sock(i).destroyed);
   }
-  EXPECT_EQ(manager_.GetRecvChanCount(), 1u);
-  EXPECT_EQ(manager_.GetSendChanCount(), 2u);
-  EXPECT_EQ(Sock(0).Info().BindAddr, Addr(L"127.0.0.1:8002"));
   EXPECT_EQ(Sock(0).Info().MaxPacketSize, 1432u);
   EXPECT_FALSE(Sock(1).Info().BindAddr.IsDefined());
   Log().Clear();
@@ -148,31 +128,22 @@ TEST_F(RtpManagerTest, InitAgainReplacesTheChannelsAndKeepsThePosition) {
   manager_.Init(RtpManagerInfo());
   EXPECT_NE(Log().TryTake(L"ErrStr=SampleFreq con not be 0"), L"");
   EXPECT_EQ(manager_.GetSendChanCount(), 2u);
-  RtpManagerInfo info;
-  info.SampleFreq = 48000;
-  manager_.Init(info);
-  EXPECT_NE(Log().TryTake(L"ErrStr=PacketSmplSize rate con not be 0"), L"");
 }
 
 TEST_F(RtpManagerTest, SentPacketsOfATickCarryOneNumberAndTheCountersRunAlways) {
   Init(0, 2);
   Send(2);  // no address yet
   manager_.Start();
-  EXPECT_TRUE(manager_.IsStarted());
   manager_.SetSendChanAddr(1, Addr(L"10.0.0.1:9002"));
   Send(2);
-  EXPECT_FALSE(manager_.GetSendChanAddr(0).IsDefined());
   EXPECT_EQ(manager_.GetSendChanAddr(1), Addr(L"10.0.0.1:9002"));
-  EXPECT_FALSE(manager_.GetSendChanAddr(2).IsDefined());
   EXPECT_TRUE(Sock(0).Sent().empty());
   ASSERT_EQ(Sock(1).Sent().size(), 1u);
-  EXPECT_EQ(Sock(1).Sent()[0].to, Addr(L"10.0.0.1:9002"));
   EXPECT_EQ(Sock(1).Sent()[0].bytes,
             wire::EncodePacket({.sequence = 1, .timestamp = 192}, wire::Frames(1)));
 
   // Neither a new start nor new channels reset them; they are cut to their bits on the wire.
   manager_.Stop();
-  EXPECT_FALSE(manager_.IsStarted());
   Init(0, 1);
   for (int i = 2; i < 65536; ++i)
     Send(0);

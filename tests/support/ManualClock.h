@@ -1,8 +1,10 @@
-// A clock that only the test moves.
+// A clock that only the test moves; or one that leaps: it stands still until somebody sleeps until
+// a later time, and then that time has come, so that a thread runs through minutes in an instant.
 #pragma once
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 
@@ -36,8 +38,16 @@ class ManualClock : public platform::Clock {
     return local_;
   }
   void Sleep(uint32_t milliseconds) override { AdvanceMs(milliseconds); }
-  // Doesn't move the clock: a thread that sleeps so looks at what the test has made of it.
-  void SleepUntil(int64_t) override { std::this_thread::sleep_for(std::chrono::microseconds(100)); }
+  // Unless it leaps there, the clock isn't moved: a thread that sleeps so looks at what the test
+  // has made of it.
+  void SleepUntil(int64_t counter) override {
+    ++wakings;
+    if (counter > leapEnd) return std::this_thread::sleep_for(std::chrono::microseconds(100));
+    if (counter > counter_) counter_ = counter;
+  }
+
+  std::atomic<int64_t> leapEnd{INT64_MIN};  // it leaps no further
+  std::atomic<int64_t> wakings{0};
 
  private:
   std::atomic<int64_t> counter_{1'000'000'000};
