@@ -72,52 +72,39 @@ def type_of(value, name):
     return reference or {"string": "text", "array": "list of text"}[value["type"]]
 
 
-@pytest.fixture
-def emulator(tmp_path):
+def run(tmp_path, text):
     """Starts the emulator on a settings file, lets it end at once, gives its output and the file."""
     program = tmp_path / "qz640emu"
     shutil.copy(os.environ["QZ640EMU"], program)
     settings = tmp_path / "qz640emu.json"
-
-    def run(text=None):
-        if text is not None:
-            settings.write_text(text, encoding="utf-8")
-        output = subprocess.run([program], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                                timeout=30, check=True, env={"TMPDIR": str(tmp_path)}).stdout
-        return output, settings.read_text(encoding="utf-8")
-
-    return run
+    settings.write_text(text, encoding="utf-8")
+    output = subprocess.run([program], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                            timeout=30, check=True, env={"TMPDIR": str(tmp_path)}).stdout
+    return output, settings.read_text(encoding="utf-8")
 
 
-@pytest.mark.parametrize("text", [
-    None,
-    "{}",
-    '{"units":[{}, {"UnitType":"QZ820","UnitId":"Küche","Mode":3,"Speed":2,"SampleFreq":44100}]}',
-])
-def test_settings_that_the_program_writes(emulator, text):
+def test_settings_that_the_program_writes(tmp_path):
     check = validator("settings.json")
-    assert text is None or check.is_valid(json.loads(text))
-    output, written = emulator(text)
+    text = '{"units":[{}, {"UnitType":"QZ820","UnitId":"Küche","Mode":3,"Speed":2,"SampleFreq":44100}]}'
+    assert check.is_valid({}) and check.is_valid(json.loads(text))
+    output, written = run(tmp_path, text)
     assert " Start OK" in output
     assert check.is_valid(json.loads(written)), written
-    assert all(key in written for key in check.schema["properties"] if key != "units" or text)
+    assert all(key in written for key in check.schema["properties"])
 
 
 @pytest.mark.parametrize("text", [
     "[]",
     '{"AddrStr":5}',
-    '{"BasePort":"8000"}',
     '{"BroadcastPort":4294967296}',
     '{"units":{}}',
-    '{"units":[7]}',
     '{"units":[{"UnitType":null}]}',
-    '{"units":[{"UnitId":1}]}',
     '{"units":[{"Mode":1.5}]}',
     '{"units":[{"Speed":"2"}]}',
     '{"units":[{"SampleFreq":96000}]}',
 ])
-def test_settings_that_the_program_refuses(emulator, text):
+def test_settings_that_the_program_refuses(tmp_path, text):
     assert not validator("settings.json").is_valid(json.loads(text))
-    output, written = emulator(text)
+    output, written = run(tmp_path, text)
     refused = written == text and "is left as it is" in output
     assert refused or " Init FAILED. ERR=" in output
