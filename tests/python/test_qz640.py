@@ -108,6 +108,17 @@ def test_what_a_unit_does_not_take_is_an_error(qz640):
     assert net[1].inputs[1].hear(0.1).rate == 44100
 
 
+def test_faults_are_survived_and_streams_come_through(qz640):
+    net = qz640.up("2xQZ820", faults=["ack of set_inputs: lost 2 times", "get_fm_freq: error 2"])
+    net[0].inputs[2].send_to(("127.0.0.1", 9000))
+    assert net[0].inputs[2].destination == ("127.0.0.1", 9000)
+    assert net[0].inputs[2].hear(1.0).peak_db > -20
+    with pytest.raises(qz.Refused, match="mismatch"):
+        net[1].tuner_frequencies()
+    with pytest.raises(qz.ToolFailed, match="reboot for TIME"):
+        qz640.up(faults=["reboots"])
+
+
 def stubborn(endpoint, arrivals, acknowledged):
     """A unit that acknowledges only the fourth transmission, and answers with 3,000 bytes in
     segments, each datagram of them two times."""

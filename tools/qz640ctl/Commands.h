@@ -43,6 +43,9 @@ struct UpOptions {
   std::optional<int32_t> port;  // of discovery, the units' from 2 further on; none: free ones
   std::string emulator;         // path; empty: the one beside this program
   bool showLog = false;
+  std::vector<std::string> faults;   // as wire::ParseFault takes them
+  std::string faultFile;             // path; empty: none
+  uint64_t seed = 1;                 // of the faults
   std::vector<std::string> command;  // empty: until Ctrl-C
 };
 

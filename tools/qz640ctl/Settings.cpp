@@ -39,18 +39,6 @@ void Take(const Json& object, const char* key, double& value) {
   value = found->get<double>();
 }
 
-// The emulator takes hexadecimal digits in upper case alone.
-bool HasLowerCaseEscape(const std::string& text) {
-  for (size_t i = 0; i + 1 < text.size(); ++i) {
-    if (text[i] != '\\') continue;
-    ++i;
-    if (text[i] == 'u' && text.substr(i + 1, 4).find_first_of("abcdef") != std::string::npos) {
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace
 
 Settings Settings::Read(const std::filesystem::path& path) {
@@ -59,7 +47,7 @@ Settings Settings::Read(const std::filesystem::path& path) {
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   if (text.starts_with("\xEF\xBB\xBF"))
     throw BadSettings("a byte order mark stands before the text");
-  if (HasLowerCaseEscape(text)) {
+  if (wire::HasLowerCaseEscape(text)) {
     throw BadSettings("the hexadecimal digits of \\u escapes must be in upper case");
   }
   Json object;

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Commands.h"
+#include "FaultRelay.h"
 #include "Settings.h"
 #include "platform/child.h"
 #include "platform/startup.h"
@@ -181,6 +182,7 @@ class Running {
   void Launch();
   void WaitStart(OutputReader& reader);
   void WaitReady();
+  void StartFaults();
   int WaitCtrlC();
   int RunCommand();
   bool Stop();  // false when the emulator didn't end in good order
@@ -194,6 +196,8 @@ class Running {
   Settings settings_;
   wire::Endpoint discovery_;
   std::vector<Unit> found_;
+  int32_t portsBefore_ = 0;  // from the emulator's to those that are shown, with faults
+  std::optional<FaultRelay> faults_;
   platform::Child emulator_;
 };
 
@@ -201,10 +205,17 @@ Running::Running(Session& session, const UpOptions& options, Output& out)
     : session_(session), options_(options), out_(out) {
   settings_.addr = options_.addr;
   settings_.units = ParseUnits(options_.units, options_.mode);
+  if (!options_.faults.empty() || !options_.faultFile.empty()) faults_.emplace(options_);
   uint32_t ports = 2;  // in front: discovery
   for (const UnitSettings& unit : settings_.units)
     ports += unit.Model().Ports();
-  settings_.broadcastPort = options_.port ? *options_.port : FindFreePorts(options_.addr, ports);
+  // With faults, what stands before the units has the ports that they would have had.
+  const uint32_t block = faults_ ? 2 * ports : ports;
+  const int32_t shown = options_.port ? *options_.port : FindFreePorts(options_.addr, block);
+  settings_.broadcastPort = !faults_         ? shown
+                            : !options_.port ? shown + static_cast<int32_t>(ports)
+                                             : FindFreePorts(options_.addr, ports);
+  portsBefore_ = settings_.broadcastPort - shown;
   settings_.basePort = settings_.broadcastPort + 2;
   // Units that listen on all addresses are reached at loopback too.
   const std::string reached = options_.addr == "0.0.0.0" ? "127.0.0.1" : options_.addr;
@@ -219,6 +230,7 @@ int Running::Run() {
     WaitStart(reader);
     WaitReady();
     reader.Forget();
+    if (faults_) StartFaults();
     Announce();
     status = options_.command.empty() ? WaitCtrlC() : RunCommand();
   } catch (...) {
@@ -265,6 +277,7 @@ int Running::WaitCtrlC() {
     if (emulator_.Wait(0)) {
       throw Failure{kRefused, "the emulator has ended by itself; --show-log shows why"};
     }
+    if (faults_) faults_->Refresh(out_);
   }
   return kDone;
 }
@@ -277,6 +290,23 @@ void Running::WaitReady() {
                                std::to_string(settings_.units.size()) +
                                " units answered the discovery at " + discovery_.ToText() +
                                " in time; give it longer with --timeout, or look with --show-log"};
+}
+
+// From here on the units are known by the addresses of what stands before them.
+void Running::StartFaults() {
+  wire::FaultyUnitsInfo info;
+  info.realDiscovery = discovery_;
+  info.local = discovery_.address;
+  info.seed = options_.seed;
+  discovery_.port = static_cast<uint16_t>(discovery_.port - portsBefore_);
+  info.discovery = {ParseEndpoint(options_.addr, 0).address, discovery_.port};
+  for (Unit& unit : found_) {
+    const Unit real = unit;
+    unit.control.port = static_cast<uint16_t>(unit.control.port - portsBefore_);
+    unit.rtpPort = static_cast<uint16_t>(unit.rtpPort - portsBefore_);
+    info.units.push_back({real, unit});
+  }
+  faults_->Start(info);
 }
 
 std::vector<std::pair<std::string, std::string>> Running::Environment() const {
@@ -323,6 +353,7 @@ int Running::RunCommand() {
       }
       return *status;
     }
+    if (faults_) faults_->Refresh(out_);
     // The terminal has sent Ctrl-C to the command too; a signal from elsewhere it gets here.
     if (platform::WaitForStop(0)) command.Terminate();
   }

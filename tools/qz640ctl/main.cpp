@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "platform/startup.h"
+#include "wire/Fault.h"
 
 namespace {
 
@@ -194,6 +195,13 @@ class CommandLine {
         ->check(CLI::Range(1, 65000));
     up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)");
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
+    up->add_option("--fault", up_.faults, "Let the units misbehave, as said below; repeatable")
+        ->allow_extra_args(false);
+    up->add_option("--fault-file", up_.faultFile,
+                   "The same, a line each, # for comments; read again whenever it changes");
+    up->add_option("--seed", up_.seed, "Decides what faults by per cent hit, and jitter")
+        ->capture_default_str();
+    up->footer(up->get_footer() + "\n\n" + std::string(wire::FaultHelp()));
     up->add_option("COMMAND", up_.command,
                    "What to run, with QZ640_DISCOVERY, QZ640_UNIT0_CONTROL and so on in its "
                    "environment (default: until Ctrl-C)");

@@ -91,6 +91,17 @@ std::string ToText(const Json& object) {
   return text;
 }
 
+bool HasLowerCaseEscape(std::string_view text) {
+  for (size_t i = 0; i + 1 < text.size(); ++i) {
+    if (text[i] != '\\') continue;
+    ++i;
+    if (text[i] == 'u' && text.substr(i + 1, 4).find_first_of("abcdef") != std::string_view::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
 Bytes Encode(const Json& object, const Bytes& attachment) {
   const std::string text = ToText(object);
   Bytes bytes(text.begin(), text.end());

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "wire/Endpoint.h"
 
@@ -38,6 +39,9 @@ struct Message {
 // Texts within are escaped as units take them: hexadecimal digits in upper case, and nothing above
 // U+001F escaped that needn't be.
 std::string ToText(const Json& object);
+
+// A \u escape with a digit in lower case, which most JSON writers make and no unit takes.
+bool HasLowerCaseEscape(std::string_view text);
 
 // A datagram. `att` isn't added.
 Bytes Encode(const Json& object, const Bytes& attachment = {});
