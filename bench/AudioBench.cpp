@@ -1,6 +1,7 @@
 // The audio of a tick, without the socket calls.
 #include <benchmark/benchmark.h>
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -111,8 +112,7 @@ void BM_PacketFromFloat(benchmark::State& state) {
   RtpPacket packet;
   packet.Create(100, kCount);
   for (auto _ : state) {
-    packet.SetAudioPayloadChan(samples.data(), 0, 1);
-    packet.SetAudioPayloadChan(samples.data(), 1, 1);
+    packet.SetAudioPayload(samples.data(), samples.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * 2 * kCount);
@@ -120,16 +120,26 @@ void BM_PacketFromFloat(benchmark::State& state) {
 BENCHMARK(BM_PacketFromFloat);
 
 void BM_PacketToFloat(benchmark::State& state) {
-  std::vector<float> samples(kCount);
+  std::vector<float> left(kCount), right(kCount);
   RtpPacket packet;
   packet.Create(100, kCount);
   for (auto _ : state) {
-    packet.GetAudioPayloadChan(samples.data(), 0, 1);
-    packet.GetAudioPayloadChan(samples.data(), 1, 1);
+    packet.GetAudioPayload(left.data(), right.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * 2 * kCount);
 }
 BENCHMARK(BM_PacketToFloat);
+
+// What memory takes for as many samples, whatever is done with them.
+void BM_PacketCopied(benchmark::State& state) {
+  const std::vector<float> samples(2 * kCount, 0.25f);
+  std::vector<float> copy(samples.size());
+  for (auto _ : state) {
+    std::memcpy(copy.data(), samples.data(), samples.size() * sizeof(float));
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_PacketCopied);
 
 }  // namespace
