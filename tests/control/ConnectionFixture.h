@@ -41,18 +41,13 @@ class Connection : public testing::Test {
   void LoseAllAcks() {
     for (int i = 0; i < 5; ++i)
       RunIntoTimeout();
-    EXPECT_NE(Log().TryTake(kNoAck), L"");
+    EXPECT_NE(Log().TryTake(L"Protocol error. No ack received "
+                            L"Method=Network::JsonUdpConnect::SetError"),
+              L"");
   }
 
   void Send(const std::shared_ptr<Network::JsonMsg>& msg) {
     EXPECT_TRUE(connect.Send(msg, peer).IsOk());
-  }
-
-  std::shared_ptr<Network::JsonMsg> SendLong(size_t size) {
-    auto msg = std::make_shared<Network::JsonMsgGetState>();
-    msg->attachment = PatternBytes(size);
-    Send(msg);
-    return msg;
   }
 
   // What has gone out since the latest call.
@@ -74,10 +69,7 @@ class Connection : public testing::Test {
 
   void Ack(uint32_t id) { Deliver(Network::JsonMsgAck(id)); }
 
-  void Deliver(const Network::JsonMsg& msg) { DeliverFrom(peer, msg); }
-  void DeliverFrom(const Network::NetAddr& from, const Network::JsonMsg& msg) {
-    EXPECT_TRUE(Sock().Deliver(ToDatagram(msg), from));
-  }
+  void Deliver(const Network::JsonMsg& msg) { EXPECT_TRUE(Sock().Deliver(ToDatagram(msg), peer)); }
 
   // A request of the peer with that number.
   void Request(uint32_t id) {
@@ -85,8 +77,6 @@ class Connection : public testing::Test {
     msg.msg_id = id;
     Deliver(msg);
   }
-
-  static constexpr wchar_t kNoAck[] = L"Protocol error. No ack received";
 
   ManualClock clock;
   const Network::NetAddr peer = Addr(L"10.1.2.3:4567");

@@ -40,41 +40,40 @@ class DatagramManager : public testing::Test {
   JsonUdpManager manager{L"unit", &net};
 };
 
-TEST_F(DatagramManager, SendsOneDatagramThenTellsThenLogs) {
+TEST_F(DatagramManager, SendsOneDatagramThenReportsThenLogs) {
   size_t linesBefore = 99;
   user.onSent = [&](const auto&) { linesBefore = Log().Count(L"MSG:"); };
   Start();
   EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
-
   const auto sent = net.LastSock()->Sent();
   ASSERT_EQ(sent.size(), 1U);
   EXPECT_EQ(sent[0].bytes, ToDatagram(*msg));
   EXPECT_EQ(sent[0].to, peer);
   EXPECT_EQ(linesBefore, 0U);
   EXPECT_EQ(user.Source(), &manager);
-  EXPECT_EQ(Log().Lines(), std::vector<std::wstring>{
-                               L"unit: MSG: -> (10.1.2.3:4567) get_state : {\"msg\":\"get_state\","
-                               L"\"msg_id\":" +
-                               std::to_wstring(msg->msg_id) + L"}"});
+  const std::wstring line = L": MSG: -> (10.1.2.3:4567) get_state : " + msg->ToString();
+  EXPECT_EQ(Log().Lines(), std::vector<std::wstring>{L"unit" + line});
+
+  JsonUdpManager nameless(L"", &net);
+  EXPECT_TRUE(nameless.Init(info).IsOk() && nameless.Start().IsOk());
+  EXPECT_TRUE(nameless.SendDirect(msg, peer).IsOk());
+  EXPECT_EQ(Log().Lines().back(), L"JsonUdpManager" + line);
 }
 
 TEST_F(DatagramManager, ReceivesLogsThenDelivers) {
-  size_t linesBefore = 0;
-  user.onReceived = [&](const auto&, const NetAddr&) { linesBefore = Log().Count(L"MSG:"); };
+  user.onReceived = [&](const auto&, const NetAddr&) { EXPECT_EQ(Log().Count(L"MSG:"), 1U); };
   Start();
   JsonMsgAck ack(41);
   ack.msg_id = 42;
   EXPECT_TRUE(net.LastSock()->Deliver(ToDatagram(ack), peer));
-
   ASSERT_EQ(user.Received().size(), 1U);
   EXPECT_EQ(user.Received()[0].from, peer);
-  EXPECT_EQ(linesBefore, 1U);
   EXPECT_EQ(
       Log().Lines()[0],
       L"unit: MSG: <- (10.1.2.3:4567) ack : {\"ack_msg_id\":41,\"msg\":\"ack\",\"msg_id\":42}");
 }
 
-TEST_F(DatagramManager, TellsWhyItCannotSend) {
+TEST_F(DatagramManager, SaysWhyItCannotSend) {
   ExpectSendFails(peer, L"Bad socket Method=Network::JsonUdpManager::SendDirect");
   // Both are missing: the later test has the word.
   ExpectSendFails(NetAddr(), L"Bad send address Method=Network::JsonUdpManager::SendDirect");
@@ -89,20 +88,6 @@ TEST_F(DatagramManager, TellsWhyItCannotSend) {
   ExpectSendFails(NetAddr(), L"Can not deserialize msg. Packet too small");
 }
 
-TEST_F(DatagramManager, GivenAddressBeatsTheDefault) {
-  info.SendAddr = Addr(L"10.0.0.1:1");
-  Start();
-  EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
-  EXPECT_TRUE(manager.SendDirect(msg, NetAddr()).IsOk());
-  EXPECT_TRUE(manager.SetDefaultSendAddr(Addr(L"10.0.0.2:2")).IsOk());
-  EXPECT_TRUE(manager.SendDirect(msg, NetAddr()).IsOk());
-  const auto sent = net.LastSock()->Sent();
-  ASSERT_EQ(sent.size(), 3U);
-  EXPECT_EQ(sent[0].to, peer);
-  EXPECT_EQ(sent[1].to, Addr(L"10.0.0.1:1"));
-  EXPECT_EQ(sent[2].to, Addr(L"10.0.0.2:2"));
-}
-
 TEST_F(DatagramManager, FilterVetoesInSilence) {
   struct Veto final : IJsonUdpSendFilter {
     bool MaySend(IJsonUdpManager*, const std::shared_ptr<JsonMsg>& m) override {
@@ -112,9 +97,7 @@ TEST_F(DatagramManager, FilterVetoesInSilence) {
   info.SendFilter = &veto;
   Start();
   EXPECT_TRUE(manager.SendDirect(msg, peer).IsOk());
-  EXPECT_EQ(net.LastSock()->Sent().size(), 0U);
-  EXPECT_EQ(user.Sent().size(), 0U);
-  EXPECT_EQ(Log().Lines().size(), 0U);
+  EXPECT_EQ(net.LastSock()->Sent().size() + user.Sent().size() + Log().Lines().size(), 0U);
   EXPECT_TRUE(manager.SendDirect(std::make_shared<JsonMsgDevFind>(), peer).IsOk());
   EXPECT_EQ(net.LastSock()->Sent().size(), 1U);
 }
@@ -141,14 +124,6 @@ TEST_F(DatagramManager, HoldsOfAnAttachmentWhatHasCome) {
   EXPECT_EQ(user.Received()[0].msg->attachment.capacity(), 0U);
 }
 
-TEST_F(DatagramManager, HasANameInTheLogWithoutOne) {
-  JsonUdpManager nameless(L"", &net);
-  EXPECT_TRUE(nameless.Init(info).IsOk());
-  EXPECT_TRUE(nameless.Start().IsOk());
-  EXPECT_TRUE(nameless.SendDirect(msg, peer).IsOk());
-  EXPECT_EQ(Log().Count(L"JsonUdpManager: MSG: -> "), 1U);
-}
-
 TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
   Start();
   EXPECT_TRUE(manager.Start().IsOk());
@@ -158,12 +133,9 @@ TEST_F(DatagramManager, RestartsWithTheSameOptionsOnANewSocket) {
   EXPECT_EQ(opened.BindAddr, info.BindAddr);
   EXPECT_EQ(opened.MaxPacketSize, 500U);
   EXPECT_TRUE(opened.Broadcast);
-  EXPECT_FALSE(opened.SendAddr.IsDefined());
 
   EXPECT_TRUE(manager.Init(info).IsOk()) << "Init stops";
-  EXPECT_FALSE(manager.IsStarted());
-  EXPECT_FALSE(net.Sock(1)->IsOpen());
-
+  EXPECT_FALSE(manager.IsStarted() || net.Sock(1)->IsOpen());
   net.failOpen = true;
   EXPECT_FALSE(manager.Start().IsOk());
   EXPECT_NE(Log().TryTake(L"open failed"), L"");
