@@ -10,7 +10,9 @@
 
 namespace ctl {
 
-// Throws Failure when the file exists (unless `overwrite`) or can't be made.
+// A WAV file, from 4 GiB (some 4 hours at 48000 Hz) on an RF64 one (EBU Tech 3306). Its header is
+// brought up to date once a second, so that a program that is killed leaves all but the last second
+// to be read. Throws Failure when the file exists (unless `overwrite`) or can't be made.
 class WavWriter {
  public:
   WavWriter(const std::string& path, uint32_t sampleFreq, bool overwrite);
