@@ -6,6 +6,7 @@
 
 #include "AudioFile.h"
 #include "Commands.h"
+#include "Printable.h"
 #include "Recorder.h"
 #include "platform/startup.h"
 #include "platform/thread.h"
@@ -188,7 +189,7 @@ std::vector<std::string> ToRow(Watched& row, Output& out) {
   const double left = row.stats.TakePeak(0);
   const double right = row.stats.TakePeak(1);
   const uint64_t lost = row.stats.Lost();
-  return {row.unit.id,
+  return {PrintableCell(row.unit.id),
           std::to_string(row.input),
           FormatMeter(left, kMeterWidth) + " " + FormatMeter(right, kMeterWidth),
           FormatNumber(row.rate, 1),

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "Commands.h"
+#include "Printable.h"
 #include "platform/startup.h"
 #include "wire/Link.h"
 
@@ -352,7 +353,8 @@ void CheckReport::Add(const std::string& name, const Finding& finding) {
   word.resize(16, ' ');
   std::string padded = name;
   padded.resize(std::max<size_t>(padded.size(), 26), ' ');
-  out_.Line(out_.Paint(ColourOf(finding.verdict), word) + padded + "  " + finding.figure);
+  out_.Line(out_.Paint(ColourOf(finding.verdict), word) + padded + "  " +
+            Printable(finding.figure));
 }
 
 void CheckReport::Judge(const std::string& name, Clock::duration tolerated,
@@ -396,7 +398,8 @@ Unit FindUnitToCheck(Session& session, const std::string& name) {
 
 int RunCheck(Session& session, const std::string& name, Output& out) {
   const Unit unit = FindUnitToCheck(session, name);
-  out.Line("checking " + unit.id + " (" + unit.type + ") at " + unit.control.ToText());
+  out.Line("checking " + Printable(unit.id) + " (" + Printable(unit.type) + ") at " +
+           unit.control.ToText());
   CheckReport report(session, unit, out);
   ControlTour(session, unit, report).Run();
   try {

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "Commands.h"
+#include "Printable.h"
 #include "Settings.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
@@ -58,7 +59,7 @@ class Doctor {
   void Print(const char* topic, const std::string& text, bool problem, Fields fields) {
     fields.Add("topic", topic).Add("finding", text).Add("problem", problem ? 1 : 0);
     out_.Object(fields);
-    out_.Line((problem ? out_.Paint(Colour::Red, "! ") : "  ") + text);
+    out_.Line((problem ? out_.Paint(Colour::Red, "! ") : "  ") + Printable(text));
   }
 
   // `fields` are for programs, beside topic and text.

@@ -8,6 +8,7 @@
 #include <locale>
 #include <sstream>
 
+#include "Printable.h"
 #include "platform/startup.h"
 #include "platform/terminal.h"
 
@@ -85,7 +86,7 @@ void Output::EndProgress() {
 
 void Output::Error(const std::string& text) {
   EndProgress();
-  WriteError("qz640ctl: " + text + "\n");
+  WriteError("qz640ctl: " + Printable(text) + "\n");
   Object(Fields().Add("error", text));
 }
 

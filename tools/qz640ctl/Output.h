@@ -41,7 +41,7 @@ class Output {
   // Standard output is a terminal that a live view may draw on.
   bool Live() const { return live_; }
 
-  // A line for people; nothing with --json.
+  // A line for people; nothing with --json. What comes from the network goes through Printable.
   void Line(const std::string& text);
 
   // A line for programs; nothing without --json.
@@ -54,7 +54,8 @@ class Output {
   // Ends the line that Progress draws on.
   void EndProgress();
 
-  // "qz640ctl: text" on standard error, or with --json an object with the key "error" as well.
+  // "qz640ctl: text" on standard error, made printable, or with --json an object with the key
+  // "error" as well.
   void Error(const std::string& text);
 
   std::string Paint(Colour colour, const std::string& text) const;

@@ -2,6 +2,7 @@
 #include <charconv>
 
 #include "Commands.h"
+#include "Printable.h"
 
 namespace ctl {
 
@@ -21,12 +22,8 @@ Fields ToFields(const Unit& unit) {
 }
 
 std::vector<std::string> ToRow(const Unit& unit) {
-  return {unit.id,
-          unit.type,
-          unit.control.ToText(),
-          std::to_string(unit.rtpPort),
-          std::to_string(unit.inputs),
-          std::to_string(unit.outputs)};
+  return {PrintableCell(unit.id),       PrintableCell(unit.type),    unit.control.ToText(),
+          std::to_string(unit.rtpPort), std::to_string(unit.inputs), std::to_string(unit.outputs)};
 }
 
 void PrintUnits(const std::vector<Unit>& units, Output& out) {
@@ -103,8 +100,8 @@ int RunInfo(Session& session, const std::string& name, Output& out) {
   const Unit unit = session.FindUnit(name);
   const Unit info = session.Control(unit).GetDevInfo();
   Fields fields = ToFields(unit);
-  std::vector<std::vector<std::string>> rows{{"id", unit.id},
-                                             {"model", unit.type},
+  std::vector<std::vector<std::string>> rows{{"id", Printable(unit.id)},
+                                             {"model", Printable(unit.type)},
                                              {"control", unit.control.ToText()},
                                              {"rtp port", std::to_string(info.rtpPort)},
                                              {"inputs", std::to_string(info.inputs)},
@@ -162,7 +159,7 @@ int RunFreq(Session& session, const std::string& name, uint32_t freq, Output& ou
   const Unit unit = session.FindUnit(name);
   session.Control(unit).SetState(freq);
   out.Object(Fields().Add("unit_id", unit.id).Add("device_freq", freq));
-  out.Line(unit.id + " acknowledged " + std::to_string(freq) +
+  out.Line(Printable(unit.id) + " acknowledged " + std::to_string(freq) +
            " Hz. A change switches all its inputs off; set them again.");
   return kDone;
 }

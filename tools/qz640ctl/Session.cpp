@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "Printable.h"
 #include "platform/interfaces.h"
 #include "platform/socket.h"
 #include "platform/startup.h"
@@ -89,7 +90,8 @@ void CheckOutput(const Unit& unit, uint32_t output) {
 Session::Session(const CommonOptions& common, bool verbose) : common_(common) {
   loop_.SetInterrupt([] { return platform::WaitForStop(0); });
   if (verbose) {
-    loop_.SetTrace([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
+    loop_.SetTrace(
+        [](const std::string& line) { std::fprintf(stderr, "%s\n", Printable(line).c_str()); });
   }
 }
 
