@@ -16,4 +16,8 @@ std::wstring ModuleFile(const void* module);
 // The directory for temporary files, ending in a separator; empty if the system names none.
 std::wstring TempDir();
 
+// The directory where this user's programs keep what has to outlive a run, ending in a separator;
+// it may not be there yet. Empty if the system names none.
+std::wstring StateDir();
+
 }  // namespace platform

@@ -14,10 +14,15 @@ constexpr size_t kMostKept = 50'000;
 }  // namespace
 
 AudioReceiver::AudioReceiver(Loop& loop, const Endpoint& local)
-    : loop_(loop), port_(loop, local, [this](const Datagram& datagram) {
-        if (packets_.size() >= kMostKept) packets_.pop_front();
-        packets_.push_back({datagram.bytes, datagram.from, datagram.time});
-      }) {}
+    : loop_(loop), port_(loop, local, [this](const Datagram& datagram) { Take(datagram); }) {}
+
+void AudioReceiver::Take(const Datagram& datagram) {
+  if (passOn_ && *passOn_ != port_.Local() && !port_.TrySend(datagram.bytes, *passOn_)) {
+    ++notPassedOn_;
+  }
+  if (packets_.size() >= kMostKept) packets_.pop_front();
+  packets_.push_back({datagram.bytes, datagram.from, datagram.time});
+}
 
 bool AudioReceiver::WaitCount(size_t count, Clock::duration limit) {
   return loop_.RunUntil([&] { return packets_.size() >= count; }, limit);

@@ -8,6 +8,8 @@
 
 #include <deque>
 #include <functional>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "wire/Audio.h"
@@ -30,12 +32,22 @@ class AudioReceiver {
   std::deque<StreamPacket> Take() { return std::exchange(packets_, {}); }
   void Clear() { packets_.clear(); }
 
+  // From the next datagram on each one goes on, as it came, to there too; to itself it doesn't.
+  void PassOn(const std::optional<Endpoint>& to) { passOn_ = to; }
+
+  // Datagrams that the system didn't take for that.
+  uint64_t NotPassedOn() const { return notPassedOn_; }
+
   // Runs the loop until so many are there; false when they don't come in time.
   bool WaitCount(size_t count, Clock::duration limit = std::chrono::seconds(30));
 
  private:
+  void Take(const Datagram& datagram);
+
   Loop& loop_;
   std::deque<StreamPacket> packets_;
+  std::optional<Endpoint> passOn_;
+  uint64_t notPassedOn_ = 0;
   UdpPort port_;
 };
 

@@ -50,4 +50,13 @@ std::wstring TempDir() {
   return Utf8ToWideLossy(dir);
 }
 
+// XDG Base Directory Specification 0.8, which has relative paths ignored.
+std::wstring StateDir() {
+  const char* named = std::getenv("XDG_STATE_HOME");
+  if (named && named[0] == '/') return Utf8ToWideLossy(std::string(named) + "/");
+  const char* home = std::getenv("HOME");
+  if (!home || home[0] != '/') return {};
+  return Utf8ToWideLossy(std::string(home) + "/.local/state/");
+}
+
 }  // namespace platform

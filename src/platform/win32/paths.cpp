@@ -33,4 +33,13 @@ std::wstring TempDir() {
   return dir;
 }
 
+std::wstring StateDir() {
+  std::wstring dir(32767, L'\0');  // the longest value of a variable
+  const DWORD length =
+      GetEnvironmentVariableW(L"LOCALAPPDATA", dir.data(), static_cast<DWORD>(dir.size()));
+  if (length == 0 || length >= dir.size()) return {};
+  dir.resize(length);
+  return dir + L'\\';
+}
+
 }  // namespace platform
