@@ -19,7 +19,7 @@ TEST_F(CtlTest, CheckPassesOnEveryModelAndLeavesItAsItWas) {
   std::vector<std::unique_ptr<Process>> tours;  // all at once, as they mostly listen
   for (const auto& [unit, checks] : units) {
     tours.push_back(std::make_unique<Process>(
-        QZ_CTL, Process::Options{.arguments = WithTo({"check", unit, "--json"})}));
+        QZ_CTL, Process::Options{.arguments = WithTo({"check", unit, "--intrusive", "--json"})}));
   }
   for (size_t i = 0; i < tours.size(); ++i) {
     const auto& [unit, checks] = units[i];

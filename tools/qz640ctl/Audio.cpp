@@ -6,6 +6,8 @@
 
 #include "AudioFile.h"
 #include "Commands.h"
+#include "Listeners.h"
+#include "Loan.h"
 #include "Printable.h"
 #include "Recorder.h"
 #include "platform/startup.h"
@@ -16,7 +18,6 @@
 namespace ctl {
 
 using std::chrono::milliseconds;
-using wire::AudioReceiver;
 using wire::Clock;
 using wire::StreamPacket;
 using wire::StreamStats;
@@ -26,6 +27,7 @@ using Packets = std::deque<StreamPacket>;
 namespace {
 
 constexpr auto kPoll = milliseconds(50);
+constexpr auto kRefresh = milliseconds(200);
 constexpr size_t kMeterWidth = 20;
 
 double SecondsSince(Clock::time_point start) {
@@ -50,19 +52,37 @@ void AddStats(Fields& fields, const StreamStats& stats) {
       .Add("duplicates", stats.duplicates);
 }
 
-// Waits for the first audio packet, which has the sample frequency.
-Packets WaitFirst(Session& session, AudioReceiver& receiver, const Unit& unit) {
-  const auto isAudio = [](const StreamPacket& packet) { return packet.FrameCount() > 0; };
-  const bool came = session.Loop().RunUntil(
-      [&] { return std::any_of(receiver.Packets().begin(), receiver.Packets().end(), isAudio); },
-      session.Timeout());
-  if (came) {
-    Packets packets = receiver.Take();
-    std::erase_if(packets, [&](const StreamPacket& packet) { return !isAudio(packet); });
-    return packets;
+// How an input that `listeners` hears is borrowed.
+InputLoan::Input ToBorrow(Session& session, Listeners& listeners, size_t number, uint32_t input) {
+  InputLoan::Input wanted{input, listeners.Local(number), nullptr};
+  if (session.Common().inUse != InUse::Take) {
+    wanted.passOn = [&listeners, number](const wire::Destination& to) {
+      listeners.PassOn(number, to);
+    };
   }
+  return wanted;
+}
+
+// What wasn't heard where it belongs must not stay unsaid.
+void NoteNotPassedOn(Session& session, Listeners& listeners) {
+  const uint64_t count = listeners.NotPassedOn();
+  if (count == 0) return;
+  session.Note(std::to_string(count) + " packets couldn't be passed on to where they went before");
+}
+
+// Waits for the first audio packet, which has the sample frequency.
+Packets WaitFirst(Session& session, Listeners& listeners, const Unit& unit) {
+  Packets packets;
+  const bool came = session.Loop().RunUntil(
+      [&] {
+        packets = listeners.Take().front();
+        std::erase_if(packets, [](const StreamPacket& packet) { return packet.FrameCount() == 0; });
+        return !packets.empty();
+      },
+      session.Timeout());
+  if (came) return packets;
   throw Failure{kNoAnswer, unit.id + " took the request but no audio arrived at " +
-                               receiver.Local().ToText() +
+                               listeners.Local(0).ToText() +
                                "; does a firewall let UDP to that "
                                "port through? (--local ADDR names another address)"};
 }
@@ -75,6 +95,7 @@ class Recording {
   int Run();
 
  private:
+  void CheckIdle(const Unit& unit);
   void Feed(const Packets& packets);
   void Drain(bool all);
   bool HasGoneSilent() const { return Clock::now() - lastFed_ > session_.Timeout(); }
@@ -87,21 +108,32 @@ class Recording {
   StreamStats stats_;
   Recorder recorder_;
   std::unique_ptr<WavWriter> writer_;
+  std::string passedOnTo_;        // where the input goes at other times; empty: nowhere
   uint64_t wanted_ = UINT64_MAX;  // frames
   uint64_t written_ = 0;          // frames
   double peaks_[2] = {0, 0};      // of the whole recording
   Clock::time_point lastFed_;
   Clock::time_point lastShown_;
+  Clock::time_point lastRefresh_;
 };
 
 int Recording::Run() {
   WavWriter::CheckFree(options_.file, options_.force);  // before anything is touched
   const Unit unit = session_.FindUnit(options_.unit);
   CheckInput(unit, options_.input);
-  AudioReceiver receiver(session_.Loop(), session_.LocalFor(unit));
-  InputLoan loan(session_, unit, options_.input, receiver.Local());
+  const InUse inUse = session_.Common().inUse;
+  if (inUse == InUse::LeaveOut) CheckIdle(unit);
+  Listeners listeners;
+  listeners.Open(session_.LocalFor(unit));
+  InputLoan loan(session_, unit, {ToBorrow(session_, listeners, 0, options_.input)});
+  std::vector<std::string> named;
+  if (const wire::Destination& former = loan.Former(0)) {
+    named.push_back(InUseText(unit, options_.input, former));
+    if (inUse == InUse::PassOn) passedOnTo_ = former->ToText();
+  }
+  session_.Note(InUseLine(inUse, named));
 
-  const Packets first = WaitFirst(session_, receiver, unit);
+  const Packets first = WaitFirst(session_, listeners, unit);
   const uint32_t freq = wire::SampleFreqOf(first.front().Header().payloadType);
   writer_ = std::make_unique<WavWriter>(options_.file, freq, options_.force);
   if (options_.seconds) {
@@ -113,20 +145,39 @@ int Recording::Run() {
   BeginAudio();
   Feed(first);
   while (written_ < wanted_ && !platform::WaitForStop(0) && !HasGoneSilent()) {
-    session_.Loop().RunUntil([&] { return !receiver.Packets().empty(); }, kPoll);
-    Feed(receiver.Take());
+    session_.Loop().RunFor(kPoll);
+    Feed(listeners.Take().front());
     Drain(false);
     ShowProgress();
+    if (Clock::now() - lastRefresh_ < kRefresh) continue;
+    loan.Refresh();
+    lastRefresh_ = Clock::now();
   }
   Drain(true);
   out_.EndProgress();
   writer_->Close();
   ShowResult(freq);
-  loan.Return();
-  if (!HasGoneSilent()) return kDone;
+  const bool silent = HasGoneSilent();
+  try {
+    loan.Return();
+  } catch (const std::exception& error) {
+    if (!silent) throw;
+    session_.Note(session_.ToFailure(error).text);
+  }
+  NoteNotPassedOn(session_, listeners);
+  if (!silent) return kDone;
   throw Failure{kNoAnswer, "the stream ended early: has " + unit.id +
                                " been stopped, or its input " + std::to_string(options_.input) +
                                " been sent elsewhere?"};
+}
+
+void Recording::CheckIdle(const Unit& unit) {
+  const auto inputs = session_.Control(unit).GetInputs();
+  const wire::Destination to =
+      options_.input < inputs.size() ? inputs[options_.input] : wire::Destination();
+  if (!to) return;
+  throw Failure{kRefused, "in use: " + InUseText(unit, options_.input, to) +
+                              "; without --idle it is recorded and passed on to there"};
 }
 
 void Recording::Feed(const Packets& packets) {
@@ -164,6 +215,7 @@ void Recording::ShowResult(uint32_t freq) {
   fields.Add("file", options_.file)
       .Add("frames", written_)
       .Add("sample_freq", freq)
+      .Add("passed_on_to", passedOnTo_)
       .Add("peak_left_db", ToDecibel(peaks_[0]))
       .Add("peak_right_db", ToDecibel(peaks_[1]))
       .Add("rate", stats_.Rate());
@@ -179,8 +231,7 @@ void Recording::ShowResult(uint32_t freq) {
 struct Watched {
   Unit unit;
   uint32_t input = 0;
-  std::unique_ptr<AudioReceiver> receiver;
-  std::unique_ptr<InputLoan> loan;
+  std::string passedOnTo;  // where the input goes at other times; empty: nowhere
   StreamStats stats;
   double rate = 0;  // packets a second since then
 };
@@ -202,6 +253,7 @@ Fields ToFields(Watched& row) {
   Fields fields;
   fields.Add("unit_id", row.unit.id)
       .Add("input", row.input)
+      .Add("passed_on_to", row.passedOnTo)
       .Add("peak_left_db", ToDecibel(row.stats.TakePeak(0)))
       .Add("peak_right_db", ToDecibel(row.stats.TakePeak(1)))
       .Add("rate", row.rate);
@@ -217,11 +269,16 @@ class Watching {
 
  private:
   void Open(const Unit& unit);
+  void Take();
   void Draw();
 
   Session& session_;
   Output& out_;
+  Listeners listeners_;  // one a row
   std::vector<Watched> rows_;
+  std::vector<wire::Endpoint> opened_;             // control addresses
+  std::vector<std::unique_ptr<InputLoan>> loans_;  // given back before the listeners go
+  std::vector<std::string> inUse_;
   size_t drawn_ = 0;  // lines of the previous drawing, to be drawn over
 };
 
@@ -232,23 +289,32 @@ int Watching::Run(const WatchOptions& options) {
   }
   for (const std::string& name : options.units)
     Open(session_.FindUnit(name));
+  if (rows_.empty() && !inUse_.empty()) {
+    throw Failure{kRefused, InUseLine(InUse::LeaveOut, inUse_) +
+                                "; without --idle they are heard and passed on"};
+  }
   if (rows_.empty()) {
     throw Failure{
         kNoAnswer,
         "no unit with an input answered; is one running, with \"AddrStr\" set? (qz640ctl doctor)"};
   }
 
+  session_.Note(InUseLine(session_.Common().inUse, inUse_));
+
   // Ctrl-C is the ordinary end.
   const wire::Loop::Shield shield(session_.Loop());
   BeginAudio();
   const auto start = Clock::now();
   auto lastDraw = start;
+  auto lastRefresh = start;
   const double period = out_.Live() ? 0.2 : 1.0;
   while (!platform::WaitForStop(0)) {
     session_.Loop().RunFor(kPoll);
-    for (Watched& row : rows_) {
-      for (const StreamPacket& packet : row.receiver->Take())
-        row.stats.Add(packet);
+    Take();
+    if (Clock::now() - lastRefresh >= kRefresh) {
+      for (const auto& loan : loans_)
+        loan->Refresh();
+      lastRefresh = Clock::now();
     }
     if (SecondsSince(lastDraw) >= period) {
       Draw();
@@ -256,22 +322,46 @@ int Watching::Run(const WatchOptions& options) {
     }
     if (options.seconds && SecondsSince(start) >= *options.seconds) break;
   }
-  for (Watched& row : rows_)
-    row.loan->Return();
+  for (const auto& loan : loans_)
+    loan->Return();
+  NoteNotPassedOn(session_, listeners_);
   return kDone;
+}
+
+void Watching::Take() {
+  const std::vector<Packets> packets = listeners_.Take();
+  for (size_t i = 0; i < packets.size(); ++i) {
+    for (const StreamPacket& packet : packets[i])
+      rows_[i].stats.Add(packet);
+  }
 }
 
 void Watching::Open(const Unit& unit) {
   // Named twice it is still one unit, with one former destination an input.
-  const auto same = [&unit](const Watched& row) { return row.unit.control == unit.control; };
-  if (std::any_of(rows_.begin(), rows_.end(), same)) return;
+  if (std::find(opened_.begin(), opened_.end(), unit.control) != opened_.end()) return;
+  opened_.push_back(unit.control);
+  if (unit.inputs == 0) return;
+  const InUse inUse = session_.Common().inUse;
+  std::vector<wire::Destination> now;
+  if (inUse == InUse::LeaveOut) now = session_.Control(unit).GetInputs();
+  std::vector<InputLoan::Input> wanted;
+  const size_t first = rows_.size();
   for (uint32_t input = 0; input < unit.inputs; ++input) {
-    Watched row;
-    row.unit = unit;
-    row.input = input;
-    row.receiver = std::make_unique<AudioReceiver>(session_.Loop(), session_.LocalFor(unit));
-    row.loan = std::make_unique<InputLoan>(session_, unit, input, row.receiver->Local());
-    rows_.push_back(std::move(row));
+    if (input < now.size() && now[input]) {
+      inUse_.push_back(InUseText(unit, input, now[input]));
+      continue;
+    }
+    const size_t number = listeners_.Open(session_.LocalFor(unit));
+    rows_.push_back({unit, input, {}, {}, 0});
+    wanted.push_back(ToBorrow(session_, listeners_, number, input));
+  }
+  if (wanted.empty()) return;
+  loans_.push_back(std::make_unique<InputLoan>(session_, unit, wanted));
+  for (size_t i = 0; i < wanted.size(); ++i) {
+    const wire::Destination& former = loans_.back()->Former(i);
+    if (!former) continue;
+    inUse_.push_back(InUseText(unit, wanted[i].number, former));
+    if (inUse == InUse::PassOn) rows_[first + i].passedOnTo = former->ToText();
   }
 }
 

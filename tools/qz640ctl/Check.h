@@ -66,7 +66,11 @@ class CheckReport {
 };
 
 // The audio half of the tour: format, rate, jitter and loss of every input, loop-back of output 0.
-// Gives the inputs back as they were.
-void CheckStreams(Session& session, const wire::Unit& unit, CheckReport& report);
+// Gives the inputs back as they were. An input that somebody has begun to hear since is passed on,
+// but for the noise of the loop-back, which comes over them only when the check is `intrusive`.
+void CheckStreams(Session& session, const wire::Unit& unit, CheckReport& report, bool intrusive);
+
+// What is said of a check that a unit in use would notice.
+inline constexpr const char* kLeftOut = "left out, as the unit is in use (--intrusive)";
 
 }  // namespace ctl

@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "Check.h"
+#include "Loan.h"
 #include "LoopBack.h"
 #include "platform/thread.h"
 #include "wire/StreamStats.h"
@@ -67,8 +68,12 @@ struct Heard {
 
 class StreamTour {
  public:
-  StreamTour(Session& session, const Unit& unit, CheckReport& report)
-      : session_(session), unit_(unit), report_(report), local_(session.LocalFor(unit)) {}
+  StreamTour(Session& session, const Unit& unit, CheckReport& report, bool intrusive)
+      : session_(session),
+        unit_(unit),
+        report_(report),
+        intrusive_(intrusive),
+        local_(session.LocalFor(unit)) {}
 
   void Run() {
     for (uint32_t input = 0; input < unit_.inputs; ++input)
@@ -97,6 +102,7 @@ class StreamTour {
   Session& session_;
   const Unit unit_;
   CheckReport& report_;
+  const bool intrusive_;
   const wire::Endpoint local_;
   uint32_t freq_ = 48000;
   bool silent_ = true;
@@ -112,7 +118,8 @@ void StreamTour::Return(InputLoan& loan, const std::string& name) {
 
 Heard StreamTour::Listen(uint32_t input) {
   wire::AudioReceiver receiver(session_.Loop(), local_);
-  InputLoan loan(session_, unit_, input, receiver.Local());
+  const auto passOn = [&receiver](const wire::Destination& to) { receiver.PassOn(to); };
+  InputLoan loan(session_, unit_, {{input, receiver.Local(), passOn}});
   report_.Machine().Clear();
   session_.Loop().RunFor(kListenTime);
   Heard heard;
@@ -173,7 +180,7 @@ void StreamTour::Input(uint32_t input) {
 // out again, late or not at all. What was never sent it must not send even then.
 Returned StreamTour::SendThrough() {
   wire::AudioReceiver receiver(session_.Loop(), local_);
-  InputLoan loan(session_, unit_, 0, receiver.Local());
+  InputLoan loan(session_, unit_, {{0, receiver.Local(), nullptr}});
   report_.Machine().Clear();
   uint64_t made = 0;
   wire::AudioSender sender(session_.Loop(), unit_.Output(0), freq_, 0,
@@ -197,6 +204,11 @@ void StreamTour::LoopBack() {
     report_.Add("loop-back", Verdict::Skip, "input 0 carries a signal of the unit's own");
     return;
   }
+  const std::vector<wire::Destination> now = session_.Control(unit_).GetInputs();
+  if (!intrusive_ && !now.empty() && now.front()) {
+    report_.Add("loop-back", Verdict::Skip, kLeftOut);
+    return;
+  }
   Returned returned = SendThrough();
   for (int attempt = 1; attempt < kAttempts && !returned.IsGood() && !returned.IsEmpty() &&
                         returned.altered == 0 && returned.unevenMs > kUnevenMs;
@@ -218,9 +230,9 @@ void StreamTour::LoopBack() {
 
 }  // namespace
 
-void CheckStreams(Session& session, const Unit& unit, CheckReport& report) {
+void CheckStreams(Session& session, const Unit& unit, CheckReport& report, bool intrusive) {
   platform::SetTimeCritical();
-  StreamTour(session, unit, report).Run();
+  StreamTour(session, unit, report, intrusive).Run();
 }
 
 }  // namespace ctl

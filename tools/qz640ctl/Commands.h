@@ -36,6 +36,11 @@ struct WatchOptions {
   std::optional<double> seconds;   // none: until Ctrl-C
 };
 
+struct CheckOptions {
+  std::string unit;
+  bool intrusive = false;  // also what a unit in use would notice
+};
+
 struct UpOptions {
   std::string units = "QZ610,QZ820";
   int32_t mode = 0;
@@ -77,7 +82,8 @@ int RunWatch(Session& session, const WatchOptions& options, Output& out);
 int RunRelay(Session& session, const RelayOptions& options, Output& out);
 int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
-int RunCheck(Session& session, const std::string& unit, Output& out);
+int RunCheck(Session& session, const CheckOptions& options, Output& out);
+int RunRestore(Session& session, bool forget, Output& out);
 int RunUp(Session& session, const UpOptions& options, Output& out);
 
 }  // namespace ctl

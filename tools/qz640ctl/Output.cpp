@@ -84,9 +84,13 @@ void Output::EndProgress() {
   WriteError("\n");
 }
 
-void Output::Error(const std::string& text) {
+void Output::Note(const std::string& text) {
   EndProgress();
   WriteError("qz640ctl: " + Printable(text) + "\n");
+}
+
+void Output::Error(const std::string& text) {
+  Note(text);
   Object(Fields().Add("error", text));
 }
 

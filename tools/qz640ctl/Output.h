@@ -58,6 +58,9 @@ class Output {
   // "error" as well.
   void Error(const std::string& text);
 
+  // "qz640ctl: text" on standard error, made printable.
+  void Note(const std::string& text);
+
   std::string Paint(Colour colour, const std::string& text) const;
 
  private:

@@ -188,42 +188,4 @@ Failure Session::ToFailure(const std::exception& error) const {
   return {kRefused, "unexpected: " + std::string(error.what())};
 }
 
-InputLoan::InputLoan(Session& session, const Unit& unit, uint32_t input, const Endpoint& to)
-    : session_(session), unit_(unit), input_(input) {
-  const std::vector<wire::Destination> inputs = session_.Control(unit_).GetInputs();
-  if (input < inputs.size()) former_ = inputs[input];
-  try {
-    Set(to);
-  } catch (const std::exception&) {
-    // The request may have arrived though its acknowledgement didn't.
-    TryReturn();
-    throw;
-  }
-}
-
-InputLoan::~InputLoan() {
-  TryReturn();
-}
-
-void InputLoan::TryReturn() {
-  try {
-    Return();
-  } catch (const std::exception&) {
-    // The unit is gone; who wants to know calls Return.
-  }
-}
-
-void InputLoan::Return() {
-  if (!lent_) return;
-  lent_ = false;
-  const wire::Loop::Shield shield(session_.Loop());
-  Set(former_);
-}
-
-void InputLoan::Set(const wire::Destination& to) {
-  std::vector<wire::InputChange> changes(unit_.inputs);
-  changes[input_] = {true, to};
-  session_.Control(unit_).SetInputs(changes);
-}
-
 }  // namespace ctl

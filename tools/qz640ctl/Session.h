@@ -1,17 +1,23 @@
 // What all commands share: the options of each, the loop and link to the units, finding a unit,
-// borrowing an input, and how what goes wrong is reported.
+// and how what goes wrong is reported.
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ExitStatus.h"
+#include "LoanBook.h"
 #include "platform/socketaddress.h"
 #include "wire/Units.h"
 
 namespace ctl {
+
+// What becomes of an input that is in use, which has a destination, when it is to be heard here.
+enum class InUse { PassOn, Take, LeaveOut };
 
 // What every command takes.
 struct CommonOptions {
@@ -19,6 +25,7 @@ struct CommonOptions {
   uint32_t timeoutMs = 3000;    // for an answer, and for a discovery
   std::vector<std::string> to;  // where to look for units; empty: every interface
   std::string local;            // own address for streams; empty: the one that faces the unit
+  InUse inUse = InUse::PassOn;
 };
 
 // a.b.c.d[:port]; throws Failure (kUsage) for anything else. `defaultPort` where the text has none.
@@ -74,34 +81,21 @@ class Session {
 
   Failure ToFailure(const std::exception& error) const;
 
+  // What people should know and what is no result; goes to standard error.
+  void OnNote(std::function<void(const std::string&)> show) { showNote_ = std::move(show); }
+  void Note(const std::string& text) const {
+    if (showNote_) showNote_(text);
+  }
+
+  // What this process has borrowed.
+  LoanBook& Loans() { return loans_; }
+
  private:
   const CommonOptions common_;
   wire::Loop loop_;
   std::optional<wire::Link> link_;
-};
-
-// Takes an input's stream to this program for its lifetime and gives the input its former
-// destination back at the end.
-class InputLoan {
- public:
-  InputLoan(Session& session, const wire::Unit& unit, uint32_t input, const wire::Endpoint& to);
-  ~InputLoan();
-  InputLoan(const InputLoan&) = delete;
-  InputLoan& operator=(const InputLoan&) = delete;
-
-  // Gives it back now, whether Ctrl-C has come or not; throws what the far end throws when the unit
-  // doesn't take it.
-  void Return();
-
- private:
-  void Set(const wire::Destination& to);
-  void TryReturn();
-
-  Session& session_;
-  const wire::Unit unit_;
-  const uint32_t input_;
-  wire::Destination former_;
-  bool lent_ = true;
+  std::function<void(const std::string&)> showNote_;
+  LoanBook loans_;
 };
 
 }  // namespace ctl

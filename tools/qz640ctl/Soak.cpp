@@ -7,6 +7,7 @@
 #include <set>
 
 #include "Commands.h"
+#include "Loan.h"
 #include "SoakTraffic.h"
 #include "platform/usage.h"
 #include "wire/Streams.h"
@@ -173,12 +174,13 @@ void Soak::TakeInputs() {
   sink_ = std::make_unique<wire::UdpPort>(session_.Loop(), Endpoint(), nullptr);
   for (const Unit& unit : units_) {
     const Endpoint sink(session_.LocalFor(unit).address, sink_->Local().port);
+    std::vector<InputLoan::Input> taken;
     for (uint32_t input = 0; input < unit.inputs; ++input) {
       const bool counted = input == 0 && unit.outputs == 0;
       if (counted) ticks_.push_back(std::make_unique<Ticks>(session_, unit));
-      loans_.push_back(std::make_unique<InputLoan>(session_, unit, input,
-                                                   counted ? ticks_.back()->Local() : sink));
+      taken.push_back({input, counted ? ticks_.back()->Local() : sink, nullptr});
     }
+    if (!taken.empty()) loans_.push_back(std::make_unique<InputLoan>(session_, unit, taken));
   }
 }
 

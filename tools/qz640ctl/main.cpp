@@ -1,8 +1,10 @@
 // qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <set>
 
 #include "Commands.h"
+#include "Loan.h"
 #include "platform/startup.h"
 #include "wire/Fault.h"
 
@@ -32,6 +34,7 @@ class CommandLine {
     AddRequests();
     AddAudio();
     AddCheck();
+    AddRestore();
     AddUp();
     AddRelay();
     AddSoak();
@@ -46,7 +49,9 @@ class CommandLine {
     }
     Output out(common_.json);
     Session session(common_, verbose_);
+    session.OnNote([&out](const std::string& text) { out.Note(text); });
     try {
+      if (restores_.count(app_.get_subcommands().front()) > 0) RestoreInPassing(session);
       return run_(session, out);
     } catch (const Failure& failure) {
       out.Error(failure.text);
@@ -73,8 +78,9 @@ class CommandLine {
     return command;
   }
 
-  // Where to look for units.
+  // Where to look for units. Who speaks with units also heals what a killed command left there.
   CLI::App* AddTo(CLI::App* command) {
+    restores_.insert(command);
     command
         ->add_option("--to", common_.to,
                      "Ask here for units (default: the broadcast address of every interface)")
@@ -117,9 +123,17 @@ class CommandLine {
   }
 
   void AddCheck() {
-    AddForUnit("check", "Everything that a unit has to do on the wire, a line a check",
-               "qz640ctl check studio-a",
-               [this](Session& session, Output& out) { return RunCheck(session, unit_, out); });
+    CLI::App* check = AddTo(
+        Add("check",
+            "Everything that a unit has to do on the wire, a line a check. A unit in use keeps its "
+            "inputs, tuners and rate: what would touch them is left out, with a line each. Of any "
+            "other unit the inputs are sent here and noise to output 0, for seconds each",
+            "qz640ctl check studio-a",
+            [this](Session& session, Output& out) { return RunCheck(session, check_, out); }));
+    check->add_option("UNIT", check_.unit, "Unit id or address:port")->required();
+    check->add_flag("--intrusive", check_.intrusive,
+                    "Leave nothing out: the unit's listeners get the inputs passed on but for the "
+                    "noise, and the last tuner goes elsewhere for a moment");
     Add("doctor", "Look at interfaces, ports, a settings file and the clock of this machine",
         "qz640ctl doctor qz640emu.json",
         [this](Session& session, Output& out) { return RunDoctor(session, settings_, out); })
@@ -127,9 +141,34 @@ class CommandLine {
                      "The settings file (default: that of the emulator beside qz640ctl)");
   }
 
+  void AddRestore() {
+    CLI::App* restore =
+        AddTo(Add("restore",
+                  "Send inputs to where they went before a watch, record or check that was killed; "
+                  "every other command that speaks with units does so too",
+                  "qz640ctl restore", [this](Session& session, Output& out) {
+                    return RunRestore(session, forget_, out);
+                  }));
+    restores_.erase(restore);
+    restore->add_flag("--forget", forget_, "Give up what belongs to units that don't answer");
+  }
+
+  // An input goes to one place: to hear it is to have it sent here.
+  void AddInUse(CLI::App* command) {
+    auto* take = command->add_flag_callback(
+        "--take", [this] { common_.inUse = InUse::Take; },
+        "Take inputs that are in use from where they go (default: pass every packet on to there)");
+    command
+        ->add_flag_callback(
+            "--idle", [this] { common_.inUse = InUse::LeaveOut; }, "Use only inputs that are off")
+        ->excludes(take);
+  }
+
   void AddAudio() {
     CLI::App* record =
-        Add("record", "Record an input, bit for bit, as 24-bit stereo",
+        Add("record",
+            "Record an input, bit for bit, as 24-bit stereo. It is sent here meanwhile, and from "
+            "here on to where it went before",
             "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
             [this](Session& session, Output& out) { return RunRecord(session, record_, out); });
     AddTo(record);
@@ -140,6 +179,7 @@ class CommandLine {
         ->check(CLI::PositiveNumber);
     record->add_flag("--force", record_.force, "Replace a file that exists");
     AddLocal(record);
+    AddInUse(record);
 
     CLI::App* play =
         Add("play", "Send audio to an output",
@@ -173,13 +213,17 @@ class CommandLine {
     });
 
     CLI::App* watch =
-        Add("watch", "Live view of inputs: levels, rate, jitter, loss", "qz640ctl watch studio-a",
+        Add("watch",
+            "Live view of inputs: levels, rate, jitter, loss. They are sent here meanwhile, and "
+            "from here on to where they went before",
+            "qz640ctl watch studio-a",
             [this](Session& session, Output& out) { return RunWatch(session, watch_, out); });
     AddTo(watch);
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
         ->check(CLI::PositiveNumber);
     AddLocal(watch);
+    AddInUse(watch);
   }
 
   void AddUp() {
@@ -254,6 +298,9 @@ class CommandLine {
   bool verbose_ = false;
   std::string unit_;
   std::string settings_;
+  CheckOptions check_;
+  bool forget_ = false;
+  std::set<const CLI::App*> restores_;
   std::vector<std::string> changes_;
   uint32_t freq_ = 0;
   RecordOptions record_;

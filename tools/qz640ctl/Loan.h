@@ -1,0 +1,80 @@
+// Borrowing a unit's inputs: hearing them without taking them from whoever hears them already, and
+// leaving them as they were, also where this process is killed.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "LoanBook.h"
+#include "Session.h"
+
+namespace ctl {
+
+// Sends inputs of one unit to this program for its lifetime and then to where they went before.
+class InputLoan {
+ public:
+  struct Input {
+    uint32_t number = 0;
+    wire::Endpoint here;
+
+    // Is given where the input's packets are to be passed on to (nothing: nowhere), before the
+    // first comes and again when that changes. Null takes the input from who had it.
+    std::function<void(const wire::Destination&)> passOn;
+  };
+
+  // Throws what the far end throws; nothing is borrowed then.
+  InputLoan(Session& session, const wire::Unit& unit, std::vector<Input> inputs);
+  ~InputLoan();
+  InputLoan(const InputLoan&) = delete;
+  InputLoan& operator=(const InputLoan&) = delete;
+
+  // Where an input, counted as in the constructor, went before.
+  const wire::Destination& Former(size_t index) const { return loans_[index].formers.front(); }
+
+  // To be called every 200 ms or so: where an input came from another qz640ctl, which has ended
+  // since, its packets go on to where that one passed them.
+  void Refresh();
+
+  // Gives them back now, whether Ctrl-C has come or not. An input that doesn't go here any more is
+  // left as it is, which a note says. Throws what the far end throws when the unit doesn't take it;
+  // a later command tries again then.
+  void Return();
+
+ private:
+  void Set(const std::vector<wire::InputChange>& changes);
+  void TryReturn();
+  void Note(const LoanRecord& loan, const wire::Destination& now);
+
+  Session& session_;
+  const wire::Unit unit_;
+  const std::vector<Input> inputs_;
+  std::vector<LoanRecord> loans_;              // one an input
+  std::vector<wire::Destination> passedOnTo_;  // likewise
+  bool lent_ = true;
+};
+
+// "tuner-b 0 (127.0.0.1:9001)", for the line that says what becomes of inputs in use.
+std::string InUseText(const wire::Unit& unit, uint32_t input, const wire::Destination& destination);
+
+// That line.
+std::string InUseLine(InUse how, const std::vector<std::string>& inputs);
+
+// What became of an input that a killed process had borrowed.
+struct Restored {
+  enum class Fate { GivenBack, Elsewhere, NoAnswer };
+
+  LoanRecord loan;
+  Fate fate = Fate::NoAnswer;
+  wire::Destination now;  // where it goes; for NoAnswer where it went before
+};
+
+// Gives back what killed processes had borrowed and is still sent to them. What isn't answered
+// within `limit` is kept for the next time, and with `forget` given up.
+std::vector<Restored> Restore(Session& session, wire::Clock::duration limit, bool forget);
+
+// The same in passing, before a command does its own work: notes what it did.
+void RestoreInPassing(Session& session);
+
+}  // namespace ctl
