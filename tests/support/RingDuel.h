@@ -120,7 +120,10 @@ class RingDuel final : private Network::ISyncTarget {
   std::optional<std::string> difference;
 
  private:
-  void OnSync(Network::ISyncSource*, int64_t pos, uint32_t) override { reports_.push_back(pos); }
+  void OnSync(Network::ISyncSource* source, int64_t pos, uint32_t freq) override {
+    if (source != &manager_ || freq != 48000) Fail("a position comes from elsewhere");
+    reports_.push_back(pos);
+  }
 
   // Appends `count` bytes of the number, the highest first.
   static void Put(std::vector<uint8_t>& bytes, uint32_t number, int count) {
