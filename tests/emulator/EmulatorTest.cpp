@@ -106,7 +106,6 @@ TEST_F(EmulatorTest, OddSettingsAreToldOnce) {
   Make(R"({"AddrStr":"localhost","BasePort":65534,"BroadcastPort":-1,"Address":1,"units":[{},)"
        R"({"UnitId":"b","Mode":5,"BasePort":9000},{"UnitId":"c","UnitType":"","Speed":0}]})");
   ASSERT_TRUE(emulator_->Init().IsOk());
-  const std::wstring prefix = L"SETTINGS: ";
   const wchar_t* const expected[] = {
       L"left out of the file: Address, units[1].BasePort",
       L"AddrStr \"localhost\" is no IPv4 address",
@@ -119,12 +118,7 @@ TEST_F(EmulatorTest, OddSettingsAreToldOnce) {
   };
   for (const wchar_t* words : expected)
     EXPECT_EQ(Log().Count(words), 1u) << WideToUtf8(words);
-  EXPECT_EQ(Log().Count(prefix), std::size(expected));
-
-  Log().Clear();
-  Make(kThreeUnits);
-  ASSERT_TRUE(emulator_->Init().IsOk());
-  EXPECT_EQ(Log().Count(prefix), 0u);
+  EXPECT_EQ(Log().Count(L"SETTINGS: "), std::size(expected));
 }
 
 }  // namespace
