@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "SocketFixture.h"
-#include "platform/errors.h"
 
 using Network::ITcpListenSock;
 using Network::ITcpReceiver;
@@ -131,26 +130,6 @@ TEST_F(TcpSock, TalksBothWays) {
   EXPECT_EQ(recorder.data, answer);
   EXPECT_EQ(recorder.connected, 1);
   EXPECT_TRUE(recorder.errors.empty());
-}
-
-// A handle stays open after an undefined address; whatever else fails leaves the socket closed.
-TEST_F(TcpSock, SaysWhyItCanNotOpenOrSend) {
-  TcpRecorder recorder;
-  auto sock = manager->CreateTcpSock();
-  EXPECT_TRUE(Send(sock.get(), BytesOf("x")).Says(L"Socket is closed"));
-  Listen();
-  auto second = manager->CreateTcpListenSock();
-  EXPECT_EQ(FailureOf(second->Open(listenInfo)).code, platform::kAddrInUse);
-  listener->Destroy();
-  EXPECT_EQ(FailureOf(second->Open(listenInfo)).text, L"");
-
-  TcpSockInfo bound = InfoFor(&recorder);
-  bound.BindAddr = OwnAddr(kPort);
-  EXPECT_TRUE(FailureOf(sock->Open(bound)).Says(L"bind socket failed"));
-  EXPECT_TRUE(FailureOf(sock->Open(TcpSockInfo())).Says(L"Undefined address"));
-  EXPECT_TRUE(FailureOf(sock->Open(InfoFor(&recorder))).Says(L"Can not reopen socket"));
-  sock->Close();
-  EXPECT_EQ(FailureOf(sock->Open(InfoFor(&recorder))).text, L"") << "closed, it opens again";
 }
 
 // A system takes a part of a packet and refuses the rest until the reader has made room. A refused
