@@ -29,9 +29,8 @@ uint64_t AllocationCount() {
   return allocations;
 }
 
-// The forms that are given back by the two below, also the one that the standard library would
-// bring down to the other: with a sanitizer that one is its own. Arrays come and go by one of
-// these.
+// The forms that are given back by those below, also the one that the standard library would
+// bring down to the other, and those of arrays: with a sanitizer these are its own.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   ++allocations;
   return Fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
@@ -40,6 +39,15 @@ void* operator new(std::size_t size) {
   void* memory = operator new(size, std::nothrow);
   if (!memory) throw std::bad_alloc();
   return memory;
+}
+void* operator new[](std::size_t size) {
+  return operator new(size);
+}
+void operator delete[](void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
