@@ -107,8 +107,13 @@ class UdpRecorder final : public Network::IUdpReceiver {
     notes_.Note([&] { errors.push_back(FailureOf(err)); });
   }
 
+  // Only in `condition` may the test read what the worker still adds to.
+  template <typename Condition>
+  bool WaitUntil(Condition condition) const {
+    return notes_.WaitFor(condition);
+  }
   bool WaitDatagrams(size_t count) const {
-    return notes_.WaitFor([&] { return datagrams.size() >= count; });
+    return WaitUntil([&] { return datagrams.size() >= count; });
   }
 
   std::function<void(Network::IUdpSock*)> onDatagram;  // runs after the writing down
