@@ -54,6 +54,11 @@ struct UpOptions {
   std::vector<std::string> command;  // empty: until Ctrl-C
 };
 
+struct ListenOptions {
+  std::string at = "127.0.0.1";  // address and port; without a port any free one
+  bool explain = false;
+};
+
 struct RelayOptions {
   uint64_t seed = 1;
   wire::LinkFaults faults;
@@ -84,6 +89,8 @@ int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
 int RunCheck(Session& session, const CheckOptions& options, Output& out);
 int RunRestore(Session& session, bool forget, Output& out);
+int RunSend(Session& session, const std::string& unit, const std::string& request, Output& out);
+int RunListen(Session& session, const ListenOptions& options, Output& out);
 int RunUp(Session& session, const UpOptions& options, Output& out);
 
 }  // namespace ctl

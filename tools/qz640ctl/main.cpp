@@ -32,6 +32,7 @@ class CommandLine {
     app_.footer(std::string(kExamples) + kFooter);
     app_.require_subcommand(1);
     AddRequests();
+    AddProtocol();
     AddAudio();
     AddCheck();
     AddRestore();
@@ -120,6 +121,22 @@ class CommandLine {
         ->add_option("CHANGE", changes_, "NUMBER=FREQUENCY");
     AddForUnit("fm-quality", "Reception of a unit's tuners", "qz640ctl fm-quality tuner-1",
                [this](Session& session, Output& out) { return RunFmQuality(session, unit_, out); });
+  }
+
+  void AddProtocol() {
+    AddForUnit(
+        "send", "A request as you write it; shows acknowledgement and answer with their times",
+        R"(qz640ctl send studio-a '{"msg":"get_inputs"}')",
+        [this](Session& session, Output& out) { return RunSend(session, unit_, request_, out); })
+        ->add_option("REQUEST", request_, "A JSON object; numbered where it has no \"msg_id\"")
+        ->required();
+    CLI::App* listen =
+        Add("listen", "A peer for a controller: acknowledges what a unit would take, until Ctrl-C",
+            "qz640ctl listen --explain --at 127.0.0.1:8000",
+            [this](Session& session, Output& out) { return RunListen(session, listen_, out); });
+    listen->add_flag("--explain", listen_.explain, "Say of each datagram what is wrong with it");
+    listen->add_option("--at", listen_.at, "Own address and port (default: any free one)")
+        ->capture_default_str();
   }
 
   void AddCheck() {
@@ -308,6 +325,8 @@ class CommandLine {
   WatchOptions watch_;
   UpOptions up_;
   RelayOptions relay_;
+  std::string request_;
+  ListenOptions listen_;
   SoakOptions soak_;
   Action run_;
 };

@@ -1,0 +1,40 @@
+// The commands that show the protocol: send and listen.
+#include "ctl/CtlFixture.h"
+
+namespace wire {
+namespace {
+
+TEST_F(CtlTest, SendShowsAcknowledgementAndAnswer) {
+  const struct {
+    const char* request;
+    int status;
+    std::vector<std::string> says;
+  } rows[] = {{R"({"msg":"get_inputs"})", 0, {"acknowledged after", "answered after", "inputs"}},
+              {R"({"msg":"get_state","msg_id":77})", 0, {"\"ack_msg_id\":77", "no answer, as"}},
+              {R"({"msg":"set_fm_freq","freq":[1]})", 1, {"acknowledged after", "\"code\":2"}},
+              {R"({"msg":"no_such"})", 3, {"doesn't acknowledge"}},
+              {R"({"msg_id":1})", 2, {"\"msg\" is missing"}}};
+  for (const auto& row : rows) {
+    const Result result = Run({"send", "tuner-b", row.request});
+    EXPECT_EQ(result.status, row.status) << result.err;
+    for (const std::string& part : row.says)
+      EXPECT_NE((result.out + result.err).find(part), std::string::npos) << result.out << part;
+  }
+}
+
+TEST(CtlListen, AcknowledgesAndExplains) {
+  Process listen(QZ_CTL, {.arguments = {"listen", "--explain", "--at", OwnAddress()}});
+  const auto line = listen.WaitLine("listening at ");
+  ASSERT_TRUE(line);
+  const std::string text = line->text.substr(13);
+  const Endpoint peer = *Endpoint::Parse(text.substr(0, text.find(' ')));
+  Link link(TestLoop());
+  const uint32_t id = link.Tell(peer, "get_inputs");
+  link.SendWithId(id, peer, "get_fm_freq");
+  EXPECT_TRUE(listen.WaitLine("a unit would drop it"));
+  link.SendRaw({'{', '}'}, peer);
+  EXPECT_TRUE(listen.WaitLine("refused: no 0 byte after the JSON text (2 bytes)"));
+}
+
+}  // namespace
+}  // namespace wire

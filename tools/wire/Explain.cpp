@@ -1,0 +1,187 @@
+#include "wire/Explain.h"
+
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <string_view>
+
+namespace wire {
+
+namespace {
+
+constexpr size_t kMostTaken = 1432;
+constexpr uint32_t kMostAttachment = 1 << 20;
+
+enum class Kind { Unsigned, Text, Numbers, List };
+
+struct Key {
+  const char* name;
+  Kind kind;
+  bool required = true;
+};
+
+// The messages and the keys that a unit reads of them.
+const std::map<std::string, std::vector<Key>>& Messages() {
+  static const std::map<std::string, std::vector<Key>> kMessages{
+      {"ack", {{"ack_msg_id", Kind::Unsigned}}},
+      {"attach",
+       {{"leader_id", Kind::Unsigned},
+        {"seg_count", Kind::Unsigned},
+        {"seg_number", Kind::Unsigned}}},
+      {"dev_find", {}},
+      {"get_dev_info", {}},
+      {"dev_info",
+       {{"unit_id", Kind::Text}, {"unit_type", Kind::Text}, {"rtp_port", Kind::Unsigned}}},
+      {"get_state", {}},
+      {"set_state", {{"device_freq", Kind::Unsigned}}},
+      {"state", {{"device_freq", Kind::Unsigned}, {"input_freq", Kind::Unsigned}}},
+      {"get_inputs", {}},
+      {"set_inputs", {{"inputs", Kind::List, false}}},
+      {"inputs", {{"inputs", Kind::List, false}}},
+      {"get_fm_freq", {}},
+      {"set_fm_freq", {{"freq", Kind::Numbers, false}}},
+      {"fm_freq", {{"freq", Kind::Numbers, false}}},
+      {"get_fm_quality", {}},
+      {"fm_quality", {}},
+      {"error", {{"code", Kind::Unsigned}, {"txt", Kind::Text}, {"err_msg_id", Kind::Unsigned}}}};
+  return kMessages;
+}
+
+// Why a value can't be read as an unsigned number; empty if it can.
+std::string ObjectionToNumber(const std::string& key, const Json& value) {
+  const std::string shown = "\"" + key + "\" is " + ToAscii(value);
+  if (value.is_number_float()) return shown + ": a point or an exponent makes it no whole number";
+  const bool whole =
+      value.is_number_unsigned() && value.get<uint64_t>() <= std::numeric_limits<uint32_t>::max();
+  return whole ? "" : shown + "; it must be a whole number from 0 to 4294967295";
+}
+
+std::string ObjectionTo(const Key& key, const Json& value) {
+  const std::string shown = "\"" + std::string(key.name) + "\" is " + ToAscii(value);
+  switch (key.kind) {
+    case Kind::Unsigned:
+      return ObjectionToNumber(key.name, value);
+    case Kind::Text:
+      return value.is_string() ? "" : shown + "; it must be a text";
+    case Kind::List:
+      return value.is_array() ? "" : shown + "; it must be a list";
+    case Kind::Numbers:
+      try {
+        NumbersAt({{key.name, value}}, key.name);
+        return "";
+      } catch (const BadMessage& error) {
+        return error.what();
+      }
+  }
+  return "";
+}
+
+void RemarkOnInputs(const Json& inputs, std::vector<std::string>& remarks) {
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    const Json& element = inputs[i];
+    if (!element.is_string() || element == "" || element == "off") continue;
+    const auto endpoint = Endpoint::Parse(element.get<std::string>());
+    const std::string shown = ToAscii(element) + " for input " + std::to_string(i);
+    if (!endpoint) {
+      remarks.push_back(shown + " is no IPv4 address with a port: the input is switched off");
+    } else if (endpoint->port == 0) {
+      remarks.push_back(shown + " has no port: its packets go nowhere");
+    }
+  }
+}
+
+// Of the object alone. Nothing is asked any more once the message isn't known.
+void ExplainObject(const Json& object, Explanation& result) {
+  const auto id = object.find("msg_id");
+  const std::string objection = id == object.end() ? "\"msg_id\", the message's number, is missing"
+                                                   : ObjectionToNumber("msg_id", *id);
+  if (objection.empty()) result.id = id->get<uint32_t>();
+  if (!objection.empty()) result.refused.push_back(objection);
+
+  const auto att = object.find("att");
+  if (att != object.end()) {
+    const std::string bad = ObjectionToNumber("att", *att);
+    if (!bad.empty()) {
+      result.refused.push_back(bad);
+    } else if (att->get<uint32_t>() > kMostAttachment) {
+      result.refused.push_back("\"att\" is " + ToAscii(*att) + "; the most is 1048576");
+    }
+  }
+
+  const auto msg = object.find("msg");
+  if (msg == object.end() || !msg->is_string()) {
+    result.refused.push_back("\"msg\", the message's name, is missing or no text");
+    return;
+  }
+  result.name = msg->get<std::string>();
+  const auto known = Messages().find(result.name);
+  if (known == Messages().end()) {
+    result.refused.push_back("there is no message " + ToAscii(*msg));
+    return;
+  }
+  for (const Key& key : known->second) {
+    const auto value = object.find(key.name);
+    if (value == object.end()) {
+      if (key.required) result.refused.push_back("\"" + std::string(key.name) + "\" is missing");
+      continue;
+    }
+    const std::string bad = ObjectionTo(key, *value);
+    if (!bad.empty()) result.refused.push_back(bad);
+  }
+  if (result.name == "set_inputs" && result.refused.empty() && object.contains("inputs")) {
+    RemarkOnInputs(object["inputs"], result.remarks);
+  }
+}
+
+}  // namespace
+
+std::string ToAscii(const Json& value) {
+  return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+Explanation Explain(const Bytes& datagram) {
+  Explanation result;
+  if (datagram.size() > kMostTaken) {
+    result.refused.push_back(std::to_string(datagram.size()) + " bytes; a unit takes 1432");
+  }
+  const auto zero = std::find(datagram.begin(), datagram.end(), uint8_t{0});
+  if (zero == datagram.end()) {
+    result.refused.push_back("no 0 byte after the JSON text (" + std::to_string(datagram.size()) +
+                             " bytes)");
+  }
+  const std::string text(datagram.begin(), zero);
+  if (text.starts_with("\xEF\xBB\xBF")) {
+    result.refused.push_back("a byte order mark before the JSON text");
+    return result;
+  }
+  if (HasLowerCaseEscape(text)) result.refused.push_back("lower-case \\u digits");
+  Json object;
+  std::istringstream stream(text);
+  try {
+    stream >> object;
+  } catch (const Json::exception& error) {
+    // The library quotes what it has read last, which may be anything.
+    const std::string reason = ToAscii(std::string(error.what()));
+    result.refused.push_back("no JSON: " + reason.substr(1, reason.size() - 2));
+    return result;
+  }
+  if (!object.is_object()) {
+    result.refused.push_back("the JSON text is no object");
+    return result;
+  }
+  std::string rest;
+  std::getline(stream, rest, '\0');
+  if (rest.find_first_not_of(" \t\r\n") != std::string::npos) {
+    result.remarks.push_back("text after the object is ignored");
+  }
+  ExplainObject(object, result);
+  const auto after = zero == datagram.end() ? 0 : datagram.end() - zero - 1;
+  if (after > 0 && !object.contains("att")) {
+    result.remarks.push_back(std::to_string(after) +
+                             " bytes after the 0 byte are ignored: there is no \"att\"");
+  }
+  return result;
+}
+
+}  // namespace wire
