@@ -5,6 +5,7 @@ namespace wire {
 namespace {
 
 TEST_F(CtlTest, SendShowsAcknowledgementAndAnswer) {
+  emulator_.Allow("Bad message received");
   const struct {
     const char* request;
     int status;
@@ -12,7 +13,7 @@ TEST_F(CtlTest, SendShowsAcknowledgementAndAnswer) {
   } rows[] = {{R"({"msg":"get_inputs"})", 0, {"acknowledged after", "answered after", "inputs"}},
               {R"({"msg":"get_state","msg_id":77})", 0, {"\"ack_msg_id\":77", "no answer, as"}},
               {R"({"msg":"set_fm_freq","freq":[1]})", 1, {"acknowledged after", "\"code\":2"}},
-              {R"({"msg":"no_such"})", 3, {"doesn't acknowledge"}},
+              {R"({"msg":"no_such"})", 3, {"doesn't acknowledge it: there is no message"}},
               {R"({"msg_id":1})", 2, {"\"msg\" is missing"}}};
   for (const auto& row : rows) {
     const Result result = Run({"send", "tuner-b", row.request});

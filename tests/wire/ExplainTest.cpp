@@ -41,9 +41,8 @@ TEST(Explain, NamesWhatAUnitRefusesAndWhatHasNoEffect) {
       {R"({"msg":"set_inputs","msg_id":1,"inputs":["1.2.3.4"]})" + zero, "", "has no port"}};
   const auto holds = [](const std::vector<std::string>& all, const std::string& part) {
     if (part.empty()) return all.empty();
-    return std::any_of(all.begin(), all.end(), [&](const std::string& one) {
-      return one.find(part) != std::string::npos;
-    });
+    return std::any_of(all.begin(), all.end(),
+                       [&](const std::string& one) { return one.find(part) != std::string::npos; });
   };
   for (const auto& row : rows) {
     const Explanation says = Explain(Bytes(row.datagram.begin(), row.datagram.end()));

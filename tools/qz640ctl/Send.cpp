@@ -62,6 +62,12 @@ int RunSend(Session& session, const std::string& name, const std::string& text, 
     acknowledged = link.WaitAcks(id, 1, wire::kAckTimeout);
   }
   if (!acknowledged) {
+    Json sent = request;
+    sent["msg_id"] = id;
+    const auto refused = wire::Explain(wire::Encode(sent)).refused;
+    if (!refused.empty()) {
+      throw Failure{kNoAnswer, to.ToText() + " doesn't acknowledge it: " + Join(refused)};
+    }
     throw wire::NoAnswer(wire::NoAnswer::Missing::Acknowledgement, to, type);
   }
   const wire::Message ack = link.AcksOf(id).front();
