@@ -1,5 +1,5 @@
 // The far end of the benchmarks: streams to and from many units with the processor time that the
-// process under them takes meanwhile, the latency of requests, and bare programs of the same work
+// processes under them take meanwhile, the latency of requests, and bare programs of the same work
 // to compare with. bench/table.py runs it and reads the one line of JSON that it prints. Linux
 // alone.
 #include <arpa/inet.h>
@@ -21,6 +21,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <numeric>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -53,6 +55,14 @@ class Arguments {
   }
   double Number(const std::string& name) const {
     return values_.count(name) == 0 ? 0 : std::stod(Text(name));
+  }
+  // A,B,C
+  std::vector<std::string> List(const std::string& name) const {
+    std::vector<std::string> parts;
+    std::istringstream text(Text(name));
+    for (std::string part; std::getline(text, part, ',');)
+      parts.push_back(part);
+    return parts;
   }
   // The address of stream or unit number `i`: a first one and the distance of the ports.
   Endpoint Address(const std::string& name, size_t i = 0, int step = 0) const {
@@ -129,17 +139,21 @@ struct Stream {
   std::vector<int64_t> late;
 };
 
-// Takes all streams on one port and tells them apart by where they come from. The times are those
-// at which the kernel got the packets, so it doesn't matter when this thread looks.
+// Takes all streams, on one port or a few, and tells them apart by where they come from. The times
+// are those at which the kernel got the packets, so it doesn't matter when this thread looks.
 class Receiver {
  public:
-  explicit Receiver(const Endpoint& local) : socket_(local) {
-    const int size = 64 << 20;
-    const int on = 1;
-    if (setsockopt(socket_.Handle(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
-      setsockopt(socket_.Handle(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    setsockopt(socket_.Handle(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
-    setsockopt(socket_.Handle(), SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+  explicit Receiver(const std::vector<Endpoint>& locals) {
+    for (const Endpoint& local : locals) {
+      const Socket& one = *sockets_.emplace_back(std::make_unique<Socket>(local));
+      const int size = 64 << 20;
+      const int on = 1;
+      if (setsockopt(one.Handle(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
+        setsockopt(one.Handle(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+      setsockopt(one.Handle(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+      setsockopt(one.Handle(), SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+    }
+    overflows_.resize(locals.size());
     for (size_t i = 0; i < kBatch; ++i) {
       parts_[i] = {packets_[i].data(), packets_[i].size()};
       messages_[i].msg_hdr.msg_iov = &parts_[i];
@@ -150,21 +164,23 @@ class Receiver {
   }
 
   void Take() {
-    int count = 0;
-    do {
-      for (size_t i = 0; i < kBatch; ++i) {
-        messages_[i].msg_hdr.msg_namelen = sizeof senders_[i];
-        messages_[i].msg_hdr.msg_controllen = controls_[i].size();
-      }
-      count = recvmmsg(socket_.Handle(), messages_.data(), kBatch, MSG_DONTWAIT, nullptr);
-      for (int i = 0; i < count; ++i)
-        Add(static_cast<size_t>(i));
-    } while (count == static_cast<int>(kBatch));
+    for (size_t from = 0; from < sockets_.size(); ++from) {
+      int count = 0;
+      do {
+        for (size_t i = 0; i < kBatch; ++i) {
+          messages_[i].msg_hdr.msg_namelen = sizeof senders_[i];
+          messages_[i].msg_hdr.msg_controllen = controls_[i].size();
+        }
+        count = recvmmsg(sockets_[from]->Handle(), messages_.data(), kBatch, MSG_DONTWAIT, nullptr);
+        for (int i = 0; i < count; ++i)
+          Add(static_cast<size_t>(i), overflows_[from]);
+      } while (count == static_cast<int>(kBatch));
+    }
   }
 
   void Begin() {
     streams_.clear();
-    overflowsBefore_ = overflows_;
+    overflowsBefore_ = Overflows();
     packetCount = lost = 0;
   }
 
@@ -182,7 +198,7 @@ class Receiver {
         "{\"cpu_ms_s\": %.3f, \"streams\": %zu, \"packets\": %llu, \"lost\": %llu, \"overflow\": "
         "%u, \"late_p50\": %.1f, \"late_p99\": %.1f, \"late_max\": %.1f, \"beyond_step\": %td}\n",
         static_cast<double>(cpu) / 1e6 / seconds, streams_.size(), packetCount, lost,
-        overflows_ - overflowsBefore_, p50, p99, Percentile(all, 1) / 1e3, beyond);
+        Overflows() - overflowsBefore_, p50, p99, Percentile(all, 1) / 1e3, beyond);
   }
 
   unsigned long long packetCount = 0, lost = 0;
@@ -190,7 +206,9 @@ class Receiver {
  private:
   static constexpr size_t kBatch = 64;
 
-  void Add(size_t i) {
+  uint32_t Overflows() const { return std::accumulate(overflows_.begin(), overflows_.end(), 0u); }
+
+  void Add(size_t i, uint32_t& overflows) {
     int64_t time = 0;
     msghdr& message = messages_[i].msg_hdr;
     for (cmsghdr* part = CMSG_FIRSTHDR(&message); part; part = CMSG_NXTHDR(&message, part)) {
@@ -199,7 +217,7 @@ class Receiver {
         std::memcpy(&stamp, CMSG_DATA(part), sizeof stamp);
         time = stamp.tv_sec * kSecond + stamp.tv_nsec;
       } else if (part->cmsg_type == SO_RXQ_OVFL) {
-        std::memcpy(&overflows_, CMSG_DATA(part), sizeof overflows_);
+        std::memcpy(&overflows, CMSG_DATA(part), sizeof overflows);
       }
     }
     ++packetCount;
@@ -218,8 +236,9 @@ class Receiver {
     stream.late.push_back(time - stream.first - stream.place * kPeriod);
   }
 
-  Socket socket_;
-  uint32_t overflows_ = 0, overflowsBefore_ = 0;  // packets that this end had no room for
+  std::vector<std::unique_ptr<Socket>> sockets_;
+  std::vector<uint32_t> overflows_;  // packets that a socket had no room for, since its beginning
+  uint32_t overflowsBefore_ = 0;
   std::map<Endpoint, Stream> streams_;
   std::array<std::array<uint8_t, 2048>, kBatch> packets_{};
   std::array<std::array<uint8_t, 256>, kBatch> controls_{};
@@ -264,23 +283,33 @@ class Sender {
 // Switches the inputs of all units on, if any are named, sends streams, if any, and measures for so
 // many seconds, after a second for all to begin.
 void RunStreams(const Arguments& arguments) {
-  const Endpoint here = arguments.Address("listen");
-  Receiver receiver(here);
+  std::vector<Endpoint> locals;
+  for (const std::string& local : arguments.List("listen"))
+    locals.push_back(Endpoint::Parse(local).value());
+  Receiver receiver(locals);
   Sender sender(arguments, static_cast<size_t>(arguments.Number("send_count")));
   if (const auto count = static_cast<size_t>(arguments.Number("unit_count")); count != 0) {
     wire::Loop loop;
     wire::Link link(loop, {"127.0.0.1", 0});
     const std::vector<wire::InputChange> on(static_cast<size_t>(arguments.Number("inputs")),
-                                            {true, here});
+                                            {true, locals.at(0)});
     for (size_t i = 0; i < count; ++i) {
       const int step = static_cast<int>(arguments.Number("unit_step"));
       wire::UnitControl(link, arguments.Address("units", i, step)).SetInputs(on);
     }
   }
 
-  clockid_t processClock{};
-  if (clock_getcpuclockid(static_cast<pid_t>(arguments.Number("pid")), &processClock) != 0)
-    Fail("no process " + arguments.Text("pid"));
+  std::vector<clockid_t> clocks;
+  for (const std::string& process : arguments.List("pid")) {
+    if (clock_getcpuclockid(std::stoi(process), &clocks.emplace_back()) != 0)
+      throw std::runtime_error("no process " + process);
+  }
+  const auto cpuNow = [&clocks] {
+    int64_t sum = 0;
+    for (const clockid_t clock : clocks)
+      sum += Now(clock);
+    return sum;
+  };
   const double seconds = arguments.Number("seconds");
   const int64_t start = Now();
   const auto slot = kPeriod / kSlots;
@@ -293,11 +322,11 @@ void RunStreams(const Arguments& arguments) {
     receiver.Take();
     if (turn == warmUp) {
       receiver.Begin();
-      cpu = Now(processClock);
+      cpu = cpuNow();
       begin = Now();
     }
   }
-  cpu = Now(processClock) - cpu;
+  cpu = cpuNow() - cpu;
   receiver.Print(cpu, static_cast<double>(Now() - begin) / 1e9);
 }
 

@@ -16,6 +16,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import statistics
 import subprocess
 import sys
@@ -76,7 +77,7 @@ class Program:
             self.process.stdin.write("\n")
             self.process.stdin.close()
         try:
-            self.process.wait(0.2 if self.process.args[0].startswith("gst") else 20)
+            self.process.wait(0.2 if self.process.args[0] in ("gst-launch-1.0", "pipewire") else 20)
         except subprocess.TimeoutExpired:
             self.process.terminate()
             self.process.wait()
@@ -130,6 +131,108 @@ def gstreamer(count, loop):
     return Program(command)
 
 
+class PipeWire:
+    """A server with a driver of 192 samples, and RTP sinks, each after a source or after silence.
+
+    There is no session manager: sources are announced, ports configured and linked from here.
+    """
+
+    PORTS = ('{ "direction": "%s", "mode": "dsp", "format": { "mediaType": "audio", "mediaSubtype": '
+             '"raw", "format": "F32P", "rate": 48000, "channels": 2, "position": ["FL", "FR"] } }')
+
+    def __init__(self, count, loop):
+        self.folder = tempfile.TemporaryDirectory(prefix="qz-bench-")
+        self.env = dict(os.environ, XDG_RUNTIME_DIR=self.folder.name, PIPEWIRE_REMOTE="qz-bench")
+        self.programs = contextlib.ExitStack()
+        host = LISTEN.split(":")[0]
+        rt = "libpipewire-module-rt args = { nice.level = -11 rt.prio = 88 } flags = [ nofail ]"
+        server = [rt, *(f"libpipewire-module-{name}" for name in (
+            "protocol-native", "metadata", "spa-node-factory", "client-node", "access", "adapter",
+            "link-factory"))]
+        driver = ('{ factory = adapter args = { factory.name = support.null-audio-sink node.name = '
+                  'driver media.class = "Audio/Sink" audio.position = "FL,FR" node.driver = true '
+                  'priority.driver = 20000 object.linger = true adapter.auto-port-config = { mode = '
+                  'dsp monitor = true position = preserve } } }')
+        client = [rt, *(f"libpipewire-module-{name}" for name in (
+            "protocol-native", "metadata", "client-node", "adapter"))]
+        client += [f'libpipewire-module-rtp-source args = {{ sap.ip = "{ADDRESS}" sap.port = 9875 '
+                   "sess.latency.msec = 20 stream.props = { node.autoconnect = false } }"]
+        client += [f'libpipewire-module-rtp-sink args = {{ sap.ip = "{host}" sap.port = 9876 '
+                   f'source.ip = "{ADDRESS}" destination.ip = "{host}" net.loop = true net.mtu = '
+                   f'1500 sess.name = "s{i}" sess.min-ptime = 4 sess.max-ptime = 4 audio.format = '
+                   "S24BE audio.rate = 48000 audio.channels = 2 stream.props = { node.name = "
+                   f'"sink{i}" node.autoconnect = false }} }}' for i in range(count)]
+        try:
+            self._begin(count, loop, server, driver, client)
+        except BaseException:
+            self.__exit__()
+            raise
+
+    def _begin(self, count, loop, server, driver, client):
+        host = LISTEN.split(":")[0]
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as announced:
+            announced.bind((host, 9876))
+            announced.settimeout(15)
+            self.pids = [self._start("server", server, driver), self._start("client", client, "")]
+            if loop:
+                self._announce(announced, count)
+            self._link(count, loop)
+            ports = set()  # the sinks draw them
+            names = set()
+            while len(names) < count:
+                text = announced.recv(2000).decode(errors="replace")
+                names.add(re.search(r"s=(\S+)", text)[1])
+                ports.add(re.search(r"m=audio (\d+)", text)[1])
+        self.pid = ",".join(map(str, self.pids))
+        self.listen = ",".join(f"{host}:{port}" for port in sorted(ports))
+
+    def _start(self, name, modules, objects):
+        path = pathlib.Path(self.folder.name) / f"{name}.conf"
+        path.write_text(
+            "context.properties = { core.daemon = %s core.name = qz-bench default.clock.rate = 48000 "
+            "default.clock.quantum = 192 default.clock.min-quantum = 192 default.clock.max-quantum = "
+            "192 }\ncontext.spa-libs = { audio.convert.* = audioconvert/libspa-audioconvert support.* "
+            "= support/libspa-support }\ncontext.modules = [\n%s\n]\ncontext.objects = [ %s ]\n" % (
+                "true" if objects else "false",
+                "\n".join(f"{{ name = {module} }}" for module in modules), objects))
+        return self.programs.enter_context(Program(["pipewire", "-c", path], env=self.env)).pid
+
+    def _announce(self, sock, count):
+        host = LISTEN.split(":")[0]
+        for i in range(count):
+            port = BASE + 2 + PORTS["QZ610"] * i
+            sdp = (f"v=0\no=bench {i + 1} 0 IN IP4 {host}\ns=in{i}\nc=IN IP4 {ADDRESS}\nt=0 0\n"
+                   f"a=recvonly\nm=audio {port} RTP/AVP 100\na=rtpmap:100 L24/48000/2\na=ptime:4\n")
+            sock.sendto(b"\x20\0" + (i + 1).to_bytes(2, "big") + socket.inet_aton(host) +
+                        b"application/sdp\0" + sdp.encode(), (ADDRESS, 9875))
+            time.sleep(0.01)
+
+    def _tool(self, *command):
+        return subprocess.run(command, env=self.env, text=True, check=True, timeout=20,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
+
+    def _link(self, count, loop):
+        time.sleep(1)
+        for node in self._tool("pw-cli", "ls", "Node").split("\tid ")[1:]:
+            number, name = node.split(",")[0], re.search(r'node.name = "(\w+)"', node)[1]
+            if name == "driver":
+                continue
+            direction = "Input" if name.startswith("sink") else "Output"
+            self._tool("pw-cli", "set-param", number, "PortConfig", self.PORTS % direction)
+        time.sleep(0.5)
+        for i in range(count):
+            for side in ("FL", "FR"):
+                source = f"in{i}:output_{side}" if loop else f"driver:monitor_{side}"
+                self._tool("pw-link", source, f"sink{i}:input_{side}")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.programs.close()
+        self.folder.cleanup()
+
+
 # ---- Measuring ---------------------------------------------------------------------------------
 
 
@@ -141,7 +244,8 @@ def far(command, **arguments):
 
 def streams(program, seconds, send=0, rtp=0):
     """What the far end sees of a program for so long; `send` streams go to it."""
-    arguments = {"pid": program.pid, "seconds": seconds, "listen": LISTEN, "rtp": rtp}
+    arguments = {"pid": program.pid, "seconds": seconds, "rtp": rtp,
+                 "listen": getattr(program, "listen", LISTEN)}
     if send:
         arguments |= {"send": f"{ADDRESS}:{BASE + 2}", "send_step": PORTS["QZ610"],
                       "send_count": send}
@@ -260,7 +364,7 @@ def measured(start, count, seconds, measure=streams, **arguments):
         with start() as program:
             seen = measure(program, seconds, **arguments)
         if measure is streams and seen["streams"] == 0:
-            raise SystemExit(f"table.py: no streams from {program.process.args[0]}")
+            raise SystemExit(f"table.py: no streams from {type(program).__name__}")
         return {"cpu": seen["cpu_ms_s"] / count, "p50": seen["late_p50"], "p99": seen["late_p99"]}
     return once
 
@@ -276,10 +380,14 @@ def processes(table, options):
     if options.gstreamer:
         looping["GStreamer"] = measured(lambda: gstreamer(many, True), many, seconds, send=many,
                                         rtp=1)
+    if options.pipewire:
+        looping["PipeWire"] = measured(lambda: PipeWire(many, True), many, seconds, send=many, rtp=1)
     cpu = rounds(options.rounds, looping)["cpu"]
     table.row(f"{many} QZ610 looping back, CPU a unit and second", "ms", cpu)
     table.goal(f"{many} QZ610 looping back, CPU a unit and second, ms", cpu["ours"].median, 6)
     loop = cpu["ours"].median
+    if options.pipewire:
+        table.goal(f"{many} QZ610 looping back, of PipeWire's CPU", loop / cpu["PipeWire"].median, 0.6)
 
     cpu = rounds(options.rounds, {"ours": measured(
         lambda: Emulator("QZ610", more), more, seconds, send=more)})["cpu"]
@@ -304,6 +412,8 @@ def processes(table, options):
                    "one bare thread": measured(lambda n=count: bare_loop(n, 1), count, seconds)}
         if options.gstreamer:
             senders["GStreamer"] = measured(lambda n=count: gstreamer(n, False), count, seconds)
+        if options.pipewire:
+            senders["PipeWire"] = measured(lambda n=count: PipeWire(n, False), count, seconds)
         late = rounds(options.rounds, senders)
         for part, limit in (("p50", 150), ("p99", 400)):
             table.row(f"lateness of packets, streams of {count}, {part}", "us", late[part])
@@ -441,10 +551,13 @@ def main():
     if options.instant:
         options.rounds = 1
     options.gstreamer = shutil.which("gst-launch-1.0") is not None
+    # A moment is too short for its start.
+    options.pipewire = bool(shutil.which("pipewire") and shutil.which("pw-link")) \
+        and not options.instant
     if options.what == "scale":
         return scale(options)
     print(f"{machine()}; medians of {options.rounds} (least to greatest)\n")
-    for name, there in (("GStreamer", options.gstreamer),):
+    for name, there in (("GStreamer", options.gstreamer), ("PipeWire", options.pipewire)):
         if not there:
             print(f"{name} isn't installed: its figures are missing.")
     print("| what | qz640emu | beside it |\n|---|---|---|")
