@@ -23,6 +23,36 @@ TEST_F(CtlTest, SendShowsAcknowledgementAndAnswer) {
   }
 }
 
+TEST_F(CtlTest, ExpectSaysWhetherConditionsHoldAndLeavesInputsAsTheyWere) {
+  Run({"set-inputs", "studio-a", "0=127.0.0.1:9"});
+  Process play(QZ_CTL, {.arguments = WithTo({"play", "studio-a", "--tone", "1000", "--level", "-6",
+                                             "--seconds", "60"})});
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    const char* says;
+  } rows[] = {
+      {{"input", "0", "--tone", "1000", "--level", "-6+-0.5", "destination", "0=127.0.0.1:9"},
+       0,
+       "1000.0 Hz at -6.00 dB"},
+      {{"input", "0", "--tone", "1000", "--level", "-8", "--within", "1s"}, 1, "-6.00 dB"},
+      {{"input", "0", "--tone", "1500", "--within", "1s"}, 1, "0% of the power"},
+      {{"input", "0", "silent", "--within", "1s"}, 1, "peak -6.00 dB still"},
+      {{"freq", "44100", "--within", "1s"}, 1, "the rate is 48000"},
+      {{"found", "destination", "0=off", "--within", "300ms"}, 1, "goes to 127.0.0.1:9"},
+      {{"gone", "--within", "300ms"}, 1, "studio-a is there"},
+      {{"input", "0"}, 2, "input N silent"}};
+  for (const auto& row : rows) {
+    std::vector<std::string> arguments{"expect", "studio-a"};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    const Result result = Run(arguments);
+    EXPECT_EQ(result.status, row.status) << result.out << result.err;
+    EXPECT_NE((result.out + result.err).find(row.says), std::string::npos)
+        << result.out << result.err;
+  }
+  EXPECT_EQ(Destination("studio-a", 0), "127.0.0.1:9");
+}
+
 TEST(CtlListen, AcknowledgesAndExplains) {
   Process listen(QZ_CTL, {.arguments = {"listen", "--explain", "--at", OwnAddress()}});
   const auto line = listen.WaitLine("listening at ");

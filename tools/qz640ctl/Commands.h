@@ -54,6 +54,14 @@ struct UpOptions {
   std::vector<std::string> command;  // empty: until Ctrl-C
 };
 
+struct ExpectOptions {
+  std::string unit;
+  std::vector<std::string> words;  // the conditions
+  std::optional<double> toneHz;    // of the input that the conditions name last
+  std::string level;               // of the tone, dB of full scale: "-6", "-6+-0.5"
+  std::string within = "5s";
+};
+
 struct ListenOptions {
   std::string at = "127.0.0.1";  // address and port; without a port any free one
   bool explain = false;
@@ -89,6 +97,7 @@ int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
 int RunCheck(Session& session, const CheckOptions& options, Output& out);
 int RunRestore(Session& session, bool forget, Output& out);
+int RunExpect(Session& session, const ExpectOptions& options, Output& out);
 int RunSend(Session& session, const std::string& unit, const std::string& request, Output& out);
 int RunListen(Session& session, const ListenOptions& options, Output& out);
 int RunUp(Session& session, const UpOptions& options, Output& out);

@@ -130,6 +130,25 @@ class CommandLine {
         [this](Session& session, Output& out) { return RunSend(session, unit_, request_, out); })
         ->add_option("REQUEST", request_, "A JSON object; numbered where it has no \"msg_id\"")
         ->required();
+    CLI::App* expect = AddTo(
+        Add("expect",
+            "Wait until conditions hold, all at once; status 1 with what was seen where they "
+            "don't. Inputs are heard without being taken from where they go",
+            "qz640ctl expect studio-a input 0 --tone 1000 --level -6+-0.5 --within 5s\n"
+            "  qz640ctl expect studio-a found destination 0=127.0.0.1:9000",
+            [this](Session& session, Output& out) { return RunExpect(session, expect_, out); }));
+    expect->add_option("UNIT", expect_.unit, "Unit id or address:port")->required();
+    expect
+        ->add_option("CONDITION", expect_.words,
+                     "found, gone, freq HZ, tuner N=FREQUENCY, destination N=ADDRESS:PORT or "
+                     "N=off, input N silent, input N pattern, input N with --tone")
+        ->required();
+    expect->add_option("--tone", expect_.toneHz, "The input has a sine of so many Hz")
+        ->check(CLI::Range(1.0, 22000.0));
+    expect->add_option("--level", expect_.level, "The tone's level in dB of full scale");
+    expect->add_option("--within", expect_.within, "How long to wait")->capture_default_str();
+    AddLocal(expect);
+
     CLI::App* listen =
         Add("listen", "A peer for a controller: acknowledges what a unit would take, until Ctrl-C",
             "qz640ctl listen --explain --at 127.0.0.1:8000",
@@ -327,6 +346,7 @@ class CommandLine {
   RelayOptions relay_;
   std::string request_;
   ListenOptions listen_;
+  ExpectOptions expect_;
   SoakOptions soak_;
   Action run_;
 };

@@ -310,6 +310,10 @@ Fault ParseParts(std::string_view text) {
 
 }  // namespace
 
+std::optional<Clock::duration> ParseTime(std::string_view word) {
+  return TimeOf(word);
+}
+
 Fault ParseFault(std::string_view text) {
   try {
     return ParseParts(text);

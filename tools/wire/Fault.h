@@ -58,6 +58,9 @@ struct Fault {
   Clock::duration period{};       // begins again each time that this is over; 0: never
 };
 
+// "300ms", "1.5s" or "2min"; nothing for any other text. Throws BadFault beyond a year.
+std::optional<Clock::duration> ParseTime(std::string_view word);
+
 // Throws BadFault.
 Fault ParseFault(std::string_view text);
 
