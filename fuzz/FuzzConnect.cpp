@@ -1,6 +1,6 @@
 // The acknowledged connection as a script of datagrams, sends, passes of its thread and restarts.
 // Beside it stands the protocol written another way, which says of each pass what has to go out,
-// of each datagram what answers it, and in the end what the user had to be told.
+// of each datagram what answers it, and in the end what the user had to hear.
 #include <algorithm>
 #include <deque>
 #include <iterator>
@@ -32,7 +32,7 @@ constexpr int64_t kAckTimeoutMs = 50;
 constexpr size_t kSegmentSize = 1300;
 constexpr const wchar_t* kPeers[] = {L"10.4.5.6:7", L"10.1.2.3:4567", L"10.1.2.3:4568"};
 
-// Byte `index` of each attachment that is sent: tells its place, so that a gap or a swap shows.
+// Byte `index` of each attachment that is sent: shows its place, so that a gap or a swap shows.
 uint8_t ByteAt(size_t index) {
   return static_cast<uint8_t>(index ^ index >> 8);
 }
@@ -199,7 +199,7 @@ class SendModel {
     if (!segment) return;
     Require(segment->leader_id == current_->leader && segment->seg_number == row.number &&
                 segment->seg_count == row.segments,
-            "a segment tells its place");
+            "a segment shows its place");
   }
 
   std::map<std::wstring, int> standing_;
@@ -294,12 +294,13 @@ class Duel {
     const size_t most = received_.delivered.size() + sent_.sent.size();
     for (size_t i = 0; i < most; ++i)
       Pass();
-    // A pass that gave up told the user nothing else.
+    // A pass that gave up reported nothing else to the user.
     for (size_t i = 0; i < kMaxSends; ++i)
       Pass();
     Require(user_.received == received_.delivered, "what came up is what had to come up");
-    Require(user_.sent == sent_.sent, "what was told as sent is what was acknowledged");
-    Require(user_.errors == unreadable_ + sent_.givenUp, "each failure is told, and nothing else");
+    Require(user_.sent == sent_.sent, "what was reported as sent is what was acknowledged");
+    Require(user_.errors == unreadable_ + sent_.givenUp,
+            "each failure is reported, and nothing else");
   }
 
  private:

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   NetAddr addr;
   addr.SetFromText(L"1.2.3.4:5");  // what it held before must not show
   const bool taken = addr.SetFromText(text);
-  Require(taken == addr.IsDefined(), "the result tells whether it is defined");
+  Require(taken == addr.IsDefined(), "the result says whether it is defined");
   // All ones are read with their port, and are undefined all the same.
   const bool allOnes = text.starts_with(L"255.255.255.255:");
   Require(taken || allOnes || addr == NetAddr(), "a refused text leaves nothing behind");
@@ -27,13 +27,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   NetAddr withPort;
   const bool takenWithPort = withPort.SetFromTextAndPort(text, 0x10000u + port);
-  Require(takenWithPort == withPort.IsDefined(), "the result tells whether it is defined");
+  Require(takenWithPort == withPort.IsDefined(), "the result says whether it is defined");
   Require(takenWithPort || !taken, "whoever asks less takes more");
   Require(!takenWithPort || withPort.Port() == port, "the given port is taken, cut to 16 bits");
   if (taken) {
     NetAddr moved;
     moved.SetFromTextAndPort(addr.ToText(), addr.Port());
-    Require(moved == addr, "the text behind the address plays no part");
+    Require(moved == addr, "the text after the address plays no part");
   }
   return 0;
 }

@@ -12,7 +12,7 @@ using Network::UnitSettings;
 
 namespace {
 
-// Half of the double range is below what six digits can tell; the rest keeps its text.
+// Half of the double range is below what six digits can express; the rest keeps its text.
 bool KeepsItsText(double speed) {
   return speed == 0.0 || std::fabs(speed) > 1e-290;
 }

@@ -30,7 +30,7 @@ bool Run(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
   const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
   if (!file) return false;
-  // A copy of exactly the input's size: a read behind its end is a fault that a sanitizer sees.
+  // A copy of exactly the input's size: a read past its end is a fault that a sanitizer sees.
   const std::vector<uint8_t> input(bytes.begin(), bytes.end());
   LLVMFuzzerTestOneInput(input.data(), input.size());
   return true;

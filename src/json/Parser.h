@@ -66,7 +66,7 @@ class Parser;
 
 // Feeds `text` until a root value is complete; what follows it isn't looked at. False when
 // the text ends before that or an error was reported. A root that is a number needs a character
-// behind it. Throws what the callback throws.
+// after it. Throws what the callback throws.
 bool ParseText(IParser& parser, const std::wstring& text);
 bool ParseText(Parser& parser, const std::wstring& text);  // the same, faster
 

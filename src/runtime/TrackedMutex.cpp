@@ -16,7 +16,7 @@ void LockTimes::Report(const std::wstring& name) const {
   const auto ticks = [](int64_t from, int64_t to) {
     return uint64_t{static_cast<uint32_t>(to - from)};
   };
-  if (ticks(requested, released) < uint64_t{LockLimitMs} * frequency / 1000) return;
+  if (ticks(requested, released) < uint64_t{kLockLimitMs} * frequency / 1000) return;
   try {
     const auto log = GetDebugLog();
     if (!log) return;

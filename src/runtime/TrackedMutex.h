@@ -40,7 +40,7 @@ class BasicTrackedMutex final : public NamedMutex {
 using TrackedMutex = BasicTrackedMutex<std::mutex>;
 using TrackedRecursiveMutex = BasicTrackedMutex<std::recursive_mutex>;
 
-constexpr uint32_t LockLimitMs = 5;
+constexpr uint32_t kLockLimitMs = 5;
 
 // The clock readings of one hold of a lock, in counter ticks.
 struct LockTimes {

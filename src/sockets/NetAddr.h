@@ -21,7 +21,7 @@ class NetAddr {
   bool IsDefined() const;
 
   // Takes a.b.c.d or a.b.c.d:port, strictly: four decimal parts without leading zeros, nothing
-  // behind. Without a port the port is 0. On a text that can't be taken the address becomes
+  // after them. Without a port the port is 0. On a text that can't be taken the address becomes
   // undefined with port 0. True when the address is defined now.
   bool SetFromText(const wchar_t* text);
   bool SetFromText(const std::wstring& text);

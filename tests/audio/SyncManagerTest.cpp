@@ -315,7 +315,7 @@ TEST_F(SyncManagerTest, LostPositionEndsTheLockWithoutAJump) {
   for (const auto& [pos, freq] : {std::pair<int64_t, uint32_t>{-1, 48000}, {4800, 0}}) {
     const int fails = LogCount(L"Sync FAIL");
     sync_.OnSync(nullptr, pos, freq);
-    EXPECT_EQ(LogCount(L"Sync FAIL"), fails) << "told only by the next pass";
+    EXPECT_EQ(LogCount(L"Sync FAIL"), fails) << "reported only by the next pass";
     EXPECT_LE(Passes(), 1);
     EXPECT_EQ(LogCount(L"Sync FAIL"), fails + 1);
     EXPECT_NEAR(Run(1000), 250, 1);

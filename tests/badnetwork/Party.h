@@ -96,7 +96,7 @@ class Party final : public Network::IJsonUdpReceiver {
 
   void OnMsgSent(Network::IJsonUdpManager*, const std::shared_ptr<Network::JsonMsg>& msg) override {
     std::lock_guard lock(mutex_);
-    EXPECT_TRUE(acknowledged_.insert(msg->msg_id).second) << "told twice";
+    EXPECT_TRUE(acknowledged_.insert(msg->msg_id).second) << "reported twice";
   }
 
   void OnMsgReceived(Network::IJsonUdpManager*, const std::shared_ptr<Network::JsonMsg>& msg,

@@ -180,7 +180,8 @@ TEST_P(BadNetwork, SingleDatagramsKeepTheirPromises) {
 }
 
 // Messages in segments, on a network that loses and doubles but keeps the order: a late repeat of
-// one message's segment would be taken for another's, as nothing in the protocol tells them apart.
+// one message's segment would be taken for another's, as nothing in the protocol distinguishes
+// them.
 TEST_P(BadNetwork, SegmentedMessagesArriveWholeOrNotAtAll) {
   SimulatedNetwork network(RunSeed(), {.segments = true});
   RunThroughWeather(network, {loss, 10, 0, 0, 1, 0});

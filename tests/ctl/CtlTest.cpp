@@ -88,7 +88,7 @@ TEST_F(CtlTest, RecordsBitForBitAndGivesTheInputBack) {
   ASSERT_EQ(take.status, 0) << take.err;
   EXPECT_EQ(take.Objects().at(0)["lost"], 0);
 
-  // 24-bit stereo behind the header: Mode 1 sends one and the same packet over and over. WAV has
+  // 24-bit stereo after the header: Mode 1 sends one and the same packet over and over. WAV has
   // its samples little-endian, the wire big-endian.
   std::ifstream in(file.Path(), std::ios::binary);
   const Bytes bytes{std::istreambuf_iterator<char>(in), {}};

@@ -65,7 +65,7 @@ TEST(EmuSettings, HandsOutPortsByModel) {
 TEST(EmuSettings, BadTextIsRefusedWholeByNameOfFileAndMistake) {
   const struct {
     std::string bytes;
-    const wchar_t* words;  // what the failure has to tell
+    const wchar_t* words;  // what the failure has to say
   } table[] = {
       {" \n", L"Parse error: the text is empty"},
       {"{\r\n \"BasePort\":many}", L"Parse error: value expected in line 2, column 13:"},

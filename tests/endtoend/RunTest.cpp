@@ -93,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(, RunEnds,
                                          "OnTerminate"),
                          [](const auto& test) { return std::string(test.param); });
 
-// The failure of a stage stands in the log twice: behind the stage's words, and at the end of the
+// The failure of a stage stands in the log twice: after the stage's words, and at the end of the
 // run as the bare failure.
 void ExpectFailedStage(EmulatorProcess& emulator, const std::string& stage,
                        const std::string& failure) {

@@ -19,7 +19,7 @@ namespace {
 class LogFilesPosix : public testing::Test {
  protected:
   // Writes 100 lines, enough for some files, with `midway` after the first half. Returns what a
-  // console would have been told.
+  // console would have got a line.
   std::wstring Trouble(const std::function<void()>& midway = [] {}) {
     LogFiles files(params_);
     files.Open();

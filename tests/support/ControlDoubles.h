@@ -1,5 +1,5 @@
 // What the tests of the control protocol share: messages as datagrams and back, and a user of a
-// manager or connection that records what it is told. Any thread.
+// manager or connection that records what is reported to it. Any thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ inline std::shared_ptr<Network::JsonMsg> FromDatagram(const DatagramBytes& bytes
   return std::shared_ptr<Network::JsonMsg>(Network::JsonMsg::FromPacket(packet));
 }
 
-// Bytes of which each tells its place, so that a gap or a swap shows.
+// Bytes of which each shows its place, so that a gap or a swap shows.
 inline DatagramBytes PatternBytes(size_t size, uint32_t seed = 0) {
   DatagramBytes bytes(size);
   uint32_t state = seed * 2654435761U + 1;
@@ -49,10 +49,10 @@ struct ReceivedMsg {
   Network::NetAddr from;
 };
 
-// A failure that it is told dies here, and so ends in the log, where the test takes it.
+// A failure that is reported to it dies here, and so ends in the log, where the test takes it.
 class RecordingReceiver final : public Network::IJsonUdpReceiver {
  public:
-  // Called without a lock, on the caller's thread, behind the recording. Set before the start.
+  // Called without a lock, on the caller's thread, after the recording. Set before the start.
   std::function<void(const std::shared_ptr<Network::JsonMsg>&)> onSent;
   std::function<void(const std::shared_ptr<Network::JsonMsg>&, const Network::NetAddr&)> onReceived;
   std::function<void(const std::wstring&)> onError;

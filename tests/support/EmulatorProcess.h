@@ -65,8 +65,8 @@ class EmulatorProcess {
   Process& Child() { return *child_; }
 
   // Waits for a log line that holds `part`, and expects it. A failure of the test if none comes.
-  // Returns the line's text behind date and thread. Lines are looked at once: the next call
-  // searches behind the line that this one found, unless it looks for another `part`.
+  // Returns the line's text after date and thread. Lines are looked at once: the next call
+  // searches after the line that this one found, unless it looks for another `part`.
   std::string Line(const std::string& part);
 
   // The log texts so far that hold `part`, without date and thread.
@@ -81,7 +81,8 @@ class EmulatorProcess {
   // Writes one character and waits for the end.
   void Stop();
 
-  // Waits for the end of a run that ends by itself or was told to, and holds it to the rules above.
+  // Waits for the end of a run that ends by itself or was asked to, and holds it to the rules
+  // above.
   void ExpectOrderlyEnd();
 
   // For what the rules above don't fit: kills the run, checks nothing.

@@ -37,7 +37,7 @@ class RingDuel final : private Network::ISyncTarget {
 
   size_t Channels() const { return channels_; }
 
-  // A packet that the manager can tell from all others, of any payload type.
+  // A packet that the manager can distinguish from all others, of any payload type.
   void Deliver(size_t channel, uint16_t seq, uint32_t ts, uint8_t typeByte = 0xC8) {
     const int mark = nextMark_++;
     std::vector<uint8_t> bytes = {0x02, typeByte};

@@ -39,7 +39,7 @@ inline std::string OwnAddress() {
          "." + std::to_string(id & 0xFF);
 }
 
-// A port for everything that hears broadcasts, where the address alone doesn't tell tests apart.
+// A port for everything that hears broadcasts, where the address alone doesn't distinguish tests.
 inline uint16_t OwnBroadcastPort() {
   return static_cast<uint16_t>(20000 + OwnProcessId() % 10000);
 }

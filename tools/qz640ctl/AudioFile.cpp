@@ -154,7 +154,7 @@ AudioReader::AudioReader(const std::string& path, uint32_t sampleFreq)
   if (impl_->info.samplerate != static_cast<int>(sampleFreq)) {
     Fail("can't play", path,
          "it has " + std::to_string(impl_->info.samplerate) + " Hz, the unit is said to run at " +
-             std::to_string(sampleFreq) + " Hz; convert it, or tell the unit's with --freq");
+             std::to_string(sampleFreq) + " Hz; convert it, or give the unit's with --freq");
   }
 }
 

@@ -1,4 +1,4 @@
-// The command "soak": units under everything that a network can send, for as long as told. Measures
+// The command "soak": units under everything that a network can send, for a given time. Measures
 // while it runs, prints a table at the end, and judges it.
 #include <algorithm>
 #include <cstdlib>
