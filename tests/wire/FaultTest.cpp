@@ -161,6 +161,7 @@ TEST_F(FaultyUnitsTest, HitMessagesAsOftenAsTheyAreToldTo) {
     size_t acknowledged;  // seen by the controller
     size_t errors = 0;    // likewise, without repeats
   } rows[] = {{"set_inputs: lost twice", 2, 2},
+              {"set_inputs: lost once\nset_inputs: lost 1 times", 2, 2},
               {"ack of set_inputs: lost 3 times", 4, 1},
               {"set_inputs: doubled once", 5, 5},
               {"set_inputs: ignored", 0, 4},
