@@ -50,7 +50,7 @@ std::wstring TempDir() {
   return Utf8ToWideLossy(dir);
 }
 
-// XDG Base Directory Specification 0.8, which has relative paths ignored.
+// The XDG base directories (version 0.8), which have relative paths ignored.
 std::wstring StateDir() {
   const char* named = std::getenv("XDG_STATE_HOME");
   if (named && named[0] == '/') return Utf8ToWideLossy(std::string(named) + "/");
