@@ -30,6 +30,7 @@ FAR = BUILD / "bench" / "qz_bench_far"
 ADDRESS = "127.77.0.1"  # of what is measured
 LISTEN = "127.77.0.2:40000"  # where the far end takes all streams
 BASE = 8000
+SAP = 39000  # from here up sessions are announced to PipeWire, and one below by PipeWire
 PORTS = {"QZ610": 6, "QZ820": 10}  # that a unit takes; its first output listens on the third
 INPUTS = {"QZ610": 1, "QZ820": 4}
 
@@ -155,9 +156,10 @@ class PipeWire:
                   'dsp monitor = true position = preserve } } }')
         client = [rt, *(f"libpipewire-module-{name}" for name in (
             "protocol-native", "metadata", "client-node", "adapter"))]
-        client += [f'libpipewire-module-rtp-source args = {{ sap.ip = "{ADDRESS}" sap.port = 9875 '
-                   "sess.latency.msec = 20 stream.props = { node.autoconnect = false } }"]
-        client += [f'libpipewire-module-rtp-sink args = {{ sap.ip = "{host}" sap.port = 9876 '
+        client += [f'libpipewire-module-rtp-source args = {{ sap.ip = "{ADDRESS}" sap.port = '
+                   f"{SAP + i} sess.latency.msec = 20 stream.props = {{ node.autoconnect = false }} }}"
+                   for i in range(0, count, 16)]  # a source takes 16 sessions at most
+        client += [f'libpipewire-module-rtp-sink args = {{ sap.ip = "{host}" sap.port = {SAP - 1} '
                    f'source.ip = "{ADDRESS}" destination.ip = "{host}" net.loop = true net.mtu = '
                    f'1500 sess.name = "s{i}" sess.min-ptime = 4 sess.max-ptime = 4 audio.format = '
                    "S24BE audio.rate = 48000 audio.channels = 2 stream.props = { node.name = "
@@ -171,12 +173,13 @@ class PipeWire:
     def _begin(self, count, loop, server, driver, client):
         host = LISTEN.split(":")[0]
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as announced:
-            announced.bind((host, 9876))
+            announced.bind((host, SAP - 1))
             announced.settimeout(15)
             self.pids = [self._start("server", server, driver), self._start("client", client, "")]
+            self._nodes(1 + count)
             if loop:
                 self._announce(announced, count)
-            self._link(count, loop)
+            self._link(self._nodes(1 + count * (2 if loop else 1)), count, loop)
             ports = set()  # the sinks draw them
             names = set()
             while len(names) < count:
@@ -204,17 +207,25 @@ class PipeWire:
             sdp = (f"v=0\no=bench {i + 1} 0 IN IP4 {host}\ns=in{i}\nc=IN IP4 {ADDRESS}\nt=0 0\n"
                    f"a=recvonly\nm=audio {port} RTP/AVP 100\na=rtpmap:100 L24/48000/2\na=ptime:4\n")
             sock.sendto(b"\x20\0" + (i + 1).to_bytes(2, "big") + socket.inet_aton(host) +
-                        b"application/sdp\0" + sdp.encode(), (ADDRESS, 9875))
+                        b"application/sdp\0" + sdp.encode(), (ADDRESS, SAP + i // 16 * 16))
             time.sleep(0.01)
 
     def _tool(self, *command):
         return subprocess.run(command, env=self.env, text=True, check=True, timeout=20,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT).stdout
 
-    def _link(self, count, loop):
-        time.sleep(1)
-        for node in self._tool("pw-cli", "ls", "Node").split("\tid ")[1:]:
-            number, name = node.split(",")[0], re.search(r'node.name = "(\w+)"', node)[1]
+    def _nodes(self, count):
+        """Number and name of all nodes, once there are so many."""
+        for _ in range(100):
+            nodes = re.findall(r'\tid (\d+),(?:(?!\tid ).)*?node.name = "(\w+)"',
+                               self._tool("pw-cli", "ls", "Node"), re.S)
+            if len(nodes) >= count:
+                return nodes
+            time.sleep(0.1)
+        raise SystemExit(f"table.py: {len(nodes)} nodes of PipeWire instead of {count}")
+
+    def _link(self, nodes, count, loop):
+        for number, name in nodes:
             if name == "driver":
                 continue
             direction = "Input" if name.startswith("sink") else "Output"
