@@ -403,8 +403,8 @@ def processes(table, options):
     cpu = rounds(options.rounds, {"ours": measured(
         lambda: Emulator("QZ610", more), more, seconds, send=more)})["cpu"]
     table.row(f"{more} QZ610 looping back, CPU a unit and second", "ms", cpu)
-    table.goal(f"{more} QZ610 against {many}, CPU a unit, difference in %",
-               abs(cpu["ours"].median / loop - 1) * 100, 15)
+    # Less than at 64 is no fault: what all units share is then spread over more of them.
+    table.goal(f"{more} QZ610 against {many}, CPU a unit, factor", cpu["ours"].median / loop, 1.15)
 
     cpu = rounds(options.rounds, {"ours": measured(
         lambda: Emulator("QZ820", many, mode=1), many, seconds)})["cpu"]
