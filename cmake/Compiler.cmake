@@ -11,11 +11,16 @@ endif()
 
 find_package(Threads REQUIRED)
 
-find_program(QZ_CCACHE ccache)
-if(QZ_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+find_program(QZ_CCACHE_PROGRAM ccache)
+set(missing)
+if(NOT QZ_CCACHE_PROGRAM)
+  set(missing ccache)
+endif()
+qz_decide(QZ_CCACHE "Compiler cache" "${missing}" use_ccache)
+if(use_ccache AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   # Without this leave ccache keeps nothing that a precompiled header goes into.
   set(CMAKE_CXX_COMPILER_LAUNCHER
-    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QZ_CCACHE})
+    ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${QZ_CCACHE_PROGRAM})
 endif()
 
 add_library(qz_options INTERFACE)
