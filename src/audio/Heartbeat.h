@@ -34,7 +34,7 @@ class IBeatClient {
 
 class Heartbeat {
  public:
-  static constexpr size_t kClientsPerThread = 32;
+  static constexpr size_t kClientsPerThread = 64;
 
   // The one that the clocks use.
   static Heartbeat& OfProcess();
