@@ -6,11 +6,14 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -22,7 +25,9 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <sstream>
+#include <stop_token>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -185,7 +190,7 @@ class Receiver {
   }
 
   // Lateness in µs against the grid through the earliest packet of each stream.
-  void Print(int64_t cpu, double seconds) {
+  void Print(int64_t cpu, double seconds, int64_t machineLate) {
     std::vector<int64_t> all;
     for (auto& [sender, stream] : streams_) {
       const int64_t earliest = *std::min_element(stream.late.begin(), stream.late.end());
@@ -196,9 +201,11 @@ class Receiver {
     const double p50 = Percentile(all, 0.5) / 1e3, p99 = Percentile(all, 0.99) / 1e3;
     std::printf(
         "{\"cpu_ms_s\": %.3f, \"streams\": %zu, \"packets\": %llu, \"lost\": %llu, \"overflow\": "
-        "%u, \"late_p50\": %.1f, \"late_p99\": %.1f, \"late_max\": %.1f, \"beyond_step\": %td}\n",
+        "%u, \"late_p50\": %.1f, \"late_p99\": %.1f, \"late_max\": %.1f, \"beyond_step\": "
+        "%td, \"machine_late_max\": %.1f}\n",
         static_cast<double>(cpu) / 1e6 / seconds, streams_.size(), packetCount, lost,
-        Overflows() - overflowsBefore_, p50, p99, Percentile(all, 1) / 1e3, beyond);
+        Overflows() - overflowsBefore_, p50, p99, Percentile(all, 1) / 1e3, beyond,
+        static_cast<double>(machineLate) / 1e3);
   }
 
   unsigned long long packetCount = 0, lost = 0;
@@ -280,6 +287,40 @@ class Sender {
   Socket socket_{Endpoint("127.0.0.1", 0)};
 };
 
+// How late the machine itself is: a thread of the highest priority on each core that has nothing to
+// do but to wake every half millisecond. What shows here no program can help.
+class MachineWatch {
+ public:
+  MachineWatch() {
+    for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core)
+      threads_.emplace_back([this, core](const std::stop_token& stop) { Watch(core, stop); });
+  }
+
+  void Begin() { greatest_ = 0; }
+  int64_t Greatest() const { return greatest_; }  // ns
+
+ private:
+  void Watch(unsigned core, const std::stop_token& stop) {
+    cpu_set_t only;
+    CPU_ZERO(&only);
+    CPU_SET(core, &only);
+    pthread_setaffinity_np(pthread_self(), sizeof only, &only);
+    sched_param highest{};
+    highest.sched_priority = sched_get_priority_max(SCHED_FIFO);
+    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &highest) != 0) return;
+    for (int64_t due = Now(); !stop.stop_requested(); due = std::max(due + kSecond / 2000, Now())) {
+      SleepUntil(due);
+      const int64_t late = Now() - due;
+      int64_t seen = greatest_;
+      while (late > seen && !greatest_.compare_exchange_weak(seen, late)) {
+      }
+    }
+  }
+
+  std::atomic<int64_t> greatest_{0};
+  std::vector<std::jthread> threads_;  // last: they use the rest
+};
+
 // Switches the inputs of all units on, if any are named, sends streams, if any, and measures for so
 // many seconds, after a second for all to begin.
 void RunStreams(const Arguments& arguments) {
@@ -316,18 +357,21 @@ void RunStreams(const Arguments& arguments) {
   const auto warmUp = static_cast<int64_t>(std::min(1.0, seconds) * 1e9) / slot;
   const auto end = warmUp + static_cast<int64_t>(seconds * 1e9) / slot;
   int64_t cpu = 0, begin = 0;
+  std::optional<MachineWatch> machine;
+  if (arguments.Number("watch") != 0) machine.emplace();
   for (int64_t turn = 0; turn < end; ++turn) {
     SleepUntil(start + turn * slot);
     sender.Turn(turn);
     receiver.Take();
     if (turn == warmUp) {
       receiver.Begin();
+      if (machine) machine->Begin();
       cpu = cpuNow();
       begin = Now();
     }
   }
   cpu = cpuNow() - cpu;
-  receiver.Print(cpu, static_cast<double>(Now() - begin) / 1e9);
+  receiver.Print(cpu, static_cast<double>(Now() - begin) / 1e9, machine ? machine->Greatest() : 0);
 }
 
 // -- Latency ------------------------------------------------------------------------------------
