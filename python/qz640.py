@@ -45,6 +45,8 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, Deque, Dict, Iterator, List, Optional, Sequence, Tuple, Type, Union
 
+__version__ = "1.0.0"
+
 Address = Tuple[str, int]
 Message = Dict[str, Any]
 

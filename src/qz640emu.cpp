@@ -10,6 +10,11 @@
 #include "runtime/Environment.h"
 #include "runtime/Format.h"
 
+// The program takes no arguments, so whoever has a file and wonders which version it is asks
+// `strings`. Has a name outside this file, which keeps it in the program.
+extern const char kVersionMark[];
+const char kVersionMark[] = "@(#)qz640emu " QZ_VERSION;
+
 namespace {
 
 constexpr char kSourceFile[] = "src\\qz640emu";

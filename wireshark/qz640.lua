@@ -7,6 +7,8 @@
 -- ports both protocols are recognised by what they look like. What refers to later packets
 -- (acknowledged in, answered in) needs the second look that Wireshark always takes, and tshark with -2.
 
+set_plugin_info({version = "1.0.0", description = "QZ-640 control and streams"})
+
 local control = Proto("qz640", "QZ-640 control")
 local stream = Proto("qz640rtp", "QZ-640 stream")
 

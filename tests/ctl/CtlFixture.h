@@ -42,9 +42,10 @@ inline Result ResultOf(Process& child) {
   return result;
 }
 
-// Runs qz640ctl to its end.
-inline Result Ctl(const std::vector<std::string>& arguments) {
-  Process child(QZ_CTL, {.arguments = arguments});
+// Runs qz640ctl to its end, with what `environment` adds.
+inline Result Ctl(const std::vector<std::string>& arguments,
+                  const std::vector<std::pair<std::string, std::string>>& environment = {}) {
+  Process child(QZ_CTL, {.arguments = arguments, .environment = environment});
   child.CloseInput();
   return ResultOf(child);
 }

@@ -1,5 +1,6 @@
 // Every command against the real emulator, for people and for programs.
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "ctl/CtlFixture.h"
@@ -72,10 +73,63 @@ TEST_F(CtlTest, EveryCommandHasHelpWithAnExampleAndItsStatuses) {
   for (const std::string command :
        {"find", "info", "inputs", "set-inputs", "freq", "fm", "fm-quality", "record", "play",
         "watch", "check", "restore", "up", "relay", "doctor", "soak"}) {
-    const Result help = Ctl({command, "--help"});
+    const Result help = Ctl({"help", command});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("Example:\n  qz640ctl " + command), std::string::npos) << help.out;
     EXPECT_NE(help.out.find("Exit status: 0 done"), std::string::npos) << help.out;
+    std::istringstream lines(help.out);
+    for (std::string line; std::getline(lines, line);)
+      EXPECT_LE(line.size(), 80u) << line;
+  }
+}
+
+TEST_F(CtlTest, OptionsStandAnywhereAndInTheEnvironment) {
+  const std::string at = emulator_.Discovery().ToText();
+  const std::string nobody = OwnAddress() + ":9";
+  const struct {
+    std::vector<std::string> arguments;
+    std::vector<std::pair<std::string, std::string>> environment;
+    int status;
+    std::string says;
+  } rows[] = {
+      {{"--json", "--to", at, "info", "studio-a"}, {}, 0, R"("unit_id":"studio-a")"},
+      {{"find"}, {{"QZ640_DISCOVERY", nobody + "," + at}, {"QZ640_JSON", "1"}}, 0, R"("inputs":4)"},
+      {{"find", "--to", at}, {{"QZ640_DISCOVERY", nobody}}, 0, "studio-a"},
+      {{"find"},
+       {{"QZ640_TIMEOUT", "soon"}, {"QZ640_JSON", "1"}},
+       2,
+       R"({"error":"find: --timeout)"},
+      // Another command's variable means nothing here.
+      {{"find", "--to", at}, {{"QZ640_RECORD_SECONDS", "soon"}}, 0, "studio-a"},
+      {{"record", "--help"}, {}, 0, "QZ640_RECORD_SECONDS"},
+      {{"--version", "--json"}, {}, 0, R"({"version":")"},
+  };
+  for (const auto& row : rows) {
+    const Result result = Ctl(row.arguments, row.environment);
+    EXPECT_EQ(result.status, row.status) << result.err;
+    EXPECT_NE(result.out.find(row.says), std::string::npos) << row.says << result.out;
+  }
+}
+
+TEST(CtlFind, NamesAnswersThatMakeNoSenseUnlessQuiet) {
+  std::unique_ptr<UdpPort> unit;
+  const auto answer = [&](const Datagram& datagram) {
+    Json info{{"msg", "dev_info"}, {"msg_id", 1}, {"unit_id", "u"}, {"unit_type", "QZ610"}};
+    for (const char* key : {"hardware", "firmware", "software", "audio_protocol",
+                            "control_protocol", "outputs", "rtp_port"})
+      info[key] = 1;
+    info["inputs"] = 100'000'000;
+    unit->TrySend(Encode(info), datagram.from);
+  };
+  unit = std::make_unique<UdpPort>(TestLoop(), Endpoint(OwnAddress(), 0), answer);
+  const std::string at = unit->Local().ToText();
+  const std::string note = "makes no sense: " + at + ": no unit has RTP port 1 with 100000000";
+  for (const bool quiet : {false, true}) {
+    const Result result =
+        Ctl({"find", "--to", at, "--timeout", "300", quiet ? "--quiet" : "--verbose"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.err.find(note) == std::string::npos, quiet) << result.err;
+    EXPECT_NE(result.err.find("no unit answered"), std::string::npos) << result.err;
   }
 }
 

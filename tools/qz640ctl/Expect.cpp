@@ -72,8 +72,10 @@ std::vector<Condition> ParseConditions(const ExpectOptions& options) {
       condition.number = static_cast<uint32_t>(ToNumber(value.substr(0, equals)));
       const std::string wanted = value.substr(equals + 1);
       if (condition.kind == Kind::Tuner) condition.value = ToNumber(wanted);
-      if (condition.kind == Kind::Destination && wanted != "off")
+      if (condition.kind == Kind::Destination && wanted != "off") {
         condition.to = ParseEndpoint(wanted, 0);
+        if (condition.to->port == 0) ThrowUsage("\"" + wanted + "\" has no port");
+      }
     } else if (word == "input") {
       condition.number = static_cast<uint32_t>(ToNumber(value));
       const std::string state = i < words.size() ? words[i] : "";
@@ -116,6 +118,15 @@ Level ParseLevel(std::string text) {
   throw Failure{kUsage,
                 "--level must read like -6 or -6\xC2\xB1"
                 "0.5, in dB of full scale"};
+}
+
+Clock::duration ParseWithin(const std::string& text) {
+  try {
+    if (const auto within = wire::ParseTime(text)) return *within;
+  } catch (const wire::BadFault&) {
+    // Understood, but longer than anybody waits.
+  }
+  throw Failure{kUsage, "--within must read like 300ms, 1.5s or 2min, and be a year at most"};
 }
 
 // What a channel holds of a sine.
@@ -170,8 +181,7 @@ class Expecting {
 int Expecting::Run() {
   conditions_ = ParseConditions(options_);
   if (!options_.level.empty()) level_ = ParseLevel(options_.level);
-  const auto within = wire::ParseTime(options_.within);
-  if (!within) throw Failure{kUsage, "--within must read like 300ms, 1.5s or 2min"};
+  const Clock::duration within = ParseWithin(options_.within);
   const auto start = Clock::now();
   bool holds = false;
   std::string said;
@@ -193,7 +203,7 @@ int Expecting::Run() {
       said += (said.empty() ? "" : "; ") + seen_;
     }
     if (!holds) session_.Loop().RunFor(kRound);
-  } while (!holds && Clock::now() - start < *within);
+  } while (!holds && Clock::now() - start < within);
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (loan_) loan_->Return();
   out_.Object(Fields().Add("holds", holds).Add("seen", said).Add("seconds", seconds));

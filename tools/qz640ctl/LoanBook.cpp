@@ -6,9 +6,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "StateFiles.h"
 #include "platform/errors.h"
-#include "platform/paths.h"
-#include "platform/text.h"
 
 namespace ctl {
 
@@ -18,21 +17,6 @@ namespace {
 
 constexpr const wchar_t* kEnding = L".loans";
 constexpr const char* kOff = "off";
-
-// Where the files stand, ending in a separator; empty if the system has no place for them.
-std::wstring Folder() {
-  std::wstring folder = platform::StateDir();
-  if (!folder.empty()) folder += std::wstring(L"qz640ctl") + platform::PathSeparator();
-  return folder;
-}
-
-// Makes the folder and those above it. What can't be made shows when a file in it can't.
-void MakeFolder(const std::wstring& folder) {
-  for (size_t end = folder.find(platform::PathSeparator(), 1); end != std::wstring::npos;
-       end = folder.find(platform::PathSeparator(), end + 1)) {
-    platform::PathMakeDir(folder.substr(0, end).c_str());
-  }
-}
 
 // Shares reading and not writing: whoever holds it so is alone.
 platform::OpenOptions Alone(platform::Disposition disposition) {
@@ -54,21 +38,6 @@ bool IsHeld(const std::wstring& path) {
     if (error != platform::kBusy) return false;
   }
   return true;
-}
-
-std::string ReadAll(const std::wstring& path) {
-  platform::OpenOptions options;
-  options.read = true;
-  options.shareWrite = true;
-  platform::FileHandle file = platform::kNoFile;
-  if (platform::FileOpen(path.c_str(), options, &file, nullptr) != 0) return {};
-  std::string all;
-  char part[4096];
-  uint32_t done = 0;
-  while (platform::FileRead(file, part, sizeof part, &done) == 0 && done > 0)
-    all.append(part, done);
-  platform::FileClose(file);
-  return all;
 }
 
 std::string ToText(const wire::Destination& destination) {
@@ -125,7 +94,7 @@ std::vector<LoanRecord> Parse(const std::string& text) {
 }
 
 std::vector<std::wstring> Files() {
-  const std::wstring folder = Folder();
+  const std::wstring folder = StateFolder();
   std::vector<std::wstring> files;
   platform::FileHandle listing = platform::kNoFile;
   platform::FileEntry entry;
@@ -153,9 +122,9 @@ LoanBook::~LoanBook() {
 // name.
 bool LoanBook::Open() {
   if (file_ != platform::kNoFile) return true;
-  const std::wstring folder = Folder();
+  const std::wstring folder = StateFolder();
   if (folder.empty()) return false;
-  MakeFolder(folder);
+  MakeStateFolder();
   std::random_device random;
   for (int attempt = 0; attempt < 10; ++attempt) {
     path_ = folder + std::to_wstring(random()) + kEnding;
@@ -192,7 +161,7 @@ std::vector<LoanRecord> LoanBook::Running() {
   std::vector<LoanRecord> all;
   for (const std::wstring& file : Files()) {
     if (!IsHeld(file)) continue;
-    const std::vector<LoanRecord> loans = Parse(ReadAll(file));
+    const std::vector<LoanRecord> loans = Parse(ReadStateFile(file));
     all.insert(all.end(), loans.begin(), loans.end());
   }
   return all;
@@ -203,7 +172,7 @@ std::vector<LoanBook::Left> LoanBook::LeftBehind() {
   std::vector<Left> all;
   for (const std::wstring& file : Files()) {
     if (IsHeld(file)) continue;
-    const std::string text = ReadAll(file);
+    const std::string text = ReadStateFile(file);
     if (!text.empty()) all.push_back({file, Parse(text)});
   }
   return all;
@@ -214,7 +183,7 @@ void LoanBook::Remove(const Left& left) {
 }
 
 LoanBook::Turn::Turn() {
-  const std::wstring folder = Folder();
+  const std::wstring folder = StateFolder();
   if (folder.empty()) return;
   const std::wstring path = folder + L"restore.lock";
   if (platform::FileOpen(path.c_str(), Alone(platform::Disposition::OpenAlways), &file_, nullptr) !=

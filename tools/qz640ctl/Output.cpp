@@ -50,11 +50,11 @@ std::string Fields::ToText() const {
   return object_.dump(-1, ' ', false, wire::Json::error_handler_t::replace);
 }
 
-Output::Output(bool json) : json_(json) {
+Output::Output(const OutputOptions& options) : json_(options.json), quiet_(options.quiet) {
   const bool outTerminal = platform::IsTerminal(platform::Stream::Output);
   const char* noColour = std::getenv("NO_COLOR");
-  live_ = outTerminal && !json;
-  colour_ = live_ && !(noColour && *noColour);
+  live_ = outTerminal && !json_;
+  colour_ = live_ && !options.noColour && !(noColour && *noColour);
   errTerminal_ = platform::IsTerminal(platform::Stream::Error);
 }
 
@@ -70,7 +70,7 @@ void Output::Object(const Fields& object) {
 }
 
 void Output::Progress(const std::string& text) {
-  if (!errTerminal_ || json_) return;
+  if (!errTerminal_ || json_ || quiet_) return;
   const size_t width = Columns(text);
   std::string line = "\r" + text;
   if (width < progressWidth_) line.append(progressWidth_ - width, ' ');
@@ -85,12 +85,16 @@ void Output::EndProgress() {
 }
 
 void Output::Note(const std::string& text) {
+  if (!quiet_) WriteNote(text);
+}
+
+void Output::WriteNote(const std::string& text) {
   EndProgress();
   WriteError("qz640ctl: " + Printable(text) + "\n");
 }
 
 void Output::Error(const std::string& text) {
-  Note(text);
+  WriteNote(text);
   Object(Fields().Add("error", text));
 }
 

@@ -31,10 +31,17 @@ class Fields {
   wire::Json object_ = wire::Json::object();
 };
 
+// How much of it, and in what form.
+struct OutputOptions {
+  bool json = false;
+  bool quiet = false;     // no notes and no progress; errors all the same
+  bool noColour = false;  // as with NO_COLOR in the environment
+};
+
 class Output {
  public:
-  // Colour and carriage returns only where the stream is a terminal; no colour with NO_COLOR set.
-  explicit Output(bool json);
+  // Colour and carriage returns only where the stream is a terminal.
+  explicit Output(const OutputOptions& options);
 
   bool Json() const { return json_; }
 
@@ -58,13 +65,16 @@ class Output {
   // "error" as well.
   void Error(const std::string& text);
 
-  // "qz640ctl: text" on standard error, made printable.
+  // "qz640ctl: text" on standard error, made printable; nothing with --quiet.
   void Note(const std::string& text);
 
   std::string Paint(Colour colour, const std::string& text) const;
 
  private:
+  void WriteNote(const std::string& text);
+
   bool json_;
+  bool quiet_;
   bool live_;
   bool colour_;
   bool errTerminal_;

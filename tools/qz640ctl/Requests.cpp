@@ -49,6 +49,11 @@ std::pair<uint32_t, std::string> SplitChange(const std::string& change) {
   return {index, change.substr(equals + 1)};
 }
 
+[[noreturn]] void ThrowTwice(const char* what, uint32_t index) {
+  throw Failure{kUsage, std::string(what) + " " + std::to_string(index) +
+                            " is changed twice; give one change for each"};
+}
+
 std::string ToText(const Destination& destination) {
   return destination ? destination->ToText() : "off";
 }
@@ -84,14 +89,7 @@ int32_t ParseFreq(const std::string& change, const std::string& text) {
 int RunFind(Session& session, Output& out) {
   const std::vector<wire::Endpoint> to = session.DiscoverAt();
   const std::vector<Unit> units = session.Find(to, session.Timeout());
-  if (units.empty()) {
-    std::string places;
-    for (const wire::Endpoint& endpoint : to)
-      places += (places.empty() ? "" : ", ") + endpoint.ToText();
-    throw Failure{kNoAnswer, "no unit answered (asked at " + places +
-                                 "); is one running, with \"AddrStr\" set to an address of this "
-                                 "network? (qz640ctl doctor looks closer)"};
-  }
+  if (units.empty()) throw session.NobodyAnswered(to);
   PrintUnits(units, out);
   return kDone;
 }
@@ -139,6 +137,7 @@ int RunSetInputs(Session& session, const std::string& name, const std::vector<st
       throw Failure{kUsage, "\"" + change + "\" has no port; it must read " +
                                 std::to_string(index) + "=a.b.c.d:port"};
     }
+    if (request[index].set) ThrowTwice("input", index);
     request[index] = {true, to};
   }
   wire::UnitControl control = session.Control(unit);
@@ -178,6 +177,7 @@ int RunFm(Session& session, const std::string& name, const std::vector<std::stri
                                   " tuner(s), counted from 0; there is no tuner " +
                                   std::to_string(index)};
       }
+      if (request[index] != 0) ThrowTwice("tuner", index);
       request[index] = ParseFreq(change, value);
     }
     control.SetFmFreq(request);

@@ -10,10 +10,14 @@
 
 namespace ctl {
 
+using wire::Clock;
 using wire::Endpoint;
 using wire::Unit;
 
 namespace {
+
+// How long an address without a port is looked for as a unit's name, which it hardly is.
+constexpr Clock::duration kPortlessTime = std::chrono::milliseconds(600);
 
 platform::SocketAddress ToPlatform(const Endpoint& endpoint) {
   platform::SocketAddress address;
@@ -28,6 +32,17 @@ platform::SocketAddress ToPlatform(const Endpoint& endpoint) {
 bool IsSameUnit(const Unit& a, const Unit& b) {
   return a.id == b.id && a.type == b.type && a.rtpPort == b.rtpPort &&
          a.control.port == b.control.port && IsOwn(a.control) && IsOwn(b.control);
+}
+
+// "10.0.0.7:8000 (studio-a) or 10.0.0.7:8006 (studio-b)?": the units at that address. Where none
+// has answered, the port that the first unit of an emulator has by default.
+std::string Ports(const Endpoint& address, const std::vector<Unit>& all) {
+  std::string ports;
+  for (const Unit& unit : all) {
+    if (unit.control.address != address.address) continue;
+    ports += (ports.empty() ? "" : " or ") + unit.control.ToText() + " (" + unit.id + ")";
+  }
+  return (ports.empty() ? address.Ip() + ":8000" : ports) + "?";
 }
 
 }  // namespace
@@ -115,19 +130,59 @@ std::vector<Endpoint> Session::DiscoverAt() const {
 
 std::vector<Unit> Session::Find(const std::vector<Endpoint>& to, wire::Clock::duration limit,
                                 wire::Clock::duration round) {
+  wire::DiscoveryTrouble trouble;
   std::vector<Unit> found;
-  for (const Unit& unit : wire::Discover(Link(), loop_, to, limit, round)) {
+  for (const Unit& unit : wire::Discover(Link(), loop_, to, limit, round, &trouble)) {
     const auto same = [&](const Unit& other) { return IsSameUnit(unit, other); };
     if (std::none_of(found.begin(), found.end(), same)) found.push_back(unit);
   }
+  for (const std::string& answer : trouble.leftOut) {
+    if (leftOut_.insert(answer).second) Note("left out an answer that makes no sense: " + answer);
+  }
+  unsent_ = trouble.unsent;
   return found;
+}
+
+Failure Session::NobodyAnswered(const std::vector<Endpoint>& to) {
+  if (to.empty()) {
+    return {kNoAnswer,
+            "no interface of this machine is up that has a broadcast address; name where "
+            "to ask with --to ADDR (qz640ctl doctor lists the interfaces)"};
+  }
+  if (unsent_.size() == to.size()) {
+    std::string why;
+    for (const std::string& one : unsent_)
+      why += (why.empty() ? "" : ", ") + one;
+    return {kNoAnswer, "nobody could be asked: " + why + "; is there a network that leads there?"};
+  }
+  std::string places;
+  for (const Endpoint& endpoint : to) {
+    places += (places.empty() ? "" : ", ") + endpoint.ToText();
+    const auto& acks = Link().Acks();
+    const auto isFrom = [&](const wire::Message& ack) { return ack.from == endpoint; };
+    if (std::none_of(acks.begin(), acks.end(), isFrom)) continue;
+    return {kNoAnswer, endpoint.ToText() +
+                           " acknowledges and doesn't answer the discovery: it is a control port; "
+                           "name the unit by it, as in qz640ctl info " +
+                           endpoint.ToText()};
+  }
+  return {kNoAnswer, "no unit answered (asked at " + places +
+                         "); is one running, with \"AddrStr\" set to an address of this network? "
+                         "(qz640ctl doctor looks closer)"};
 }
 
 Unit Session::FindUnit(const std::string& name) {
   if (const auto control = ControlOf(name)) {
     return wire::UnitControl(Link(), *control, Timeout()).GetDevInfo();
   }
-  const std::vector<Unit> all = Find(DiscoverAt(), Timeout());
+  const auto address = Endpoint::Parse(name);
+  std::vector<Endpoint> at = DiscoverAt();
+  Clock::duration limit = Timeout();
+  if (address && address->address != 0xFFFFFFFF) {
+    at.emplace_back(address->address, wire::kDiscoveryPort);
+    limit = std::min(limit, kPortlessTime);
+  }
+  const std::vector<Unit> all = Find(at, limit);
   std::vector<Unit> named;
   std::string others;
   for (const Unit& unit : all) {
@@ -140,11 +195,8 @@ Unit Session::FindUnit(const std::string& name) {
                                 "\"; name one by its address, such as " +
                                 named.front().control.ToText()};
   }
-  if (all.empty()) {
-    throw Failure{kNoAnswer,
-                  "no unit answered the discovery; is one running, with \"AddrStr\" set "
-                  "to an address of this network? (qz640ctl doctor looks closer)"};
-  }
+  if (address) throw Failure{kUsage, name + " has no port: did you mean " + Ports(*address, all)};
+  if (all.empty()) throw NobodyAnswered(at);
   throw Failure{kNoAnswer,
                 "no unit \"" + name + "\" answered; name one of these that did: " + others};
 }

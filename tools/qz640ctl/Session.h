@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,9 +66,12 @@ class Session {
   std::vector<wire::Endpoint> DiscoverAt() const;
 
   // Sorted by control address. A unit of this machine that hears at all of its addresses, and so
-  // answers from several, comes once.
+  // answers from several, comes once. Answers that aren't understood get a note each.
   std::vector<wire::Unit> Find(const std::vector<wire::Endpoint>& to, wire::Clock::duration limit,
                                wire::Clock::duration round = std::chrono::milliseconds(300));
+
+  // After a Find that found nobody: where was asked, what may be the reason, and what to do.
+  Failure NobodyAnswered(const std::vector<wire::Endpoint>& to);
 
   // The unit that the command line names: a unit id, found by discovery, or address:port, which is
   // asked itself. Throws Failure where several have the id or it isn't among those that answered.
@@ -95,6 +99,8 @@ class Session {
   wire::Loop loop_;
   std::optional<wire::Link> link_;
   std::function<void(const std::string&)> showNote_;
+  std::set<std::string> leftOut_;  // answers that got their note
+  std::set<std::string> unsent_;   // what the latest discovery couldn't send
   LoanBook loans_;
 };
 

@@ -1,10 +1,13 @@
 // qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <functional>
 #include <set>
 
+#include "CommandTree.h"
 #include "Commands.h"
+#include "Describe.h"
 #include "Loan.h"
+#include "UnitNames.h"
 #include "platform/startup.h"
 #include "wire/Fault.h"
 
@@ -21,6 +24,8 @@ const char kExamples[] = R"(Examples:
 
 const char kFooter[] =
     R"(UNIT is a unit id, found by discovery, or address:port of its control port.
+Options may stand before or after the command; what stands in the environment
+variable of an option holds where the option is missing.
 
 Exit status: 0 done, 1 refused or a check failed, 2 usage, 3 nobody answered,
 4 a port or address can't be had.)";
@@ -29,8 +34,10 @@ Exit status: 0 done, 1 refused or a check failed, 2 usage, 3 nobody answered,
 class CommandLine {
  public:
   CommandLine() : app_("Finds, drives and hears QZ-640 network audio units.", "qz640ctl") {
+    UseOwnHelp(app_);
     app_.footer(std::string(kExamples) + kFooter);
     app_.require_subcommand(1);
+    app_.set_version_flag("--version", QZ_VERSION, "The version of this program");
     AddRequests();
     AddProtocol();
     AddAudio();
@@ -39,16 +46,36 @@ class CommandLine {
     AddUp();
     AddRelay();
     AddSoak();
+    AddHelp();
+    AddGenerate();
   }
 
-  int Run(int argc, char** argv) {
+  int Run(const Arguments& given) {
+    Output usage({.json = WantsJson(given)});
     try {
-      app_.parse(argc, argv);
+      Arguments arguments = given;
+      const CLI::App* command = SelectCommand(app_, arguments);
+      if (command && command->get_name() == "help") {
+        arguments.front() = "--help";
+        SelectCommand(app_, arguments);
+      }
+      std::reverse(arguments.begin(), arguments.end());  // as CLI11 takes them
+      app_.parse(std::move(arguments));
+    } catch (const Failure& failure) {
+      usage.Error(failure.text);
+      return failure.status;
+    } catch (const CLI::CallForHelp&) {
+      platform::WriteOutput(app_.help());
+      return kDone;
+    } catch (const CLI::CallForVersion&) {
+      usage.Object(Fields().Add("version", QZ_VERSION));
+      usage.Line("qz640ctl " QZ_VERSION);
+      return kDone;
     } catch (const CLI::ParseError& error) {
-      const int code = app_.exit(error);
-      return code == 0 ? kDone : kUsage;
+      usage.Error(UsageText(app_, error));
+      return kUsage;
     }
-    Output out(common_.json);
+    Output out({.json = common_.json, .quiet = quiet_, .noColour = noColour_});
     Session session(common_, verbose_);
     session.OnNote([&out](const std::string& text) { out.Note(text); });
     try {
@@ -69,12 +96,15 @@ class CommandLine {
 
   CLI::App* Add(const char* name, const char* what, const char* example, Action action) {
     CLI::App* command = app_.add_subcommand(name, what);
+    command->group("Commands");
     command->footer(std::string("Example:\n  ") + example + "\n\n" + kFooter);
     command->add_flag("--json", common_.json, "One JSON object a line on standard output");
     command->add_option("--timeout", common_.timeoutMs, "Milliseconds to wait for answers")
-        ->check(CLI::Range(50, 600000))
+        ->check(Between(50, 600000))
         ->capture_default_str();
     command->add_flag("--verbose", verbose_, "Show every control message on standard error");
+    command->add_flag("--quiet", quiet_, "On standard error nothing but errors");
+    command->add_flag("--no-color", noColour_, "No colours, as with NO_COLOR in the environment");
     command->callback([this, action] { run_ = action; });
     return command;
   }
@@ -84,8 +114,10 @@ class CommandLine {
     restores_.insert(command);
     command
         ->add_option("--to", common_.to,
-                     "Ask here for units (default: the broadcast address of every interface)")
-        ->allow_extra_args(false);
+                     "Ask here for units (default: the broadcast address of every interface); "
+                     "several with commas")
+        ->allow_extra_args(false)
+        ->delimiter(',');
     return command;
   }
 
@@ -144,7 +176,7 @@ class CommandLine {
                      "N=off, input N silent, input N pattern, input N with --tone")
         ->required();
     expect->add_option("--tone", expect_.toneHz, "The input has a sine of so many Hz")
-        ->check(CLI::Range(1.0, 22000.0));
+        ->check(Between(1.0, 22000.0));
     expect->add_option("--level", expect_.level, "The tone's level in dB of full scale");
     expect->add_option("--within", expect_.within, "How long to wait")->capture_default_str();
     AddLocal(expect);
@@ -212,7 +244,7 @@ class CommandLine {
     record->add_option("FILE", record_.file, "The WAV file to write")->required();
     record->add_option("--input", record_.input, "Input, counted from 0")->capture_default_str();
     record->add_option("--seconds", record_.seconds, "Length (default: until Ctrl-C)")
-        ->check(CLI::PositiveNumber);
+        ->check(Seconds());
     record->add_flag("--force", record_.force, "Replace a file that exists");
     AddLocal(record);
     AddInUse(record);
@@ -224,23 +256,24 @@ class CommandLine {
     AddTo(play);
     play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
     auto* file = play->add_option("FILE", play_.file, "A stereo file at the unit's frequency");
-    auto* tone = play->add_option("--tone", play_.toneHz, "A sine of so many Hz instead of a file");
+    auto* tone = play->add_option("--tone", play_.toneHz, "A sine of so many Hz instead of a file")
+                     ->check(Between(1.0, 22000.0));
     auto* pattern =
         play->add_flag("--pattern", play_.pattern, "The pattern that units look for on output 0");
     file->excludes(tone)->excludes(pattern);
     tone->excludes(pattern);
     play->add_option("--output", play_.output, "Output, counted from 0")->capture_default_str();
     play->add_option("--level", play_.levelDb, "Level of the tone in dB of full scale")
-        ->check(CLI::Range(-144.0, 0.0))
+        ->check(Between(-144.0, 0.0))
         ->capture_default_str();
     play->add_option("--seconds", play_.seconds, "Length of tone or pattern")
-        ->check(CLI::PositiveNumber)
+        ->check(Seconds())
         ->capture_default_str();
     play->add_option("--freq", play_.sampleFreq, "The unit's sample frequency, 48000 or 44100")
         ->check(CLI::IsMember({48000, 44100}))
         ->capture_default_str();
     play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
-        ->check(CLI::Range(-100000.0, 100000.0));
+        ->check(Between(-100000.0, 100000.0));
     play->callback([this] {
       if (play_.file.empty() && !play_.toneHz && !play_.pattern) {
         throw CLI::RequiredError("FILE, --tone or --pattern");
@@ -257,7 +290,7 @@ class CommandLine {
     AddTo(watch);
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
-        ->check(CLI::PositiveNumber);
+        ->check(Seconds());
     AddLocal(watch);
     AddInUse(watch);
   }
@@ -272,13 +305,15 @@ class CommandLine {
     up->add_option("--addr", up_.addr, "Local address of the units")->capture_default_str();
     up->add_option("--port", up_.port,
                    "Discovery port; the units' ports follow from 2 further on (default: free ones)")
-        ->check(CLI::Range(1, 65000));
-    up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)");
+        ->check(Between(1, 65000));
+    up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)")
+        ->type_name("FILE");
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
     up->add_option("--fault", up_.faults, "Let the units misbehave, as said below; repeatable")
         ->allow_extra_args(false);
     up->add_option("--fault-file", up_.faultFile,
-                   "The same, a line each, # for comments; read again whenever it changes");
+                   "The same, a line each, # for comments; read again whenever it changes")
+        ->type_name("FILE");
     up->add_option("--seed", up_.seed, "Decides what faults by per cent hit, and jitter")
         ->capture_default_str();
     up->footer(up->get_footer() + "\n\n" + std::string(wire::FaultHelp()));
@@ -292,7 +327,7 @@ class CommandLine {
         Add("relay", "A bad network that can be repeated, until Ctrl-C",
             "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000",
             [this](Session& session, Output& out) { return RunRelay(session, relay_, out); });
-    const CLI::Range share(0.0, 100.0);
+    const CLI::Validator share = Between(0.0, 100.0);
     relay->add_option("WAY", relay_.ways, "LISTEN=TARGET, both address:port")->required();
     relay->add_option("--seed", relay_.seed, "Decides all faults")->capture_default_str();
     relay->add_option("--loss", relay_.faults.loss, "Per cent lost")->check(share);
@@ -314,14 +349,53 @@ class CommandLine {
             [this](Session& session, Output& out) { return RunSoak(session, soak_, out); }));
     soak->add_option("UNIT", soak_.units, "Unit ids or addresses (default: all that answer)");
     soak->add_option("--seconds", soak_.seconds, "Length")
-        ->check(CLI::Range(4.0, 1e7))
+        ->check(Between(4.0, 1e7))
         ->capture_default_str();
     soak->add_option("--seed", soak_.seed, "Decides what is sent")->capture_default_str();
     soak->add_option("--pid", soak_.pid,
                      "The emulator's process: its memory, threads and descriptors are judged too "
-                     "(default: the one that \"up\" has started)")
-        ->envname("QZ640_PID");
+                     "(default: the one that \"up\" has started)");
     AddLocal(soak);
+  }
+
+  // Run makes "record --help" of "help record" before CLI11 sees it.
+  void AddHelp() {
+    CLI::App* help = app_.add_subcommand("help", "What a command does, its options and an example");
+    help->group("Commands");
+    help->footer("Example:\n  qz640ctl help record");
+    help->add_option("COMMAND", helpOn_, "The command (default: the list of all)");
+  }
+
+  // For packages and shells; people have "help".
+  void AddGenerate() {
+    CLI::App* generate =
+        AddTo(Add("generate", "Manual pages and completions, made from the commands themselves",
+                  "qz640ctl generate bash >/etc/bash_completion.d/qz640ctl",
+                  [this](Session& session, Output& out) { return RunGenerate(session, out); }));
+    generate->group("");  // which hides it
+    restores_.erase(generate);
+    generate->add_option("WHAT", generated_, "What to write to standard output")
+        ->check(CLI::IsMember(std::vector<std::string>{"man", "settings-man", "bash", "zsh", "fish",
+                                                       "powershell", "units"}))
+        ->required();
+  }
+
+  int RunGenerate(Session& session, Output& out) {
+    if (generated_ == "units") {
+      for (const std::string& name : UnitNames(session))
+        out.Line(name);
+      return kDone;
+    }
+    for (CLI::App* command : VisibleCommands(app_))
+      NameVariables(*command);
+    std::string text = SettingsManPage();
+    if (generated_ == "man") text = ManPage(app_, kFooter);
+    if (generated_ == "bash") text = BashCompletion(app_);
+    if (generated_ == "zsh") text = ZshCompletion(app_);
+    if (generated_ == "fish") text = FishCompletion(app_);
+    if (generated_ == "powershell") text = PowerShellCompletion(app_);
+    platform::WriteOutput(text);
+    return kDone;
   }
 
   void AddLocal(CLI::App* command) {
@@ -332,6 +406,10 @@ class CommandLine {
   CLI::App app_;
   CommonOptions common_;
   bool verbose_ = false;
+  bool quiet_ = false;
+  bool noColour_ = false;
+  std::string helpOn_;
+  std::string generated_;
   std::string unit_;
   std::string settings_;
   CheckOptions check_;
@@ -356,7 +434,7 @@ class CommandLine {
 int main(int argc, char** argv) {
   platform::Startup();
   platform::BeginTimerPeriod();
-  const int status = CommandLine().Run(argc, argv);
+  const int status = CommandLine().Run(Arguments(argv + std::min(argc, 1), argv + argc));
   platform::EndTimerPeriod();
   return status;
 }

@@ -350,8 +350,9 @@ std::string_view FaultHelp() {
   at 9s: unit emu-1: gone
                                       HOW OFTEN: once, 3 times, 20%, for TIME,
                                       TIME every TIME; they may be joined
-Each datagram counts, a repeat too. "silent" sends samples of 0, "lost" sends nothing.
-After a reboot inputs are off and tuners as at first. TIME is 300ms, 1.5s or 2min.)";
+Each datagram counts, a repeat too. "silent" sends samples of 0, "lost" sends
+nothing. After a reboot inputs are off and tuners as at first. TIME is 300ms,
+1.5s or 2min.)";
 }
 
 }  // namespace wire

@@ -98,14 +98,18 @@ FmQuality UnitControl::GetFmQuality() {
 }
 
 std::vector<Unit> Discover(Link& link, Loop& loop, const std::vector<Endpoint>& to,
-                           Clock::duration limit, Clock::duration round) {
+                           Clock::duration limit, Clock::duration round,
+                           DiscoveryTrouble* trouble) {
+  DiscoveryTrouble unasked;
+  if (!trouble) trouble = &unasked;
+  const size_t complaints = link.Complaints().size();
   std::map<Endpoint, Unit> found;
   const auto take = [&](const Message& message) {
     if (message.type != "dev_info") return false;
     try {
       found.emplace(message.from, ToUnit(message));
-    } catch (const BadMessage&) {
-      // No unit to speak of.
+    } catch (const BadMessage& error) {
+      trouble->leftOut.insert(message.from.ToText() + ": " + error.what());
     }
     return true;
   };
@@ -116,14 +120,17 @@ std::vector<Unit> Discover(Link& link, Loop& loop, const std::vector<Endpoint>& 
     for (const Endpoint& endpoint : to) {
       try {
         link.Send(endpoint, "dev_find");
-      } catch (const SocketError&) {
-        // An interface without a network; the others are asked all the same.
+      } catch (const SocketError& error) {  // the others are asked all the same
+        trouble->unsent.insert(error.what());
       }
     }
     loop.RunFor(std::min(round, limit));
     while (link.TakeIf(take, {})) {
     }
   } while ((found.empty() || found.size() > before) && Clock::now() < end);
+  const auto& all = link.Complaints();
+  for (size_t i = std::min(complaints, all.size()); i < all.size(); ++i)
+    trouble->leftOut.insert(all[i]);
   std::vector<Unit> units;
   for (auto& [control, unit] : found)
     units.push_back(std::move(unit));

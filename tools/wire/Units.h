@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -80,10 +81,18 @@ class UnitControl {
 Json ToMembers(const std::vector<InputChange>& changes);
 std::vector<Destination> ToDestinations(const Message& inputs);
 
+// What a discovery met beside units, in words for people.
+struct DiscoveryTrouble {
+  std::set<std::string> leftOut;  // answers that weren't understood: "10.0.0.7:8000: why"
+  std::set<std::string> unsent;   // requests that the system didn't take
+};
+
 // Sends "dev_find" to every address, again until a round brings no new unit or `limit` is over.
-// Sorted by control address. A unit that isn't understood is left out.
+// Sorted by control address. A unit that isn't understood is left out; `trouble`, which may be
+// null, says of it.
 std::vector<Unit> Discover(Link& link, Loop& loop, const std::vector<Endpoint>& to,
                            Clock::duration limit,
-                           Clock::duration round = std::chrono::milliseconds(300));
+                           Clock::duration round = std::chrono::milliseconds(300),
+                           DiscoveryTrouble* trouble = nullptr);
 
 }  // namespace wire
