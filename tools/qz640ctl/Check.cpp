@@ -1,10 +1,15 @@
 // The command "check": a tour through everything that a unit has to do on the wire.
-#include <algorithm>
-
 #include "Check.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <set>
+#include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "Commands.h"
 #include "Loan.h"
@@ -35,19 +40,20 @@ constexpr auto kAckBears = milliseconds(20);
 constexpr auto kRepeatsBear = milliseconds(8);
 constexpr auto kCountsBear = milliseconds(100);
 
-const char* Word(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::Pass:
-      return "pass";
-    case Verdict::Warn:
-      return "warn";
-    case Verdict::Fail:
-      return "fail";
-    case Verdict::Skip:
-      return "could-not-test";
-  }
-  return "";
-}
+// In the order of Part.
+struct PartInfo {
+  const char* name;
+  const char* group;
+  const char* what;
+};
+constexpr PartInfo kParts[kPartCount] = {
+    {"discovery", "control", "is found by dev_find"},
+    {"connection", "control", "acknowledgements, repeats, repeats dropped, segments"},
+    {"requests", "control", "get_dev_info, get_inputs, set_inputs, set_state"},
+    {"tuners", "control", "the FM requests, or their refusal"},
+    {"streams", "audio", "format, rate, jitter and loss of every input"},
+    {"loop-back", "audio", "noise sent to output 0 comes back bit for bit"},
+};
 
 Colour ColourOf(Verdict verdict) {
   switch (verdict) {
@@ -72,16 +78,20 @@ class ControlTour {
       : session_(session), unit_(unit), report_(report), careful_(careful), link_(session.Loop()) {}
 
   void Run() {
-    Discovery();
-    report_.Judge("acknowledgement", kAckBears, [this] { return Acknowledgement(); });
-    report_.Judge("repeats", kRepeatsBear, [this] { return Repeats(); });
-    report_.Judge("duplicate filter", kCountsBear, [this] { return DuplicateFilter(); });
-    report_.Judge("stray message", kCountsBear, [this] { return StrayMessage(); });
-    DevInfo();
-    Inputs();
-    State();
-    Fm();
-    Segments();
+    if (report_.Begin(Part::Discovery)) Discovery();
+    if (report_.Begin(Part::Connection)) {
+      report_.Judge("acknowledgement", kAckBears, [this] { return Acknowledgement(); });
+      report_.Judge("repeats", kRepeatsBear, [this] { return Repeats(); });
+      report_.Judge("duplicate filter", kCountsBear, [this] { return DuplicateFilter(); });
+      report_.Judge("stray message", kCountsBear, [this] { return StrayMessage(); });
+      Segments();
+    }
+    if (report_.Begin(Part::Requests)) {
+      DevInfo();
+      Inputs();
+      State();
+    }
+    if (report_.Begin(Part::Tuners)) Fm();
   }
 
  private:
@@ -162,11 +172,12 @@ Finding ControlTour::Acknowledgement() {
   const uint32_t id = link_.Send(unit_.control, "get_state");  // has no answer but this
   if (link_.WaitAcks(id, 1, kAckTime)) {
     const double ms = ToMs(link_.AcksOf(id).front().time - sent);
-    return {ms <= kAckGoodMs ? Verdict::Pass : Verdict::Fail, MsText(ms)};
+    return {ms <= kAckGoodMs ? Verdict::Pass : Verdict::Fail, MsText(ms), {{"after", ms, "ms"}}};
   }
-  if (link_.Acks().empty()) return {Verdict::Fail, "none within " + MsText(ToMs(kAckTime))};
+  if (link_.Acks().empty()) return {Verdict::Fail, "none within " + MsText(ToMs(kAckTime)), {}};
   const uint32_t wrong = wire::NumberAt(link_.Acks().front().body, "ack_msg_id");
-  return {Verdict::Fail, "names message " + std::to_string(wrong) + ", not " + std::to_string(id)};
+  return {
+      Verdict::Fail, "names message " + std::to_string(wrong) + ", not " + std::to_string(id), {}};
 }
 
 // An answer that nobody acknowledges comes five times, some 50 ms apart, and then no more.
@@ -177,7 +188,7 @@ Finding ControlTour::Repeats() {
   const auto first = link_.Take("dev_info", unit_.control, session_.Timeout());
   if (first) session_.Loop().RunFor(2 * kSettle);
   link_.Acknowledge(true);
-  if (!first) return {Verdict::Fail, "get_dev_info was not answered"};
+  if (!first) return {Verdict::Fail, "get_dev_info was not answered", {}};
   link_.SendAck(first->id, unit_.control);
 
   std::vector<Clock::time_point> times;
@@ -193,9 +204,17 @@ Finding ControlTour::Repeats() {
   const std::string figure =
       std::to_string(times.size()) + " transmissions" +
       (times.size() > 1 ? ", " + MsText(shortest) + " to " + MsText(longest) + " apart" : "");
-  if (times.size() != wire::kTransmissions) return {Verdict::Fail, figure + "; there must be 5"};
+  std::vector<Figure> figures{
+      {"transmissions", static_cast<double>(times.size()), "transmissions"}};
+  if (times.size() > 1) {
+    figures.push_back({"shortest", shortest, "ms"});
+    figures.push_back({"longest", longest, "ms"});
+  }
+  if (times.size() != wire::kTransmissions) {
+    return {Verdict::Fail, figure + "; there must be 5", std::move(figures)};
+  }
   const bool paced = shortest >= 40 && longest <= 100;
-  return {paced ? Verdict::Pass : Verdict::Warn, figure};
+  return {paced ? Verdict::Pass : Verdict::Warn, figure, std::move(figures)};
 }
 
 Finding ControlTour::DuplicateFilter() {
@@ -211,7 +230,9 @@ Finding ControlTour::DuplicateFilter() {
   const size_t acks = link_.AcksOf(id).size();
   return {acks == 3 && answers.size() == 1 ? Verdict::Pass : Verdict::Fail,
           "3 copies: " + std::to_string(acks) + " acknowledgements, " +
-              std::to_string(answers.size()) + " answer(s)"};
+              std::to_string(answers.size()) + " answer(s)",
+          {{"acknowledgements", static_cast<double>(acks), "messages"},
+           {"answers", static_cast<double>(answers.size()), "messages"}}};
 }
 
 // An answer type is no request: acknowledged, and nothing else.
@@ -222,7 +243,8 @@ Finding ControlTour::StrayMessage() {
   const size_t others = link_.Received().size() + link_.Complaints().size();
   return {acked && others == 0 ? Verdict::Pass : Verdict::Fail,
           std::string(acked ? "acknowledged" : "not acknowledged") + ", " + std::to_string(others) +
-              " other datagram(s)"};
+              " other datagram(s)",
+          {{"others", static_cast<double>(others), "datagrams"}}};
 }
 
 void ControlTour::DevInfo() {
@@ -234,8 +256,9 @@ void ControlTour::DevInfo() {
   const bool same = info->inputs == unit_.inputs && info->outputs == unit_.outputs;
   report_.Add("get_dev_info", same ? Verdict::Pass : Verdict::Fail,
               unit_.type + ", " + std::to_string(info->inputs) + " in, " +
-                  std::to_string(info->outputs) + " out, RTP port " +
-                  std::to_string(info->rtpPort));
+                  std::to_string(info->outputs) + " out, RTP port " + std::to_string(info->rtpPort),
+              {{"inputs", static_cast<double>(info->inputs), "streams"},
+               {"outputs", static_cast<double>(info->outputs), "streams"}});
 }
 
 void ControlTour::Inputs() {
@@ -281,7 +304,8 @@ void ControlTour::Fm() {
   } else if (answer->type == "fm_freq") {
     const size_t tuners = wire::ArrayAt(answer->body, "freq").size();
     report_.Add("get_fm_freq", tuners == unit_.inputs ? Verdict::Pass : Verdict::Fail,
-                std::to_string(tuners) + " tuners");
+                std::to_string(tuners) + " tuners",
+                {{"tuners", static_cast<double>(tuners), "tuners"}});
     FmTuner(tuners);
   } else {
     // Without tuners all three requests are refused.
@@ -341,9 +365,10 @@ void ControlTour::Segments() {
   try {
     link_.Ask(unit_.control, "get_dev_info", "dev_info", Json::object(),
               wire::Bytes(kLongAttachment, 0xA5), session_.Timeout());
+    const double ms = ToMs(Clock::now() - start);
     report_.Add("segmented message", Verdict::Pass,
-                std::to_string(kLongAttachment) + " bytes, answered in " +
-                    MsText(ToMs(Clock::now() - start)));
+                std::to_string(kLongAttachment) + " bytes, answered in " + MsText(ms),
+                {{"after", ms, "ms"}});
   } catch (const wire::NoAnswer& error) {
     report_.Add("segmented message", Verdict::Fail, session_.ToFailure(error).text);
   }
@@ -359,12 +384,69 @@ double ToMs(Clock::duration time) {
   return std::chrono::duration<double, std::milli>(time).count();
 }
 
+PartSet ParseParts(const std::vector<std::string>& names) {
+  PartSet parts;
+  if (names.empty()) return parts.set();
+  for (const std::string& name : names) {
+    bool known = false;
+    for (size_t i = 0; i < kPartCount; ++i) {
+      if (name != kParts[i].name && name != kParts[i].group) continue;
+      parts.set(i);
+      known = true;
+    }
+    if (known) continue;
+    std::string all;
+    for (const PartInfo& part : kParts)
+      all += std::string(part.name) + ", ";
+    throw Failure{kUsage, "\"" + name + "\" is no part of a check; there are " + all +
+                              "control and audio (UNIT comes first, and not with --all)"};
+  }
+  return parts;
+}
+
+std::string CheckPartsHelp() {
+  std::vector<std::vector<std::string>> rows;
+  for (const PartInfo& part : kParts)
+    rows.push_back({"  " + std::string(part.name), part.group, part.what});
+  return "Parts, and the names for several of them:\n" + FormatTable(rows);
+}
+
+CheckReport::CheckReport(Session& session, const Unit& unit, const PartSet& parts, unsigned number,
+                         CheckRound& round, Output& out)
+    : session_(session),
+      unit_(unit),
+      parts_(parts),
+      number_(number),
+      round_(round),
+      out_(out),
+      shared_(IsOwn(unit.control)),
+      pulse_(session.Loop()) {}
+
+bool CheckReport::Begin(Part part) {
+  part_ = kParts[static_cast<size_t>(part)].name;
+  return Wants(part);
+}
+
 void CheckReport::Add(const std::string& name, const Finding& finding) {
   session_.CheckStop();
-  worst_ = std::max(worst_, finding.verdict);
-  ++counts_[static_cast<size_t>(finding.verdict)];
+  const auto now = Clock::now();
+  round_.lines.push_back(
+      {part_, name, finding, std::chrono::duration<double>(now - lineBegan_).count()});
+  lineBegan_ = now;
   std::string word = Word(finding.verdict);
-  out_.Object(Fields().Add("check", name).Add("result", word).Add("figure", finding.figure));
+  Fields figures;
+  for (const Figure& figure : finding.figures) {
+    figures.Add(figure.name.c_str(), Fields().Add("value", figure.value).Add("unit", figure.unit));
+  }
+  out_.Object(Fields()
+                  .Add("check", name)
+                  .Add("part", part_)
+                  .Add("result", word)
+                  .Add("figure", finding.figure)
+                  .Add("figures", figures)
+                  .Add("unit_id", unit_.id)
+                  .Add("control", unit_.control.ToText())
+                  .Add("round", number_));
   word.resize(16, ' ');
   std::string padded = name;
   padded.resize(std::max<size_t>(padded.size(), 26), ' ');
@@ -387,17 +469,13 @@ void CheckReport::Judge(const std::string& name, Clock::duration tolerated,
 }
 
 Finding CheckReport::TooUneven(double lateMs, const Finding& instead) {
-  return {Verdict::Skip, "this machine is too uneven to judge: it stood still for " +
-                             MsText(lateMs) + " (" + instead.figure + ")"};
+  return {Verdict::Skip,
+          "this machine is too uneven to judge: it stood still for " + MsText(lateMs) + " (" +
+              instead.figure + ")",
+          {}};
 }
 
-void CheckReport::Summarise() {
-  const auto count = [this](Verdict verdict) {
-    return std::to_string(counts_[static_cast<size_t>(verdict)]);
-  };
-  out_.Line(count(Verdict::Pass) + " passed, " + count(Verdict::Warn) + " warned, " +
-            count(Verdict::Fail) + " failed, " + count(Verdict::Skip) + " could not be tested");
-}
+namespace {
 
 // A unit that answers but doesn't acknowledge is one to be checked, not one that isn't there.
 Unit FindUnitToCheck(Session& session, const std::string& name) {
@@ -437,30 +515,214 @@ bool IsInUse(Session& session, const Unit& unit, bool intrusive) {
   return !inUse.empty();
 }
 
-int RunCheck(Session& session, const CheckOptions& options, Output& out) {
-  const Unit unit = FindUnitToCheck(session, options.unit);
-  out.Line("checking " + Printable(unit.id) + " (" + Printable(unit.type) + ") at " +
-           unit.control.ToText());
-  CheckReport report(session, unit, out);
-  const bool careful = IsInUse(session, unit, options.intrusive) && !options.intrusive;
-  ControlTour(session, unit, report, careful).Run();
+// All that answer the discovery, in the order of their addresses.
+std::vector<Unit> FindAllUnits(Session& session) {
+  std::vector<Unit> units = session.Find(session.DiscoverAt(), session.Timeout());
+  if (units.empty()) {
+    throw Failure{kNoAnswer,
+                  "no unit answered the discovery; is one running, with \"AddrStr\" set to an "
+                  "address of this network? (qz640ctl doctor looks closer)"};
+  }
+  return units;
+}
+
+void CheckAudio(Session& session, CheckedUnit& checked, CheckReport& report, bool careful,
+                bool intrusive) {
+  const Unit& unit = checked.unit;
+  if (!careful) {
+    if (!report.Wants(Part::Streams) && !report.Wants(Part::LoopBack)) return;
+    checked.heardAt = session.LocalFor(unit).Ip();
+    CheckStreams(session, unit, report, intrusive);
+    return;
+  }
+  if (report.Begin(Part::Streams)) {
+    for (uint32_t input = 0; input < unit.inputs; ++input)
+      report.Add("input " + std::to_string(input) + " stream", Verdict::Skip, kLeftOut);
+  }
+  if (report.Begin(Part::LoopBack)) report.Add("loop-back", Verdict::Skip, kLeftOut);
+}
+
+// One round at one unit. What can't go on is a fault of the unit; others are checked all the same.
+void CheckUnit(Session& session, CheckedUnit& checked, const PartSet& parts, bool intrusive,
+               Output& out) {
+  const auto begin = Clock::now();
+  const Unit& unit = checked.unit;
+  CheckRound& round = checked.rounds.emplace_back();
+  const auto number = static_cast<unsigned>(checked.rounds.size());
+  CheckReport report(session, unit, parts, number, round, out);
+  PartSet harmless;
+  harmless.set(static_cast<size_t>(Part::Discovery)).set(static_cast<size_t>(Part::Connection));
   try {
-    if (careful) {
-      for (uint32_t input = 0; input < unit.inputs; ++input)
-        report.Add("input " + std::to_string(input) + " stream", Verdict::Skip, kLeftOut);
-      report.Add("loop-back", Verdict::Skip, kLeftOut);
-    } else {
-      CheckStreams(session, unit, report, options.intrusive);
-    }
+    const bool careful =
+        (parts & ~harmless).any() && IsInUse(session, unit, intrusive) && !intrusive;
+    ControlTour(session, unit, report, careful).Run();
+    CheckAudio(session, checked, report, careful, intrusive);
   } catch (const wire::Interrupted&) {
     throw;
   } catch (const Failure& failure) {
-    report.Add("streams", Verdict::Fail, failure.text);
+    report.Add("rest of the part", Verdict::Fail, failure.text);
   } catch (const std::exception& error) {
-    report.Add("streams", Verdict::Fail, session.ToFailure(error).text);
+    report.Add("rest of the part", Verdict::Fail, session.ToFailure(error).text);
   }
-  report.Summarise();
-  return report.Worst() == Verdict::Fail ? kRefused : kDone;
+  round.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  CheckCounts counts;
+  counts.Add(round);
+  out.Line(counts.ToText());
+}
+
+void CheckAll(Session& session, const CheckOptions& options, const PartSet& parts,
+              Certificate& certificate, Output& out) {
+  const std::vector<Unit> units = options.all
+                                      ? FindAllUnits(session)
+                                      : std::vector<Unit>{FindUnitToCheck(session, options.unit)};
+  for (const Unit& unit : units)
+    certificate.units.push_back({unit, "", IsOwn(unit.control), {}});
+  for (unsigned number = 1; number <= options.repeat; ++number) {
+    for (CheckedUnit& checked : certificate.units) {
+      const Unit& unit = checked.unit;
+      out.Line("checking " + Printable(unit.id) + " (" + Printable(unit.type) + ") at " +
+               unit.control.ToText() +
+               (options.repeat > 1
+                    ? ", round " + std::to_string(number) + " of " + std::to_string(options.repeat)
+                    : ""));
+      CheckUnit(session, checked, parts, options.intrusive, out);
+    }
+  }
+}
+
+// As a shell takes it.
+std::string Quoted(const std::string& word) {
+  const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](unsigned char c) {
+    return c >= 0x80 || std::isalnum(c) ||
+           std::string_view("-._:/=").find(static_cast<char>(c)) != std::string_view::npos;
+  });
+  if (plain) return word;
+  std::string text = "'";
+  for (const char c : word)
+    text += c == '\'' ? "'\\''" : std::string(1, c);
+  return text + "'";
+}
+
+std::string CommandText(const Session& session, const CheckOptions& options) {
+  std::string text = "qz640ctl check";
+  if (options.all) text += " --all";
+  if (!options.all) text += " " + Quoted(options.unit);
+  for (const std::string& part : options.parts)
+    text += " " + Quoted(part);
+  if (options.repeat > 1) text += " --repeat " + std::to_string(options.repeat);
+  if (options.intrusive) text += " --intrusive";
+  for (const std::string& to : session.Common().to)
+    text += " --to " + Quoted(to);
+  return text;
+}
+
+// Where a report goes. It is tried before the tour, which takes minutes; what the file held stays
+// until the report takes its place.
+class ReportFile {
+ public:
+  explicit ReportFile(std::string path) : path_(std::move(path)) { Write("", std::ios::app); }
+
+  void Write(const std::string& text, std::ios::openmode mode = std::ios::trunc) const {
+    if (path_.empty()) return;
+    errno = 0;
+    std::ofstream file(std::filesystem::path(path_), std::ios::binary | std::ios::out | mode);
+    if (file << text && file.flush()) return;
+    throw Failure{kRefused, "can't write the report \"" + path_ + "\": " +
+                                (errno == 0 ? "the disk may be full"
+                                            : std::generic_category().message(errno)) +
+                                "; name a file in a folder that is yours"};
+  }
+
+ private:
+  const std::string path_;
+};
+
+// What several rounds and several units come to.
+void PrintSummary(const Certificate& certificate, Output& out) {
+  std::vector<std::vector<std::string>> spreads{
+      {"UNIT", "CHECK", "FIGURE", "LEAST", "MEDIAN", "MOST", ""}};
+  std::vector<std::vector<std::string>> units{
+      {"UNIT", "CONTROL", "RESULT", "PASSED", "WARNED", "FAILED", "NOT TESTED"}};
+  for (const CheckedUnit& checked : certificate.units) {
+    const Unit& unit = checked.unit;
+    for (const Spread& spread : SpreadsOf(checked)) {
+      out.Object(Fields()
+                     .Add("spread", spread.name)
+                     .Add("check", spread.check)
+                     .Add("unit_id", unit.id)
+                     .Add("control", unit.control.ToText())
+                     .Add("count", spread.count)
+                     .Add("least", spread.least)
+                     .Add("median", spread.median)
+                     .Add("most", spread.most)
+                     .Add("unit", spread.unit));
+      if (spread.least == spread.most) continue;  // nothing for people to look at
+      spreads.push_back({PrintableCell(unit.id), spread.check, spread.name,
+                         FormatNumber(spread.least, 2), FormatNumber(spread.median, 2),
+                         FormatNumber(spread.most, 2), spread.unit});
+    }
+    CheckCounts counts;
+    Verdict worst = Verdict::Skip;
+    for (const CheckRound& round : checked.rounds) {
+      counts.Add(round);
+      worst = std::max(worst, round.Worst());
+    }
+    const auto count = [&](Verdict verdict) { return std::to_string(counts.Of(verdict)); };
+    units.push_back({PrintableCell(unit.id), unit.control.ToText(),
+                     out.Paint(ColourOf(worst), Word(worst)), count(Verdict::Pass),
+                     count(Verdict::Warn), count(Verdict::Fail), count(Verdict::Skip)});
+  }
+  if (spreads.size() > 1) out.Line("\n" + FormatTable(spreads));
+  if (units.size() > 2 || certificate.rounds > 1) out.Line("\n" + FormatTable(units));
+  const CheckCounts all = certificate.Counts();
+  out.Object(Fields()
+                 .Add("summary", Word(certificate.Worst()))
+                 .Add("units", certificate.units.size())
+                 .Add("rounds", certificate.rounds)
+                 .Add("checks", all.All())
+                 .Add("pass", all.Of(Verdict::Pass))
+                 .Add("warn", all.Of(Verdict::Warn))
+                 .Add("fail", all.Of(Verdict::Fail))
+                 .Add("could-not-test", all.Of(Verdict::Skip))
+                 .Add("seconds", certificate.seconds));
+}
+
+}  // namespace
+
+int RunCheck(Session& session, const CheckOptions& given, Output& out) {
+  CheckOptions options = given;
+  if (options.all && !options.unit.empty()) {  // then that word is a part's name
+    options.parts.insert(options.parts.begin(), std::exchange(options.unit, ""));
+  }
+  if (!options.all && options.unit.empty()) {
+    throw Failure{kUsage, "which unit? name one, or --all for every unit that answers"};
+  }
+  const PartSet parts = ParseParts(options.parts);
+  const ReportFile junit(options.junit);
+  const ReportFile page(options.html);
+  Certificate certificate;
+  certificate.begun = NowText();
+  certificate.command = CommandText(session, options);
+  certificate.rounds = options.repeat;
+  const auto begin = Clock::now();
+  const auto write = [&](const std::string& ended) {
+    certificate.ended = ended;
+    certificate.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    junit.Write(ToJUnit(certificate));
+    page.Write(ToPage(certificate));
+  };
+  try {
+    CheckAll(session, options, parts, certificate, out);
+  } catch (const Failure& failure) {
+    write(failure.text);
+    throw;
+  } catch (const std::exception& error) {
+    write(session.ToFailure(error).text);
+    throw;
+  }
+  write("");
+  PrintSummary(certificate, out);
+  return certificate.Worst() == Verdict::Fail ? kRefused : kDone;
 }
 
 }  // namespace ctl

@@ -2,22 +2,24 @@
 // the unit that they judge.
 #pragma once
 
-#include <array>
+#include <bitset>
 #include <functional>
 #include <string>
+#include <vector>
 
+#include "Certificate.h"
 #include "Commands.h"
 
 namespace ctl {
 
-// In the order of badness.
-enum class Verdict { Skip, Pass, Warn, Fail };
+// What the command line can ask for by itself.
+enum class Part { Discovery, Connection, Requests, Tuners, Streams, LoopBack };
+constexpr size_t kPartCount = 6;
+using PartSet = std::bitset<kPartCount>;
 
-// What one measurement says.
-struct Finding {
-  Verdict verdict = Verdict::Fail;
-  std::string figure;
-};
+// A part's name, or "control" and "audio" for several; none at all are all of them. Throws Failure
+// (kUsage).
+PartSet ParseParts(const std::vector<std::string>& names);
 
 // "12.3 ms".
 std::string MsText(double ms);
@@ -26,17 +28,24 @@ double ToMs(wire::Clock::duration time);
 // A measurement that doesn't please is made again, so often in all, before the unit is blamed.
 constexpr int kAttempts = 3;
 
-// Prints a line a check and keeps the worst.
+// One round at one unit: prints a line a check and keeps it.
 class CheckReport {
  public:
-  CheckReport(Session& session, const wire::Unit& unit, Output& out)
-      : session_(session), out_(out), shared_(IsOwn(unit.control)), pulse_(session.Loop()) {}
+  // `number` is the round's, from 1.
+  CheckReport(Session& session, const wire::Unit& unit, const PartSet& parts, unsigned number,
+              CheckRound& round, Output& out);
+
+  // From here on the checks are of that part; false where nobody asked for it.
+  bool Begin(Part part);
+  bool Wants(Part part) const { return parts_.test(static_cast<size_t>(part)); }
 
   // Throws once Ctrl-C has come.
   void Add(const std::string& name, const Finding& finding);
-  void Add(const std::string& name, Verdict verdict, const std::string& figure) {
-    Add(name, {verdict, figure});
+  void Add(const std::string& name, Verdict verdict, const std::string& figure,
+           std::vector<Figure> figures = {}) {
+    Add(name, {verdict, figure, std::move(figures)});
   }
+  void Keep(StreamTrace trace) { round_.traces.push_back(std::move(trace)); }
 
   // For what goes by the clock. A machine that stands still for a moment makes every unit look bad:
   // what doesn't pass is measured again where this program was later than `tolerated`, or the unit
@@ -53,16 +62,17 @@ class CheckReport {
   // How late this program itself was since the latest Clear.
   wire::Pulse& Machine() { return pulse_; }
 
-  void Summarise();
-  Verdict Worst() const { return worst_; }
-
  private:
   Session& session_;
+  const wire::Unit& unit_;
+  const PartSet parts_;
+  const unsigned number_;
+  CheckRound& round_;
   Output& out_;
   const bool shared_;
   wire::Pulse pulse_;
-  Verdict worst_ = Verdict::Skip;
-  std::array<unsigned, 4> counts_{};
+  std::string part_;
+  wire::Clock::time_point lineBegan_ = wire::Clock::now();
 };
 
 // The audio half of the tour: format, rate, jitter and loss of every input, loop-back of output 0.

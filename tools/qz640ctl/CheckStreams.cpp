@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <deque>
 
 #include "Check.h"
 #include "Loan.h"
@@ -29,6 +30,10 @@ constexpr double kJitterBadMs = 20.0;
 constexpr double kUnevenMs = 8.0;
 constexpr double kOverrunMs = 500.0;
 
+Figure Packets(const char* name, uint64_t count) {
+  return {name, static_cast<double>(count), "packets"};
+}
+
 // What was wrong with a datagram of a stream; empty when nothing was.
 std::string FormatFault(const StreamPacket& packet, const StreamPacket* before) {
   const wire::StreamHeader header = packet.Header();
@@ -53,6 +58,7 @@ std::string FormatFault(const StreamPacket& packet, const StreamPacket* before) 
 // What an input was heard to send within the listening time.
 struct Heard {
   StreamStats stats;
+  StreamTrace trace;
   std::string fault;
   uint32_t freq = 48000;
   double peak = 0;
@@ -66,6 +72,21 @@ struct Heard {
   bool IsGood() const { return OnRate() && stats.JitterMs() <= kJitterGoodMs && IsWhole(); }
 };
 
+// From times of arrival to how much later each is than its place says. The clock of the unit has no
+// zero that is known here, so the median is made 0.
+void MeasureLateness(StreamTrace& trace) {
+  if (trace.arrivals.empty()) return;
+  std::vector<double> all;
+  for (Arrival& arrival : trace.arrivals) {
+    arrival.lateMs -= static_cast<double>(arrival.place) * kPacketFrames * 1e3 / trace.freq;
+    all.push_back(arrival.lateMs);
+  }
+  const auto middle = all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2);
+  std::nth_element(all.begin(), middle, all.end());
+  for (Arrival& arrival : trace.arrivals)
+    arrival.lateMs -= *middle;
+}
+
 class StreamTour {
  public:
   StreamTour(Session& session, const Unit& unit, CheckReport& report, bool intrusive)
@@ -76,10 +97,14 @@ class StreamTour {
         local_(session.LocalFor(unit)) {}
 
   void Run() {
-    for (uint32_t input = 0; input < unit_.inputs; ++input)
-      Input(input);
-    if (unit_.inputs == 0) report_.Add("streams", Verdict::Skip, "the unit has no inputs");
+    if (report_.Begin(Part::Streams)) {
+      for (uint32_t input = 0; input < unit_.inputs; ++input)
+        Input(input);
+      if (unit_.inputs == 0) report_.Add("streams", Verdict::Skip, "the unit has no inputs");
+    }
+    if (!report_.Begin(Part::LoopBack)) return;
     if (unit_.outputs > 0 && unit_.inputs > 0) {
+      if (!report_.Wants(Part::Streams)) LookAtSource(Listen(0));
       LoopBack();
     } else {
       report_.Add("loop-back", Verdict::Skip, "needs an output and an input");
@@ -88,6 +113,7 @@ class StreamTour {
 
  private:
   void Input(uint32_t input);
+  void LookAtSource(const Heard& heard);
   Heard Listen(uint32_t input);
   void LoopBack();
   Returned SendThrough();
@@ -120,20 +146,37 @@ Heard StreamTour::Listen(uint32_t input) {
   wire::AudioReceiver receiver(session_.Loop(), local_);
   const auto passOn = [&receiver](const wire::Destination& to) { receiver.PassOn(to); };
   InputLoan loan(session_, unit_, {{input, receiver.Local(), passOn}});
+  // What comes while the input is borrowed or given back is looked at late, which isn't the unit's
+  // fault.
+  receiver.Clear();
   report_.Machine().Clear();
   session_.Loop().RunFor(kListenTime);
   Heard heard;
   heard.lateMs = ToMs(report_.Machine().Worst());
+  const std::deque<StreamPacket> packets = receiver.Take();
   Return(loan, "input " + std::to_string(input));
 
   const StreamPacket* before = nullptr;
-  for (const StreamPacket& packet : receiver.Packets()) {
+  for (const StreamPacket& packet : packets) {
     if (heard.fault.empty()) heard.fault = FormatFault(packet, before);
     before = &packet;
-    if (heard.stats.Add(packet)) heard.freq = wire::SampleFreqOf(packet.Header().payloadType);
+    const auto place = heard.stats.Add(packet);
+    if (!place) continue;
+    heard.freq = wire::SampleFreqOf(packet.Header().payloadType);
+    heard.trace.arrivals.push_back({*place, ToMs(packet.time - packets.front().time)});
   }
+  heard.trace.input = input;
+  heard.trace.freq = heard.freq;
+  heard.trace.jitterMs = heard.stats.JitterMs();
+  MeasureLateness(heard.trace);
   heard.peak = std::max(heard.stats.TakePeak(0), heard.stats.TakePeak(1));
   return heard;
+}
+
+// What the loop-back has to know of input 0.
+void StreamTour::LookAtSource(const Heard& heard) {
+  silent_ = heard.peak == 0;
+  freq_ = heard.freq;
 }
 
 void StreamTour::Input(uint32_t input) {
@@ -145,34 +188,37 @@ void StreamTour::Input(uint32_t input) {
     heard = Listen(input);
   }
   const StreamStats& stats = heard.stats;
-  if (input == 0) {
-    silent_ = heard.peak == 0;
-    freq_ = heard.freq;
-  }
+  if (input == 0) LookAtSource(heard);
+  report_.Keep(heard.trace);
   if (stats.packets == 0 && heard.fault.empty()) {
     report_.Add(name + " stream", Verdict::Fail, "nothing arrived at " + local_.ToText());
     return;
   }
   report_.Add(
       name + " format", heard.fault.empty() ? Verdict::Pass : Verdict::Fail,
-      heard.fault.empty() ? "24-bit stereo, " + std::to_string(heard.freq) + " Hz" : heard.fault);
+      heard.fault.empty() ? "24-bit stereo, " + std::to_string(heard.freq) + " Hz" : heard.fault,
+      {{"sample_rate", static_cast<double>(heard.freq), "Hz"}});
   if (stats.packets == 0) return;
 
   const bool uneven = heard.lateMs > kUnevenMs;
   Add(name + " rate", uneven, heard.lateMs,
       {heard.OnRate() ? Verdict::Pass : Verdict::Fail,
-       FormatNumber(stats.Rate(), 2) + " packets/s of " + FormatNumber(heard.NominalRate(), 2)});
+       FormatNumber(stats.Rate(), 2) + " packets/s of " + FormatNumber(heard.NominalRate(), 2),
+       {{"rate", stats.Rate(), "packets/s"}, {"nominal", heard.NominalRate(), "packets/s"}}});
   const double jitter = stats.JitterMs();
   Add(name + " jitter", uneven, heard.lateMs,
       {jitter <= kJitterGoodMs  ? Verdict::Pass
        : jitter <= kJitterBadMs ? Verdict::Warn
                                 : Verdict::Fail,
-       FormatNumber(jitter, 2) + " ms"});
+       FormatNumber(jitter, 2) + " ms",
+       {{"jitter", jitter, "ms"}, {"worst_gap", stats.WorstGapMs(), "ms"}}});
   Add(name + " sequence", heard.lateMs > kOverrunMs, heard.lateMs,
       {heard.IsWhole() ? Verdict::Pass : Verdict::Fail,
        std::to_string(stats.packets) + " packets, lost " + std::to_string(stats.Lost()) +
            ", late " + std::to_string(stats.late) + ", duplicates " +
-           std::to_string(stats.duplicates)});
+           std::to_string(stats.duplicates),
+       {Packets("packets", stats.packets), Packets("lost", stats.Lost()),
+        Packets("late", stats.late), Packets("duplicates", stats.duplicates)}});
 }
 
 // Where the machine stands still, this program's packets come late and in a bunch, or the unit's
@@ -225,7 +271,11 @@ void StreamTour::LoopBack() {
       std::to_string(returned.reordered) + " reordered, " + std::to_string(returned.repeated) +
       " repeated, " + std::to_string(returned.Lost()) + " lost";
   Add("loop-back", returned.altered == 0 && returned.unevenMs > kUnevenMs, returned.unevenMs,
-      {returned.IsGood() ? Verdict::Pass : Verdict::Fail, figure});
+      {returned.IsGood() ? Verdict::Pass : Verdict::Fail,
+       figure,
+       {Packets("exact", returned.exact), Packets("altered", returned.altered),
+        Packets("reordered", returned.reordered), Packets("repeated", returned.repeated),
+        Packets("lost", returned.Lost())}});
 }
 
 }  // namespace

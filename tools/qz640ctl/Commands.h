@@ -37,8 +37,13 @@ struct WatchOptions {
 };
 
 struct CheckOptions {
-  std::string unit;
-  bool intrusive = false;  // also what a unit in use would notice
+  std::string unit;                // empty with `all`
+  std::vector<std::string> parts;  // as ParseParts takes them; empty: all
+  bool all = false;                // every unit that answers
+  unsigned repeat = 1;             // rounds
+  bool intrusive = false;          // also what a unit in use would notice
+  std::string junit;               // files to write; empty: none
+  std::string html;
 };
 
 struct UpOptions {
@@ -96,6 +101,7 @@ int RunRelay(Session& session, const RelayOptions& options, Output& out);
 int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
 int RunCheck(Session& session, const CheckOptions& options, Output& out);
+std::string CheckPartsHelp();  // the parts of a check, a line each
 int RunRestore(Session& session, bool forget, Output& out);
 int RunExpect(Session& session, const ExpectOptions& options, Output& out);
 int RunSend(Session& session, const std::string& unit, const std::string& request, Output& out);

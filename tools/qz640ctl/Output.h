@@ -25,6 +25,11 @@ class Fields {
     return *this;
   }
 
+  Fields& Add(const char* key, const Fields& nested) {
+    object_[key] = nested.object_;
+    return *this;
+  }
+
   std::string ToText() const;
 
  private:

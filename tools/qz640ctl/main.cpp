@@ -196,12 +196,23 @@ class CommandLine {
             "Everything that a unit has to do on the wire, a line a check. A unit in use keeps its "
             "inputs, tuners and rate: what would touch them is left out, with a line each. Of any "
             "other unit the inputs are sent here and noise to output 0, for seconds each",
-            "qz640ctl check studio-a",
+            "qz640ctl check studio-a\n"
+            "  qz640ctl check --all --repeat 3 --junit check.xml --html check.html\n"
+            "  qz640ctl check studio-a discovery tuners",
             [this](Session& session, Output& out) { return RunCheck(session, check_, out); }));
-    check->add_option("UNIT", check_.unit, "Unit id or address:port")->required();
+    check->add_option("UNIT", check_.unit, "Unit id or address:port; with --all none");
+    check->add_option("PART", check_.parts, "What to check, as said below (default: all)");
+    check->add_flag("--all", check_.all, "Check every unit that answers, one after the other");
+    check->add_option("--repeat", check_.repeat, "Rounds; least, median and most at the end")
+        ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+    check->add_option("--junit", check_.junit, "Write the results to this file, as JUnit XML");
+    check->add_option("--html", check_.html,
+                      "Write them to this file, as one page with plots of the streams");
     check->add_flag("--intrusive", check_.intrusive,
                     "Leave nothing out: the unit's listeners get the inputs passed on but for the "
                     "noise, and the last tuner goes elsewhere for a moment");
+    check->footer(check->get_footer() + "\n\n" + CheckPartsHelp());
     Add("doctor", "Look at interfaces, ports, a settings file and the clock of this machine",
         "qz640ctl doctor qz640emu.json",
         [this](Session& session, Output& out) { return RunDoctor(session, settings_, out); })
