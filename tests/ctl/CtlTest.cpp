@@ -216,6 +216,36 @@ TEST_F(CtlTest, RelayCarriesRequestsAndTellsWhatItDid) {
   emulator_.Allow("Protocol error. No ack received");
 }
 
+// Every unit is found at the relay's address, with ports of its own there, and nothing of it is
+// missed: requests and answers, inputs, and what is sent to its output.
+TEST_F(CtlTest, RelayShowsTheUnitsOfAnotherNetwork) {
+  emulator_.Allow("Protocol error. No ack received");
+  emulator_.Allow("Sample freq 1 is not supported");
+  const std::string here = OwnAddress() + ":15003";
+  Process relay(QZ_CTL, {.arguments = {"relay", "--discovery", "--json",
+                                       here + "=" + emulator_.Discovery().ToText()}});
+  ASSERT_TRUE(relay.WaitLine("\"targets\""));
+  const std::vector<Json> real = Run({"find", "--json"}).Objects();
+  const std::vector<Json> shown = Ctl({"find", "--json", "--to", here}).Objects();
+  ASSERT_EQ(shown.size(), real.size());
+  for (size_t i = 0; i < real.size(); ++i) {
+    EXPECT_NE(shown[i]["control"], real[i]["control"]) << shown[i];
+  }
+  const Result tour =
+      Ctl({"check", "studio-a", "requests", "audio", "--intrusive", "--json", "--to", here});
+  EXPECT_EQ(tour.status, 0) << tour.out << tour.err;
+  EXPECT_NE(tour.out.find("bit for bit"), std::string::npos) << tour.out;
+
+  // What another relay has sent on ends here: two that face each other would go on for ever.
+  Link link(TestLoop(), {OwnAddress(), 0});
+  link.Send(*Endpoint::Parse(here), "dev_find", {{"relayed", 1}});
+  EXPECT_FALSE(link.Take("dev_info", std::nullopt, std::chrono::milliseconds(300)));
+  link.Send(*Endpoint::Parse(here), "dev_find");
+  EXPECT_TRUE(link.Take("dev_info"));
+  Terminate(relay.Id());
+  EXPECT_EQ(relay.WaitExit(), 0) << relay.ErrorOutput();
+}
+
 // A tenth fast: 250 packets in 0.9 seconds. The unit says that its output is here.
 TEST_F(CtlTest, PlaySendsAtADriftingClock) {
   const Endpoint here(OwnAddress(), 0);

@@ -76,6 +76,7 @@ struct RelayOptions {
   uint64_t seed = 1;
   wire::LinkFaults faults;
   std::vector<std::string> ways;  // LISTEN=TARGET
+  bool discovery = false;         // of units, instead of datagrams as they are
 };
 
 struct SoakOptions {

@@ -335,11 +335,19 @@ class CommandLine {
 
   void AddRelay() {
     CLI::App* relay =
-        Add("relay", "A bad network that can be repeated, until Ctrl-C",
-            "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000",
+        Add("relay",
+            "A bad network that can be repeated, or with --discovery a way for controllers to the "
+            "units of another network, until Ctrl-C",
+            "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000\n"
+            "  qz640ctl relay --discovery 10.1.0.1=10.2.0.255",
             [this](Session& session, Output& out) { return RunRelay(session, relay_, out); });
     const CLI::Validator share = Between(0.0, 100.0);
     relay->add_option("WAY", relay_.ways, "LISTEN=TARGET, both address:port")->required();
+    relay->add_flag("--discovery", relay_.discovery,
+                    "LISTEN is an address of this machine where controllers look for units, by "
+                    "broadcast too; TARGET a machine with units, or the broadcast address of their "
+                    "network. Each unit that answers is seen at LISTEN's address, and all that is "
+                    "sent to it there goes on to it. Without a port: 15001");
     relay->add_option("--seed", relay_.seed, "Decides all faults")->capture_default_str();
     relay->add_option("--loss", relay_.faults.loss, "Per cent lost")->check(share);
     relay->add_option("--duplicate", relay_.faults.duplicate, "Per cent doubled")->check(share);

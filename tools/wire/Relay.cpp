@@ -26,6 +26,10 @@ Relay::Relay(Loop& loop, const RelayInfo& info)
         if (const auto flow = FlowOf(datagram.from)) Take(flow, Way::There, datagram);
       }) {}
 
+void Relay::SendBack(const Endpoint& sender, const Datagram& datagram) {
+  if (const auto flow = FlowOf(sender)) Take(flow, Way::Back, datagram);
+}
+
 void Relay::SetFaults(const LinkFaults& faults) {
   info_.faults = faults;
   for (const auto& flow : flows_) {
@@ -58,7 +62,7 @@ std::shared_ptr<Relay::Flow> Relay::FlowOf(const Endpoint& sender) {
       sender, LossyLink(info_.seed, number), LossyLink(info_.seed, number + 1), ++order_, nullptr});
   try {
     flow->port =
-        std::make_unique<UdpPort>(loop_, Endpoint(info_.listen.address, 0),
+        std::make_unique<UdpPort>(loop_, Endpoint(info_.anySource ? 0 : info_.listen.address, 0),
                                   [this, weak = std::weak_ptr(flow)](const Datagram& datagram) {
                                     if (const auto alive = weak.lock())
                                       Take(alive, Way::Back, datagram);

@@ -19,7 +19,8 @@ struct RelayInfo {
   Endpoint target;
   uint64_t seed = 1;  // the same for several relays: they decide differently, by `number`
   uint64_t number = 0;
-  LinkFaults faults{};  // of both directions
+  LinkFaults faults{};     // of both directions
+  bool anySource = false;  // towards the target from whatever address leads there
 };
 
 // A datagram that goes on its way.
@@ -46,6 +47,9 @@ class Relay {
 
   // Where it listens, with the port that a `listen` of port 0 got.
   const Endpoint& Local() const { return listening_.Local(); }
+
+  // To `sender`, as if the target had answered with it.
+  void SendBack(const Endpoint& sender, const Datagram& datagram);
 
   // From the next datagram on; LinkFaults() heals the network. What is under way stays as it is.
   void SetFaults(const LinkFaults& faults);
