@@ -15,7 +15,7 @@ using wire::Json;
 namespace {
 
 constexpr auto kLook = std::chrono::milliseconds(5);
-constexpr auto kAskAgain = std::chrono::seconds(1);
+constexpr auto kAskAgain = std::chrono::milliseconds(250);
 constexpr auto kGiveUp = std::chrono::seconds(10);
 constexpr auto kPatience = std::chrono::seconds(20);
 constexpr auto kRequestPause = std::chrono::seconds(1);

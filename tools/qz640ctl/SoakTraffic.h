@@ -30,7 +30,7 @@ class RoundTrips {
 // With every unit one exchange after the other: a request, its acknowledgement, the answer, and the
 // acknowledgement of that. The request is repeated until it is acknowledged. A request that ends
 // somebody's half-finished message is acknowledged and lost with it, as the protocol has it:
-// without an answer it is asked again after a second, and given up after ten.
+// without an answer it is asked again after a quarter of a second, and given up after ten seconds.
 class Exchanges {
  public:
   // Throws SocketError.
