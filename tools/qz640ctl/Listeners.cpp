@@ -45,4 +45,20 @@ uint64_t Listeners::NotPassedOn() {
   });
 }
 
+InputLoan::Input ToBorrow(Session& session, Listeners& listeners, size_t number, uint32_t input) {
+  InputLoan::Input wanted{input, listeners.Local(number), nullptr};
+  if (session.Common().inUse != InUse::Take) {
+    wanted.passOn = [&listeners, number](const wire::Destination& to) {
+      listeners.PassOn(number, to);
+    };
+  }
+  return wanted;
+}
+
+void NoteNotPassedOn(Session& session, Listeners& listeners) {
+  const uint64_t count = listeners.NotPassedOn();
+  if (count == 0) return;
+  session.Note(std::to_string(count) + " packets couldn't be passed on to where they went before");
+}
+
 }  // namespace ctl

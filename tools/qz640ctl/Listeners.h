@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "Loan.h"
 #include "wire/Streams.h"
 #include "wire/Units.h"
 
@@ -36,5 +37,12 @@ class Listeners {
   std::vector<std::unique_ptr<wire::AudioReceiver>> receivers_;  // the thread's
   wire::LoopThread thread_;                                      // ends before them
 };
+
+// How an input that `listeners` hears under `number` is borrowed: passed on, unless the command
+// line takes it.
+InputLoan::Input ToBorrow(Session& session, Listeners& listeners, size_t number, uint32_t input);
+
+// What wasn't heard where it belongs must not stay unsaid.
+void NoteNotPassedOn(Session& session, Listeners& listeners);
 
 }  // namespace ctl
