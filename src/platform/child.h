@@ -14,7 +14,8 @@ namespace platform {
 
 struct ChildOptions {
   std::vector<std::string>
-      command;  // program (looked up in PATH if it has no separator), arguments
+      command;            // program (looked up in PATH if it has no separator), arguments
+  std::string shellLine;  // instead of `command`: for the system's shell (sh, cmd.exe)
   std::vector<std::pair<std::string, std::string>> environment;  // added to this program's own
 
   // Pipes in place of this program's own standard input and output. The child then also stands
@@ -26,6 +27,10 @@ struct ChildOptions {
 
   // Without pipes: what the child writes to standard output goes to this program's standard error.
   bool outputToError = false;
+
+  // Without pipes: the child reads nothing, writes nowhere, and stands outside the terminal's
+  // reach.
+  bool silent = false;
 };
 
 class Child {

@@ -23,6 +23,7 @@ extern const uint32_t kInvalidHandle;  // the file is closed
 extern const uint32_t kSocketClosed;   // the socket is
 extern const uint32_t kInvalidArgument;
 extern const uint32_t kNotSupported;
+extern const uint32_t kPipeClosed;  // nobody reads at the other end
 
 extern const uint32_t kAddrInUse;  // the port is taken
 extern const uint32_t kMsgSize;    // a datagram too large for the network or the buffer

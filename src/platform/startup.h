@@ -29,10 +29,10 @@ void WaitForInput();
 // one has come.
 bool WaitForStop(uint32_t milliseconds);
 
-// Writes all bytes to standard output and flushes, however long it takes them. A failure (closed
-// pipe, full disk) is ignored. Holds nothing that the end of the process needs: a thread may stay
-// in here for ever.
-void WriteOutput(std::string_view bytes);
+// Writes all bytes to standard output and flushes, however long it takes them. The operating
+// system's error number, 0 for success; kPipeClosed when nobody reads any more. Holds nothing that
+// the end of the process needs: a thread may stay in here for ever.
+uint32_t WriteOutput(std::string_view bytes);
 
 // Gives the memory that the program has freed back to the system, as far as that can be had. May
 // hold up whoever allocates meanwhile, for about a millisecond each ten megabytes.

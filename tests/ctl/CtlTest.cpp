@@ -43,7 +43,7 @@ TEST_F(CtlTest, EveryCommandAnswersPeopleAndPrograms) {
        "0"},
       {{"play", "studio-a", file.Text()}, "sent 25 packets", 1, "packets", "25"},
       {{"watch", "tuner-b", "--seconds", "1.2"},
-       "#################### ####################",
+       "####################  ####################",
        4,
        "lost",
        "0"},

@@ -218,7 +218,7 @@ TEST(Streams, ArriveAsTheyWereSentAtTheirPace) {
   StreamStats stats;
   for (const StreamPacket& each : receiver.Packets())
     stats.Add(each);
-  EXPECT_EQ(stats.Lost() + stats.late + stats.duplicates + stats.foreign, 0U);
+  EXPECT_EQ(stats.Lost() + stats.outOfOrder + stats.duplicates + stats.foreign, 0U);
 }
 
 TEST(Streams, CarryNegativeCodes) {
@@ -265,7 +265,7 @@ TEST(StreamStats, TellLostFromLateFromDoubled) {
     }
     stats.Add({Bytes(11), {}, time});
     EXPECT_EQ(stats.Lost(), row.lost);
-    EXPECT_EQ(stats.late, row.late);
+    EXPECT_EQ(stats.outOfOrder, row.late);
     EXPECT_EQ(stats.duplicates, row.duplicates);
     EXPECT_EQ(stats.jumps, row.jumps);
     EXPECT_EQ(stats.foreign, 1U);

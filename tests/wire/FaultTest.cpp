@@ -248,7 +248,7 @@ TEST_F(FaultyUnitsTest, LetAStreamDriftByAClockOfItsOwn) {
   for (const StreamPacket& packet : receiver.Packets())
     stats.Add(packet);
   EXPECT_NEAR(stats.Rate(), 262.5, 5);
-  EXPECT_EQ(stats.Lost() + stats.late + stats.duplicates + stats.jumps, 0U);
+  EXPECT_EQ(stats.Lost() + stats.outOfOrder + stats.duplicates + stats.jumps, 0U);
 }
 
 TEST_F(FaultyUnitsTest, LetARebootedUnitForget) {

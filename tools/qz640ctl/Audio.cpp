@@ -9,7 +9,6 @@
 #include "Listeners.h"
 #include "Loan.h"
 #include "Recorder.h"
-#include "StreamFields.h"
 #include "platform/startup.h"
 #include "platform/thread.h"
 #include "wire/StreamStats.h"
@@ -42,6 +41,18 @@ void BeginAudio() {
 
 std::string Decibel(double peak) {
   return FormatNumber(ToDecibel(peak), 1) + " dB";
+}
+
+void AddStats(Fields& fields, const StreamStats& stats) {
+  fields.Add("packets", stats.packets)
+      .Add("jitter_ms", stats.JitterMs())
+      .Add("lost", stats.Lost())
+      .Add("late", stats.Timing().Late())
+      .Add("out_of_order", stats.outOfOrder)
+      .Add("duplicates", stats.duplicates)
+      .Add("drift_ppm", stats.Timing().DriftPpm())
+      .Add("clipped_left", stats.clipped[0])
+      .Add("clipped_right", stats.clipped[1]);
 }
 
 // Waits for the first audio packet, which has the sample frequency.
@@ -178,7 +189,7 @@ void Recording::ShowProgress() {
     meters += std::string(channel == 0 ? " L " : " R ") + FormatMeter(peak, kMeterWidth);
   }
   out_.Progress(std::to_string(stats_.packets) + " packets" + meters + "  lost " +
-                std::to_string(stats_.Lost()) + "  late " + std::to_string(stats_.late));
+                std::to_string(stats_.Lost()) + "  late " + std::to_string(stats_.Timing().Late()));
 }
 
 void Recording::ShowResult(uint32_t freq) {
@@ -198,7 +209,7 @@ void Recording::ShowResult(uint32_t freq) {
   out_.Line(options_.file + ": " + FormatNumber(static_cast<double>(written_) / freq, 2) +
             " s at " + std::to_string(freq) + " Hz, peak L " + Decibel(peaks_[0]) + ", R " +
             Decibel(peaks_[1]) + "; " + std::to_string(stats_.packets) + " packets, lost " +
-            std::to_string(stats_.Lost()) + ", late " + std::to_string(stats_.late));
+            std::to_string(stats_.Lost()) + ", late " + std::to_string(stats_.Timing().Late()));
 }
 
 }  // namespace

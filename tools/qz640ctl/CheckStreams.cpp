@@ -215,10 +215,10 @@ void StreamTour::Input(uint32_t input) {
   Add(name + " sequence", heard.lateMs > kOverrunMs, heard.lateMs,
       {heard.IsWhole() ? Verdict::Pass : Verdict::Fail,
        std::to_string(stats.packets) + " packets, lost " + std::to_string(stats.Lost()) +
-           ", late " + std::to_string(stats.late) + ", duplicates " +
+           ", out of order " + std::to_string(stats.outOfOrder) + ", duplicates " +
            std::to_string(stats.duplicates),
        {Packets("packets", stats.packets), Packets("lost", stats.Lost()),
-        Packets("late", stats.late), Packets("duplicates", stats.duplicates)}});
+        Packets("out of order", stats.outOfOrder), Packets("duplicates", stats.duplicates)}});
 }
 
 // Where the machine stands still, this program's packets come late and in a bunch, or the unit's

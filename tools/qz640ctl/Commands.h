@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Alerts.h"
 #include "Output.h"
 #include "Session.h"
 #include "wire/LossyLink.h"
@@ -34,6 +35,8 @@ struct RecordOptions {
 struct WatchOptions {
   std::vector<std::string> units;  // empty: all that answer
   std::optional<double> seconds;   // none: until Ctrl-C
+  AlertOptions alerts;
+  std::optional<uint16_t> metricsPort;  // 0: any free one
 };
 
 struct CheckOptions {

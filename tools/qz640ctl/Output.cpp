@@ -7,8 +7,13 @@
 #include <cstdlib>
 #include <locale>
 #include <sstream>
+#include <string_view>
+#include <system_error>
 
+#include "Columns.h"
+#include "ExitStatus.h"
 #include "Printable.h"
+#include "platform/errors.h"
 #include "platform/startup.h"
 #include "platform/terminal.h"
 
@@ -16,17 +21,9 @@ namespace ctl {
 
 namespace {
 
-// Columns of a UTF-8 text, counting a code point as one and a colour as none.
-size_t Columns(const std::string& text) {
-  size_t columns = 0;
-  bool inColour = false;
-  for (const char c : text) {
-    if (c == '\033') inColour = true;
-    if (!inColour && (static_cast<unsigned char>(c) & 0xC0) != 0x80) ++columns;
-    if (c == 'm') inColour = false;
-  }
-  return columns;
-}
+// The width to fit into where the terminal doesn't say.
+constexpr size_t kUsualColumns = 80;
+constexpr size_t kMostHeldNotes = 1000;
 
 void WriteError(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stderr);
@@ -53,7 +50,8 @@ std::string Fields::ToText() const {
 Output::Output(const OutputOptions& options) : json_(options.json), quiet_(options.quiet) {
   const bool outTerminal = platform::IsTerminal(platform::Stream::Output);
   const char* noColour = std::getenv("NO_COLOR");
-  live_ = outTerminal && !json_;
+  const char* term = std::getenv("TERM");
+  live_ = outTerminal && !json_ && !(term && std::string_view(term) == "dumb");
   colour_ = live_ && !options.noColour && !(noColour && *noColour);
   errTerminal_ = platform::IsTerminal(platform::Stream::Error);
 }
@@ -61,19 +59,34 @@ Output::Output(const OutputOptions& options) : json_(options.json), quiet_(optio
 void Output::Line(const std::string& text) {
   if (json_) return;
   EndProgress();
-  platform::WriteOutput(text + "\n");
+  Write(text + "\n");
 }
 
 void Output::Object(const Fields& object) {
   if (!json_) return;
-  platform::WriteOutput(object.ToText() + "\n");
+  Write(object.ToText() + "\n");
 }
 
+void Output::Write(const std::string& bytes) {
+  if (broken_) return;
+  const uint32_t error = platform::WriteOutput(bytes);
+  if (error == 0) return;
+  broken_ = true;
+  if (error == platform::kPipeClosed) throw OutputClosed();
+  throw Failure{kRefused, "can't write to standard output: " +
+                              std::system_category().message(static_cast<int>(error))};
+}
+
+// Short of the last column, where some terminals wrap at once. What the line before showed beyond
+// the new one's end is erased with blanks, if the terminal is still as wide.
 void Output::Progress(const std::string& text) {
   if (!errTerminal_ || json_ || quiet_) return;
-  const size_t width = Columns(text);
-  std::string line = "\r" + text;
-  if (width < progressWidth_) line.append(progressWidth_ - width, ' ');
+  const auto size = platform::SizeOf(platform::Stream::Error);
+  const size_t most = (size ? size->columns : kUsualColumns) - 1;
+  std::string line = "\r" + CutToColumns(text, most);
+  const size_t width = std::min(Columns(text), most);
+  const size_t before = std::min(progressWidth_, most);
+  if (width < before) line.append(before - width, ' ');
   progressWidth_ = width;
   WriteError(line);
 }
@@ -89,13 +102,40 @@ void Output::Note(const std::string& text) {
 }
 
 void Output::WriteNote(const std::string& text) {
+  if (holdsNotes_) {
+    held_.push_back(Printable(text));
+    if (held_.size() > kMostHeldNotes) held_.erase(held_.begin());
+    return;
+  }
   EndProgress();
   WriteError("qz640ctl: " + Printable(text) + "\n");
 }
 
+void Output::HoldNotes() {
+  holdsNotes_ = true;
+}
+
+void Output::ShowHeldNotes() {
+  holdsNotes_ = false;
+  for (const std::string& text : held_)
+    WriteError("qz640ctl: " + text + "\n");
+  held_.clear();
+}
+
+const std::string& Output::HeldNote() const {
+  static const std::string none;
+  return held_.empty() ? none : held_.back();
+}
+
 void Output::Error(const std::string& text) {
   WriteNote(text);
-  Object(Fields().Add("error", text));
+  try {
+    Object(Fields().Add("error", text));
+  } catch (const OutputClosed&) {
+    // Said above already.
+  } catch (const Failure& failure) {
+    WriteNote(failure.text);
+  }
 }
 
 std::string Output::Paint(Colour colour, const std::string& text) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <concepts>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,11 @@ class Fields {
     return *this;
   }
   Fields& Add(const char* key, double number);  // six significant digits
+  Fields& Add(const char* key, std::optional<double> number) {
+    if (number) return Add(key, *number);
+    object_[key] = nullptr;
+    return *this;
+  }
   Fields& Add(const char* key, std::integral auto number) {
     object_[key] = number;
     return *this;
@@ -43,9 +49,16 @@ struct OutputOptions {
   bool noColour = false;  // as with NO_COLOR in the environment
 };
 
+// Nobody reads standard output any more ("| head -1"): the command ends without a word, and gives
+// back what it borrowed. Thrown by whatever writes there.
+struct OutputClosed {};
+
+// Line, Object and Write throw where standard output takes no more: OutputClosed, or Failure with
+// the reason (a full disk). From then on nothing is written there.
 class Output {
  public:
-  // Colour and carriage returns only where the stream is a terminal.
+  // Colour and carriage returns only where the stream is a terminal; one that calls itself dumb
+  // (TERM) gets neither.
   explicit Output(const OutputOptions& options);
 
   bool Json() const { return json_; }
@@ -59,8 +72,18 @@ class Output {
   // A line for programs; nothing without --json.
   void Object(const Fields& object);
 
-  // A line on standard error that the next one overwrites on a terminal. Elsewhere nothing: a log
-  // file has no use for it.
+  // Bytes as they are.
+  void Write(const std::string& bytes);
+
+  // While a live view draws on the terminal, notes wait here for its end.
+  void HoldNotes();
+  void ShowHeldNotes();
+
+  // The latest of them; empty if there is none.
+  const std::string& HeldNote() const;
+
+  // A line on standard error that the next one overwrites on a terminal, cut to its width.
+  // Elsewhere nothing: a log file has no use for it.
   void Progress(const std::string& text);
 
   // Ends the line that Progress draws on.
@@ -83,7 +106,10 @@ class Output {
   bool live_;
   bool colour_;
   bool errTerminal_;
+  bool broken_ = false;  // standard output takes no more
   size_t progressWidth_ = 0;
+  bool holdsNotes_ = false;
+  std::vector<std::string> held_;
 };
 
 // Columns padded to the widest cell. Painted cells are as wide as they look.

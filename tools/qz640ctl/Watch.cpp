@@ -5,62 +5,29 @@
 
 #include "Commands.h"
 #include "Listeners.h"
+#include "LiveView.h"
 #include "Loan.h"
+#include "Metrics.h"
 #include "Printable.h"
-#include "StreamFields.h"
+#include "Watched.h"
 #include "platform/startup.h"
+#include "platform/terminal.h"
 
 namespace ctl {
 
 using std::chrono::milliseconds;
 using wire::Clock;
-using wire::StreamPacket;
-using wire::StreamStats;
 using wire::Unit;
-using Packets = std::deque<StreamPacket>;
+using Packets = std::deque<wire::StreamPacket>;
 
 namespace {
 
 constexpr auto kPoll = milliseconds(50);
 constexpr auto kRefresh = milliseconds(200);
-constexpr size_t kMeterWidth = 20;
+constexpr auto kJudge = milliseconds(900);  // about each second, however the loop's turns fall
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// One row of the live view.
-struct Watched {
-  Unit unit;
-  uint32_t input = 0;
-  std::string passedOnTo;  // where the input goes at other times; empty: nowhere
-  StreamStats stats;
-  double rate = 0;  // packets a second since then
-};
-
-std::vector<std::string> ToRow(Watched& row, Output& out) {
-  const double left = row.stats.TakePeak(0);
-  const double right = row.stats.TakePeak(1);
-  const uint64_t lost = row.stats.Lost();
-  return {PrintableCell(row.unit.id),
-          std::to_string(row.input),
-          FormatMeter(left, kMeterWidth) + " " + FormatMeter(right, kMeterWidth),
-          FormatNumber(row.rate, 1),
-          FormatNumber(row.stats.JitterMs(), 2),
-          lost == 0 ? "0" : out.Paint(Colour::Red, std::to_string(lost)),
-          std::to_string(row.stats.late)};
-}
-
-Fields ToFields(Watched& row) {
-  Fields fields;
-  fields.Add("unit_id", row.unit.id)
-      .Add("input", row.input)
-      .Add("passed_on_to", row.passedOnTo)
-      .Add("peak_left_db", ToDecibel(row.stats.TakePeak(0)))
-      .Add("peak_right_db", ToDecibel(row.stats.TakePeak(1)))
-      .Add("rate", row.rate);
-  AddStats(fields, row.stats);
-  return fields;
 }
 
 class Watching {
@@ -70,21 +37,62 @@ class Watching {
   int Run(const WatchOptions& options);
 
  private:
+  void Prepare(const WatchOptions& options);
+  void OpenAll(const WatchOptions& options);
   void Open(const Unit& unit);
+  void Watch(const WatchOptions& options, LiveView* view);
   void Take();
-  void Draw();
+  void Refresh();
+  void TakeFigures();
+  void Print(const std::vector<Figures>& rows);
 
   Session& session_;
   Output& out_;
+  std::unique_ptr<Alerts> alerts_;
+  std::unique_ptr<MetricsServer> metrics_;
   Listeners listeners_;  // one a row
   std::vector<Watched> rows_;
+  std::vector<Figures> latest_;                    // one a row, as shown last
   std::vector<wire::Endpoint> opened_;             // control addresses
   std::vector<std::unique_ptr<InputLoan>> loans_;  // given back before the listeners go
   std::vector<std::string> inUse_;
-  size_t drawn_ = 0;  // lines of the previous drawing, to be drawn over
 };
 
+// What goes wrong on the way out of the view shows on the terminal as it was before.
 int Watching::Run(const WatchOptions& options) {
+  Prepare(options);
+  OpenAll(options);
+  const std::string inUse = InUseLine(session_.Common().inUse, inUse_);
+  session_.Note(inUse);
+
+  // Ctrl-C is the ordinary end.
+  const wire::Loop::Shield shield(session_.Loop());
+  if (out_.Live()) {
+    {
+      LiveView view(out_, Printable(inUse));
+      Watch(options, &view);
+    }
+    Print(latest_);  // what stood there stays to be read
+  } else {
+    Watch(options, nullptr);
+  }
+  for (const auto& loan : loans_)
+    loan->Return();
+  NoteNotPassedOn(session_, listeners_);
+  alerts_->Finish();
+  return kDone;
+}
+
+// What can be refused is refused before any input is touched.
+void Watching::Prepare(const WatchOptions& options) {
+  alerts_ = std::make_unique<Alerts>(session_, out_, options.alerts);
+  if (!options.metricsPort) return;
+  metrics_ = std::make_unique<MetricsServer>(*options.metricsPort,
+                                             [this] { return MetricsText(latest_); });
+  session_.Note("metrics at http://127.0.0.1:" + std::to_string(metrics_->Port()) + "/metrics");
+}
+
+void Watching::OpenAll(const WatchOptions& options) {
   if (options.units.empty()) {
     for (const Unit& unit : session_.Find(session_.DiscoverAt(), session_.Timeout()))
       Open(unit);
@@ -100,41 +108,65 @@ int Watching::Run(const WatchOptions& options) {
         kNoAnswer,
         "no unit with an input answered; is one running, with \"AddrStr\" set? (qz640ctl doctor)"};
   }
+}
 
-  session_.Note(InUseLine(session_.Common().inUse, inUse_));
-
-  // Ctrl-C is the ordinary end.
-  const wire::Loop::Shield shield(session_.Loop());
+// Until Ctrl-C, the end of the time, or the user's wish.
+void Watching::Watch(const WatchOptions& options, LiveView* view) {
   const auto start = Clock::now();
-  auto lastDraw = start;
+  auto lastShown = start;
   auto lastRefresh = start;
-  const double period = out_.Live() ? 0.2 : 1.0;
+  auto lastJudged = start;
+  const double period = view ? 0.2 : 1.0;
   while (!platform::WaitForStop(0)) {
     session_.Loop().RunFor(kPoll);
     Take();
     if (Clock::now() - lastRefresh >= kRefresh) {
-      for (const auto& loan : loans_)
-        loan->Refresh();
+      Refresh();
       lastRefresh = Clock::now();
     }
-    if (SecondsSince(lastDraw) >= period) {
-      Draw();
-      lastDraw = Clock::now();
+    const LiveView::Wish wish = view ? view->TakeKeys() : LiveView::Wish::None;
+    if (wish == LiveView::Wish::Quit) return;
+    if (wish == LiveView::Wish::Reset) {
+      for (Watched& row : rows_)
+        row.Reset();
     }
-    if (options.seconds && SecondsSince(start) >= *options.seconds) break;
+    if (SecondsSince(lastShown) >= period) {
+      TakeFigures();
+      lastShown = Clock::now();
+      if (lastShown - lastJudged >= kJudge) {
+        alerts_->Judge(latest_);
+        lastJudged = lastShown;
+      }
+      view ? view->Show(latest_) : Print(latest_);
+    }
+    if (metrics_) metrics_->Poll();
+    if (options.seconds && SecondsSince(start) >= *options.seconds) return;
   }
+}
+
+void Watching::Refresh() {
   for (const auto& loan : loans_)
-    loan->Return();
-  NoteNotPassedOn(session_, listeners_);
-  return kDone;
+    loan->Refresh();
+}
+
+void Watching::TakeFigures() {
+  latest_.clear();
+  for (Watched& row : rows_)
+    latest_.push_back(row.Take());
+}
+
+void Watching::Print(const std::vector<Figures>& rows) {
+  for (const Figures& row : rows)
+    out_.Object(ToFields(row));
+  const auto size = out_.Live() ? platform::SizeOf(platform::Stream::Output) : std::nullopt;
+  for (const std::string& line : LevelTable(rows, size ? size->columns : 0, out_))
+    out_.Line(line);
 }
 
 void Watching::Take() {
   const std::vector<Packets> packets = listeners_.Take();
-  for (size_t i = 0; i < packets.size(); ++i) {
-    for (const StreamPacket& packet : packets[i])
-      rows_[i].stats.Add(packet);
-  }
+  for (size_t i = 0; i < packets.size(); ++i)
+    rows_[i].Add(packets[i]);
 }
 
 void Watching::Open(const Unit& unit) {
@@ -153,7 +185,7 @@ void Watching::Open(const Unit& unit) {
       continue;
     }
     const size_t number = listeners_.Open(session_.LocalFor(unit));
-    rows_.push_back({unit, input, {}, {}, 0});
+    rows_.emplace_back(unit, input);
     wanted.push_back(ToBorrow(session_, listeners_, number, input));
   }
   if (wanted.empty()) return;
@@ -162,27 +194,8 @@ void Watching::Open(const Unit& unit) {
     const wire::Destination& former = loans_.back()->Former(i);
     if (!former) continue;
     inUse_.push_back(InUseText(unit, wanted[i].number, former));
-    if (inUse == InUse::PassOn) rows_[first + i].passedOnTo = former->ToText();
+    if (inUse == InUse::PassOn) rows_[first + i].PassedOnTo(former->ToText());
   }
-}
-
-void Watching::Draw() {
-  std::vector<std::vector<std::string>> table{{"UNIT", "IN",
-                                               "LEFT" + std::string(kMeterWidth - 3, ' ') + "RIGHT",
-                                               "PACKETS/S", "JITTER ms", "LOST", "LATE"}};
-  for (Watched& row : rows_) {
-    row.rate = row.stats.TakeRate();
-    if (out_.Json()) {
-      out_.Object(ToFields(row));
-    } else {
-      table.push_back(ToRow(row, out_));
-    }
-  }
-  // Up over the previous drawing (ECMA-48 cursor up, erase below).
-  const std::string up =
-      out_.Live() && drawn_ > 0 ? "\033[" + std::to_string(drawn_) + "A\033[J" : std::string();
-  out_.Line(up + FormatTable(table));
-  drawn_ = table.size();
 }
 
 }  // namespace

@@ -53,6 +53,20 @@ class CommandLine {
   int Run(const Arguments& given) {
     Output usage({.json = WantsJson(given)});
     try {
+      return ParseAndRun(given, usage);
+    } catch (const OutputClosed&) {
+      return kDone;
+    } catch (const Failure& failure) {
+      usage.Error(failure.text);
+      return failure.status;
+    }
+  }
+
+ private:
+  using Action = std::function<int(Session&, Output&)>;
+
+  int ParseAndRun(const Arguments& given, Output& usage) {
+    try {
       Arguments arguments = given;
       const CLI::App* command = SelectCommand(app_, arguments);
       if (command && command->get_name() == "help") {
@@ -61,11 +75,8 @@ class CommandLine {
       }
       std::reverse(arguments.begin(), arguments.end());  // as CLI11 takes them
       app_.parse(std::move(arguments));
-    } catch (const Failure& failure) {
-      usage.Error(failure.text);
-      return failure.status;
     } catch (const CLI::CallForHelp&) {
-      platform::WriteOutput(app_.help());
+      usage.Write(app_.help());
       return kDone;
     } catch (const CLI::CallForVersion&) {
       usage.Object(Fields().Add("version", QZ_VERSION));
@@ -81,6 +92,9 @@ class CommandLine {
     try {
       if (restores_.count(app_.get_subcommands().front()) > 0) RestoreInPassing(session);
       return run_(session, out);
+    } catch (const OutputClosed&) {
+      // What judges hasn't come to its end: no status 0 for a unit that nobody judged.
+      return judges_.count(app_.get_subcommands().front()) > 0 ? kRefused : kDone;
     } catch (const Failure& failure) {
       out.Error(failure.text);
       return failure.status;
@@ -90,9 +104,6 @@ class CommandLine {
       return failure.status;
     }
   }
-
- private:
-  using Action = std::function<int(Session&, Output&)>;
 
   CLI::App* Add(const char* name, const char* what, const char* example, Action action) {
     CLI::App* command = app_.add_subcommand(name, what);
@@ -169,6 +180,7 @@ class CommandLine {
             "qz640ctl expect studio-a input 0 --tone 1000 --level -6+-0.5 --within 5s\n"
             "  qz640ctl expect studio-a found destination 0=127.0.0.1:9000",
             [this](Session& session, Output& out) { return RunExpect(session, expect_, out); }));
+    judges_.insert(expect);
     expect->add_option("UNIT", expect_.unit, "Unit id or address:port")->required();
     expect
         ->add_option("CONDITION", expect_.words,
@@ -200,6 +212,7 @@ class CommandLine {
             "  qz640ctl check --all --repeat 3 --junit check.xml --html check.html\n"
             "  qz640ctl check studio-a discovery tuners",
             [this](Session& session, Output& out) { return RunCheck(session, check_, out); }));
+    judges_.insert(check);
     check->add_option("UNIT", check_.unit, "Unit id or address:port; with --all none");
     check->add_option("PART", check_.parts, "What to check, as said below (default: all)");
     check->add_flag("--all", check_.all, "Check every unit that answers, one after the other");
@@ -302,6 +315,20 @@ class CommandLine {
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
         ->check(Seconds());
+    watch
+        ->add_option(
+            "--alert", watch_.alerts.rules,
+            "Raise the alarm, repeatable: \"silence 10s\", \"clip\", \"lost 1\", \"late 5\" "
+            "(packets since the alarm before), \"drift 50ppm\", \"jitter 5ms\"")
+        ->allow_extra_args(false);
+    watch->add_option("--log", watch_.alerts.log, "Append each alarm to this file, as JSON lines");
+    watch->add_option("--exec", watch_.alerts.command,
+                      "Run this for each alarm, by the shell and without its output; it finds "
+                      "QZ640_ALERT, QZ640_ALERT_STATE (begins, ends, happens), QZ640_ALERT_UNIT, "
+                      "QZ640_ALERT_INPUT and QZ640_ALERT_TEXT in its environment");
+    watch->add_option("--metrics", watch_.metricsPort,
+                      "Serve the figures for Prometheus at http://127.0.0.1:PORT/metrics; 0 takes "
+                      "a free port");
     AddLocal(watch);
     AddInUse(watch);
   }
@@ -366,6 +393,7 @@ class CommandLine {
             "and gives them back; changes nothing else",
             "qz640ctl soak studio-a --seconds 600",
             [this](Session& session, Output& out) { return RunSoak(session, soak_, out); }));
+    judges_.insert(soak);
     soak->add_option("UNIT", soak_.units, "Unit ids or addresses (default: all that answer)");
     soak->add_option("--seconds", soak_.seconds, "Length")
         ->check(Between(4.0, 1e7))
@@ -413,7 +441,7 @@ class CommandLine {
     if (generated_ == "zsh") text = ZshCompletion(app_);
     if (generated_ == "fish") text = FishCompletion(app_);
     if (generated_ == "powershell") text = PowerShellCompletion(app_);
-    platform::WriteOutput(text);
+    out.Write(text);
     return kDone;
   }
 
@@ -434,6 +462,7 @@ class CommandLine {
   CheckOptions check_;
   bool forget_ = false;
   std::set<const CLI::App*> restores_;
+  std::set<const CLI::App*> judges_;  // their status is a verdict
   std::vector<std::string> changes_;
   uint32_t freq_ = 0;
   RecordOptions record_;

@@ -35,11 +35,15 @@ std::optional<int64_t> StreamStats::Add(const StreamPacket& packet) {
   }
   lastArrival_ = packet.time;
   MeasureLevel(packet);
-  if (packets == 1) return 0;
-
+  if (packets == 1) {
+    timing_.Add(header, packet.time);
+    return 0;
+  }
   const int64_t before = highestPlace_;
+  const uint64_t known = duplicates;
   const int64_t place = PlaceOf(header.sequence);
   if (highestPlace_ > before) MeasureJitter(header, packet.time);
+  if (duplicates == known) timing_.Add(header, packet.time);
   return place;
 }
 
@@ -55,11 +59,11 @@ int64_t StreamStats::PlaceOf(uint16_t sequence) {
   } else {
     const int64_t place = highestPlace_ + step;
     if (place < 0) {
-      ++late;  // from before the first: nobody expected it
+      ++outOfOrder;  // from before the first: nobody expected it
     } else if (seen_.test(static_cast<size_t>(place) % kWindow)) {
       ++duplicates;
     } else {
-      ++late;
+      ++outOfOrder;
       ++distinct_;
       seen_.set(static_cast<size_t>(place) % kWindow);
     }
@@ -100,13 +104,21 @@ double StreamStats::TakePeak(int channel) {
 }
 
 void StreamStats::MeasureLevel(const StreamPacket& packet) {
+  const Frames frames = packet.Audio();
+  const uint64_t before[2] = {clipped[0], clipped[1]};
   int32_t most[2] = {0, 0};
-  for (const Frame& frame : packet.Audio()) {
-    most[0] = std::max(most[0], std::abs(frame.left));
-    most[1] = std::max(most[1], std::abs(frame.right));
+  for (const Frame& frame : frames) {
+    const int32_t size[2] = {std::abs(frame.left), std::abs(frame.right)};
+    for (int channel = 0; channel < 2; ++channel) {
+      most[channel] = std::max(most[channel], size[channel]);
+      uint32_t& run = fullScaleRun_[channel];
+      run = size[channel] >= kFullScale ? run + 1 : 0;
+      if (run >= kClipRun) clipped[channel] = before[channel] + 1;
+    }
   }
   for (int channel = 0; channel < 2; ++channel)
     peak_[channel] = std::max(peak_[channel], static_cast<double>(most[channel]) / kFullScale);
+  patternRun_ = MarkOf(frames) ? patternRun_ + 1 : 0;
 }
 
 void StreamStats::MeasureJitter(const StreamHeader& header, Clock::time_point arrival) {

@@ -1,5 +1,5 @@
-// What a receiver can say about a stream from the packets that came: rate, loss, order, jitter,
-// level. Plain arithmetic.
+// What a receiver can say about a stream from the packets that came: rate, loss, order, timing,
+// level, test pattern. Plain arithmetic.
 #pragma once
 
 #include <bitset>
@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "wire/Audio.h"
+#include "wire/StreamTiming.h"
 
 namespace wire {
 
@@ -17,11 +18,15 @@ class StreamStats {
   // foreign one.
   std::optional<int64_t> Add(const StreamPacket& packet);
 
-  uint64_t packets = 0;     // audio packets that came
-  uint64_t late = 0;        // reordered: came after a packet with a higher number
-  uint64_t duplicates = 0;  // had come before
-  uint64_t foreign = 0;     // not audio, or shorter than a header
-  uint64_t jumps = 0;       // the number went on elsewhere: the sender started anew
+  uint64_t packets = 0;          // audio packets that came
+  uint64_t outOfOrder = 0;       // came after a packet with a higher number
+  uint64_t duplicates = 0;       // had come before
+  uint64_t foreign = 0;          // not audio, or shorter than a header
+  uint64_t jumps = 0;            // the number went on elsewhere: the sender started anew
+  uint64_t clipped[2] = {0, 0};  // packets in which the channel clipped
+
+  // So many samples in a row at full scale are taken for clipping: one alone may be a true peak.
+  static constexpr uint32_t kClipRun = 3;
 
   // Numbers between the first and the highest that never came.
   uint64_t Lost() const { return expected_ - distinct_; }
@@ -39,6 +44,12 @@ class StreamStats {
   // How much later than its timestamp says a packet came after the one before it, at worst, in
   // milliseconds: how long sender or receiver stood still.
   double WorstGapMs() const { return worstGapMs_; }
+
+  // What came too late to be of use, the sender's drift, the spread of the delays.
+  const StreamTiming& Timing() const { return timing_; }
+
+  // The latest packets, ten at least, all had the pattern that units look for.
+  bool HasPattern() const { return patternRun_ >= 10; }
 
   // Largest magnitude of the channel since the latest TakePeak, 1.0 being full scale.
   double TakePeak(int channel);
@@ -66,6 +77,9 @@ class StreamStats {
   double jitterMs_ = 0;
   double worstGapMs_ = 0;
   double peak_[2] = {0, 0};
+  uint32_t fullScaleRun_[2] = {0, 0};  // samples at full scale up to now
+  uint64_t patternRun_ = 0;            // packets up to now
+  StreamTiming timing_;
 };
 
 }  // namespace wire

@@ -115,9 +115,14 @@ uint32_t Child::Start(const ChildOptions& options) {
   if (options.outputToError) {
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
   }
-  ResetSignals(attributes, options.piped);
+  if (options.silent) {
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+      posix_spawn_file_actions_addopen(&actions, descriptor, "/dev/null", O_RDWR, 0);
+  }
+  ResetSignals(attributes, options.piped || options.silent);
 
   std::vector<std::string> command = options.command;
+  if (!options.shellLine.empty()) command = {"/bin/sh", "-c", options.shellLine};
   std::vector<std::string> environment = Environment(options);
   const int error = posix_spawnp(&impl_->pid, command.front().c_str(), &actions, &attributes,
                                  Pointers(command).data(), Pointers(environment).data());

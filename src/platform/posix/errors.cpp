@@ -14,6 +14,7 @@ const uint32_t kInvalidHandle = EBADF;
 const uint32_t kSocketClosed = EBADF;
 const uint32_t kInvalidArgument = EINVAL;
 const uint32_t kNotSupported = ENOSYS;
+const uint32_t kPipeClosed = EPIPE;
 
 const uint32_t kAddrInUse = EADDRINUSE;
 const uint32_t kMsgSize = EMSGSIZE;

@@ -166,7 +166,7 @@ bool WaitForStop(uint32_t milliseconds) {
   return stopAsked;
 }
 
-void WriteOutput(std::string_view bytes) {
+uint32_t WriteOutput(std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
@@ -175,9 +175,10 @@ void WriteOutput(std::string_view bytes) {
       poll(&wait, 1, -1);
       continue;
     }
-    if (written <= 0) return;
+    if (written <= 0) return static_cast<uint32_t>(written < 0 ? errno : EIO);
     bytes.remove_prefix(static_cast<size_t>(written));
   }
+  return 0;
 }
 
 void ReturnFreeMemory() {

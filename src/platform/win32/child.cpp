@@ -106,17 +106,30 @@ uint32_t Child::Start(const ChildOptions& options) {
     startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     startup.hStdOutput = startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   }
+  if (options.silent) {
+    SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    childInput =
+        CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    &inherited, OPEN_EXISTING, 0, nullptr);
+    if (childInput == INVALID_HANDLE_VALUE) return GetLastError();
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = startup.hStdOutput = startup.hStdError = childInput;
+  }
   std::wstring command;
+  // With /s the shell takes the outer quotes off and leaves all that stands between them.
+  if (!options.shellLine.empty()) {
+    command = L"cmd.exe /d /s /c \"" + Utf8ToWideLossy(options.shellLine) + L"\"";
+  }
   for (const std::string& argument : options.command) {
     command += (command.empty() ? L"" : L" ") + Quoted(argument);
   }
   std::wstring environment = Environment(options);
   PROCESS_INFORMATION started{};
-  const DWORD flags =
-      CREATE_UNICODE_ENVIRONMENT | (options.piped ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0);
-  const BOOL ok = CreateProcessW(nullptr, command.data(), nullptr, nullptr,
-                                 options.piped || options.outputToError, flags, environment.data(),
-                                 nullptr, &startup, &started);
+  const bool apart = options.piped || options.silent;
+  const DWORD flags = CREATE_UNICODE_ENVIRONMENT | (apart ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0);
+  const BOOL ok =
+      CreateProcessW(nullptr, command.data(), nullptr, nullptr, apart || options.outputToError,
+                     flags, environment.data(), nullptr, &startup, &started);
   const DWORD error = ok ? 0 : GetLastError();
   CloseIfOpen(childInput);
   CloseIfOpen(childOutput);

@@ -14,6 +14,7 @@ const uint32_t kInvalidHandle = ERROR_INVALID_HANDLE;
 const uint32_t kSocketClosed = WSAENOTSOCK;
 const uint32_t kInvalidArgument = ERROR_INVALID_PARAMETER;
 const uint32_t kNotSupported = ERROR_NOT_SUPPORTED;
+const uint32_t kPipeClosed = ERROR_NO_DATA;
 
 const uint32_t kAddrInUse = WSAEADDRINUSE;
 const uint32_t kMsgSize = WSAEMSGSIZE;

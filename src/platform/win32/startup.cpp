@@ -95,7 +95,8 @@ bool WaitForStop(uint32_t milliseconds) {
 
 // Not through the C library's stream: its lock, held by a thread that stays in its write, would
 // hold up the end of the process. Line feeds become what text files have here, as in that stream.
-void WriteOutput(std::string_view bytes) {
+// The system has two numbers for a pipe that nobody reads.
+uint32_t WriteOutput(std::string_view bytes) {
   const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
   char text[4096];
   while (!bytes.empty()) {
@@ -106,9 +107,12 @@ void WriteOutput(std::string_view bytes) {
       bytes.remove_prefix(1);
     }
     for (DWORD done = 0, count = 0; done < size; done += count) {
-      if (!WriteFile(output, text + done, size - done, &count, nullptr) || count == 0) return;
+      if (WriteFile(output, text + done, size - done, &count, nullptr) && count > 0) continue;
+      const DWORD error = GetLastError();
+      return error == ERROR_BROKEN_PIPE || error == 0 ? DWORD{ERROR_NO_DATA} : error;
     }
   }
+  return 0;
 }
 
 void ReturnFreeMemory() {
