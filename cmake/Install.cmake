@@ -40,6 +40,29 @@ if(TARGET qz640ctl)
   install(TARGETS qz640ctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
+# What the commands say of themselves. A program of another system can't be asked here, and one with
+# a sanitizer isn't installed.
+if(TARGET qz640ctl AND NOT CMAKE_CROSSCOMPILING AND NOT QZ_SANITIZE)
+  set(generated)
+  # qz_generate(KIND FILE FOLDER): what "qz640ctl generate KIND" prints, as FILE.
+  function(qz_generate kind file folder)
+    set(path ${CMAKE_BINARY_DIR}/generated/${file})
+    add_custom_command(OUTPUT ${path}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/generated
+      COMMAND qz640ctl generate ${kind} > ${path}
+      DEPENDS qz640ctl VERBATIM)
+    install(FILES ${path} DESTINATION ${folder})
+    set(generated ${generated} ${path} PARENT_SCOPE)
+  endfunction()
+  qz_generate(man qz640ctl.1 ${CMAKE_INSTALL_MANDIR}/man1)
+  qz_generate(settings-man qz640emu.json.5 ${CMAKE_INSTALL_MANDIR}/man5)
+  qz_generate(bash qz640ctl ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  qz_generate(zsh _qz640ctl ${QZ_ZSHDIR})
+  qz_generate(fish qz640ctl.fish ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  qz_generate(powershell qz640ctl.ps1 ${CMAKE_INSTALL_DATADIR}/qz640emu)
+  add_custom_target(generated ALL DEPENDS ${generated})
+endif()
+
 # The services: one emulator, or one for each settings file.
 if(CMAKE_SYSTEM_NAME STREQUAL Linux AND TARGET qz640ctl)
   foreach(service "qz640emu=qz640emu" "qz640emu@=%i")
