@@ -55,6 +55,7 @@ struct CheckRound {
   std::vector<CheckLine> lines;
   std::vector<StreamTrace> traces;
   double seconds = 0;
+  bool done = false;  // went through to its end
 
   Verdict Worst() const;
 };
@@ -64,6 +65,10 @@ struct CheckedUnit {
   std::string heardAt;  // the address that its streams came to; empty: none did
   bool shared = false;  // it runs on the machine that judges it
   std::vector<CheckRound> rounds;
+
+  bool IsDone(unsigned wanted) const {
+    return rounds.size() == wanted && (rounds.empty() || rounds.back().done);
+  }
 };
 
 // A figure of one check over all rounds.

@@ -166,10 +166,12 @@ std::string Seal(const Certificate& certificate) {
                      "\" viewBox=\"0 0 200 200\" role=\"img\" aria-label=\"" + word +
                      "\"><path d=\"" + Rosette() + "\"/><circle cx=\"100\" cy=\"100\" r=\"76\"/>" +
                      "<circle cx=\"100\" cy=\"100\" r=\"72\" stroke-width=\".5\"/>" +
-                     "<text x=\"100\" y=\"104\" font-size=\"" + (word.size() > 6 ? "19" : "26") +
+                     "<text x=\"100\" y=\"104\" font-size=\"" + (word.size() > 6 ? "17" : "26") +
                      "\" letter-spacing=\"1.5\">" + word + "</text>" +
-                     "<text x=\"100\" y=\"124\" font-size=\"11\">" + std::to_string(good) + " of " +
-                     Counted(counts.All(), "check", "checks") + "</text>";
+                     "<text x=\"100\" y=\"124\" font-size=\"11\">" + std::to_string(good) +
+                     (certificate.ended.empty() ? " of " + Counted(counts.All(), "check", "checks")
+                                                : std::string(" checks passed")) +
+                     "</text>";
   if (counts.Of(Verdict::Warn) > 0) {
     text += "<text x=\"100\" y=\"139\" font-size=\"11\">" +
             Counted(counts.Of(Verdict::Warn), "warning", "warnings") + "</text>";
@@ -420,11 +422,19 @@ Verdict WorstOf(const CheckedUnit& checked) {
   return worst;
 }
 
-std::string UnitSection(const CheckedUnit& checked, size_t number) {
+// What hasn't failed before the end came hasn't passed either.
+std::string ResultOf(const Certificate& certificate, const CheckedUnit& checked) {
+  const Verdict worst = WorstOf(checked);
+  if (checked.IsDone(certificate.rounds) || worst == Verdict::Fail) return Marked(worst);
+  return "<span class=\"warn\">\u2013 unfinished</span>";
+}
+
+std::string UnitSection(const Certificate& certificate, size_t number) {
+  const CheckedUnit& checked = certificate.units[number];
   const wire::Unit& unit = checked.unit;
   std::string text =
       "<section id=\"unit-" + std::to_string(number) + "\">\n<div class=\"head\"><h2>" +
-      Html(unit.id) + "</h2><span class=\"result\">" + Marked(WorstOf(checked)) +
+      Html(unit.id) + "</h2><span class=\"result\">" + ResultOf(certificate, checked) +
       "</span></div>\n<dl>\n" + Fact("Model", Html(unit.type)) +
       Fact("Control", unit.control.ToText()) + Fact("RTP port", std::to_string(unit.rtpPort)) +
       Fact("Inputs, outputs", std::to_string(unit.inputs) + ", " + std::to_string(unit.outputs)) +
@@ -448,7 +458,7 @@ std::string Overview(const Certificate& certificate) {
     CheckCounts counts;
     for (const CheckRound& round : checked.rounds)
       counts.Add(round);
-    text += "<tr><td>" + Marked(WorstOf(checked)) + "</td><td><a href=\"#unit-" +
+    text += "<tr><td>" + ResultOf(certificate, checked) + "</td><td><a href=\"#unit-" +
             std::to_string(i) + "\">" + Html(checked.unit.id) + "</a></td><td class=\"few\">" +
             Html(checked.unit.type) + "</td><td>" + checked.unit.control.ToText() +
             "</td><td class=\"few\">" + counts.ToText() + "</td></tr>\n";
@@ -478,10 +488,11 @@ std::string ToPage(const Certificate& certificate) {
   text += "<dl>\n" + Fact("Begun", certificate.begun) +
           Fact("Took", FormatNumber(certificate.seconds, 0) + " s") +
           Fact("Rounds", std::to_string(certificate.rounds)) +
+          Fact("Measured by", "qz640ctl " QZ_VERSION) +
           Fact("The same again", "<code>" + Html(certificate.command) + "</code>", true) +
           "</dl>\n" + Overview(certificate);
   for (size_t i = 0; i < certificate.units.size(); ++i)
-    text += UnitSection(certificate.units[i], i);
+    text += UnitSection(certificate, i);
   return text +
          "<footer>Each input was heard for two seconds. Jitter is the interarrival jitter of RFC "
          "3550, section 6.4.1: up to 2 ms passes, more than 20 ms fails. A packet is late by how "

@@ -217,7 +217,7 @@ class CommandLine {
     check->add_option("PART", check_.parts, "What to check, as said below (default: all)");
     check->add_flag("--all", check_.all, "Check every unit that answers, one after the other");
     check->add_option("--repeat", check_.repeat, "Rounds; least, median and most at the end")
-        ->check(CLI::Range(1, 10000))
+        ->check(Between(1, 10000))
         ->capture_default_str();
     check->add_option("--junit", check_.junit, "Write the results to this file, as JUnit XML");
     check->add_option("--html", check_.html,
