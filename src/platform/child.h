@@ -25,6 +25,13 @@ struct ChildOptions {
   // With pipes: a third one in place of this program's own standard error.
   bool errorsPiped = false;
 
+  // With pipes: what the child writes to standard error goes to the same pipe as its output.
+  bool errorsToOutput = false;
+
+  // With pipes: the child leaves this program's terminal and session, and stays when this program
+  // or the Child ends.
+  bool detached = false;
+
   // Without pipes: what the child writes to standard output goes to this program's standard error.
   bool outputToError = false;
 
@@ -36,7 +43,7 @@ struct ChildOptions {
 class Child {
  public:
   Child();
-  ~Child();  // ends what still runs, the hard way
+  ~Child();  // ends what still runs and isn't detached, the hard way
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 

@@ -7,8 +7,13 @@
 
 namespace platform {
 
-// The programs with a socket on that UDP port, at any address, as "name (process number)" in UTF-8;
-// "another user's program" for one that the system doesn't name. Empty when nobody has it.
-std::vector<std::string> UdpPortOwners(uint16_t port);
+struct PortOwner {
+  std::string name;     // UTF-8; "another user's program" for one that the system doesn't name
+  int process = 0;      // its number; 0: the system doesn't give it
+  std::string program;  // the path of its file; empty: the system doesn't give it
+};
+
+// The programs with a socket on that UDP port, at any address. Empty when nobody has it.
+std::vector<PortOwner> UdpPortOwners(uint16_t port);
 
 }  // namespace platform

@@ -29,6 +29,19 @@ void WaitForInput();
 // one has come.
 bool WaitForStop(uint32_t milliseconds);
 
+// From now on reads and drops what comes on standard input, on a thread of its own; once that input
+// ends, the program is asked to stop, as by Ctrl-C. An input that can't be read never ends. Throws
+// std::system_error where no thread can be had.
+void StopAtEndOfInput();
+
+// The program lets go of its standard streams, so that nobody waits for their end: its input has
+// ended, what it writes is dropped.
+void LeaveStreams();
+
+// Says to the supervisor that started this program that it is ready, where that one asks for it
+// (systemd, as sd_notify(3) describes).
+void NotifyReady();
+
 // Writes all bytes to standard output and flushes, however long it takes them. The operating
 // system's error number, 0 for success; kPipeClosed when nobody reads any more. Holds nothing that
 // the end of the process needs: a thread may stay in here for ever.

@@ -1,5 +1,4 @@
 // Every command against the real emulator, for people and for programs.
-#include <map>
 #include <sstream>
 #include <thread>
 
@@ -72,7 +71,7 @@ TEST_F(CtlTest, EveryCommandAnswersPeopleAndPrograms) {
 TEST_F(CtlTest, EveryCommandHasHelpWithAnExampleAndItsStatuses) {
   for (const std::string command :
        {"find", "info", "inputs", "set-inputs", "freq", "fm", "fm-quality", "record", "play",
-        "watch", "check", "restore", "up", "relay", "doctor", "soak"}) {
+        "watch", "check", "restore", "up", "down", "relay", "doctor", "soak"}) {
     const Result help = Ctl({"help", command});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("Example:\n  qz640ctl " + command), std::string::npos) << help.out;
@@ -269,55 +268,6 @@ TEST_F(CtlTest, PlaySendsAtADriftingClock) {
   const auto middle = spans.begin() + static_cast<ptrdiff_t>(spans.size() / 2);
   std::nth_element(spans.begin(), middle, spans.end());
   EXPECT_NEAR(100 / std::chrono::duration<double>(*middle).count(), 275, 10);
-}
-
-TEST(CtlUp, RunsACommandWithTheAddressesAndItsStatus) {
-  const std::string own = OwnAddress();
-  const Result result =
-      Ctl({"up", "--units", "2xQZ610", "--addr", own, "--emulator", QZ_EMULATOR, "--json", "--",
-           QZ_CTL, "info", "no-such-unit", "--to", own + ":9", "--timeout", "300"});
-  EXPECT_EQ(result.status, 3) << result.err;  // the command's
-  ASSERT_EQ(result.Objects().size(), 1u) << result.out;
-  EXPECT_EQ(result.Objects()[0]["QZ640_UNITS"], "2");
-  EXPECT_EQ(result.Objects()[0]["QZ640_UNIT1_ID"], "emu-2");
-}
-
-TEST(CtlUp, RunsUntilCtrlCAndStopsItsEmulator) {
-  Process up(QZ_CTL, {.arguments = {"up", "--units", "QZ610", "--addr", OwnAddress(), "--emulator",
-                                    QZ_EMULATOR}});
-  const auto line = up.WaitLine("QZ640_UNIT0_CONTROL=");
-  ASSERT_TRUE(line);
-  const std::string control = line->text.substr(line->text.find('=') + 1);
-  EXPECT_EQ(Ctl({"info", control}).status, 0);
-  Interrupt(up.Id());
-  EXPECT_EQ(up.WaitExit(), 0) << up.ErrorOutput();
-  EXPECT_EQ(Ctl({"info", control, "--timeout", "500"}).status, 3);
-}
-
-TEST(CtlDoctor, FindsWhatStandsInTheWay) {
-  const std::string own = OwnAddress();
-  const UdpPort taken(TestLoop(), {own, 0}, nullptr);
-  const std::string port = std::to_string(taken.Local().port);
-  const TestFile file(".json");
-  const std::pair<std::string, std::vector<std::string>> settings[] = {
-      {R"({"AddrStr":"","BasePort":15001})",
-       {"\"AddrStr\" is empty: this unit can't be found", "share port 15001"}},
-      {R"({"AddrStr":")" + own + R"(","units":[{"UnitType":"QZ610"}],"BasePort":)" + port + "}",
-       {"UDP " + port + " (emulator1 control) is taken by ctl_tests"}},
-  };
-  for (const auto& [text, findings] : settings) {
-    file.Write(text);
-    const Result plain = Ctl({"doctor", file.Text()});
-    EXPECT_EQ(plain.status, 1);
-    EXPECT_NE(plain.out.find("ticks late: p50 "), std::string::npos) << plain.out;
-    for (const std::string& finding : findings)
-      EXPECT_NE(plain.out.find(finding), std::string::npos) << plain.out;
-  }
-  std::map<std::string, int> topics;
-  for (const Json& line : Ctl({"doctor", file.Text(), "--json"}).Objects())
-    ++topics[TextAt(line, "topic")];
-  for (const char* topic : {"interfaces", "settings", "ports", "scheduling", "histogram"})
-    EXPECT_GE(topics[topic], 1) << topic;
 }
 
 }  // namespace

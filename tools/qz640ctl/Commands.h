@@ -50,16 +50,36 @@ struct CheckOptions {
 };
 
 struct UpOptions {
-  std::string units = "QZ610,QZ820";
-  int32_t mode = 0;
-  std::string addr = "127.0.0.1";
-  std::optional<int32_t> port;  // of discovery, the units' from 2 further on; none: free ones
-  std::string emulator;         // path; empty: the one beside this program
+  std::string units;               // with `named` empty too: a QZ610 and a QZ820
+  std::vector<std::string> named;  // ID=MODEL
+  std::string settings;            // path of a file with the units; excludes the two above
+  std::string stateDir;            // the folder to run in; empty: one for this run alone
+  // None: as the settings file says, else the emulator's defaults at 127.0.0.1.
+  std::optional<int32_t> mode;
+  std::optional<int32_t> freq;
+  std::optional<double> speed;
+  std::optional<std::string> addr;
+  // Of discovery, the units' from 2 further on; none: those of the settings file, else free ones.
+  std::optional<int32_t> port;
+  std::string emulator;  // path; empty: see FindEmulator
   bool showLog = false;
-  std::vector<std::string> faults;   // as wire::ParseFault takes them
-  std::string faultFile;             // path; empty: none
-  uint64_t seed = 1;                 // of the faults
-  std::vector<std::string> command;  // empty: until Ctrl-C
+  bool untilEof = false;               // ends with standard input
+  bool detach = false;                 // leaves it running
+  bool background = false;             // is what --detach leaves running
+  std::vector<std::string> arguments;  // the whole command line, for --detach
+  std::string envFile;                 // path; gets the command's environment; empty: none
+  std::vector<std::string> faults;     // as wire::ParseFault takes them
+  std::string faultFile;               // path; empty: none
+  uint64_t seed = 1;                   // of the faults
+  std::vector<std::string> command;    // empty: until Ctrl-C
+};
+
+// The folder of a run, as "up" announces it and "down" takes it.
+constexpr const char* kRunVariable = "QZ640_RUN";
+
+struct DownOptions {
+  std::string run;  // its folder; empty: the only detached one
+  bool all = false;
 };
 
 struct ExpectOptions {
@@ -111,5 +131,7 @@ int RunExpect(Session& session, const ExpectOptions& options, Output& out);
 int RunSend(Session& session, const std::string& unit, const std::string& request, Output& out);
 int RunListen(Session& session, const ListenOptions& options, Output& out);
 int RunUp(Session& session, const UpOptions& options, Output& out);
+int RunDetached(const UpOptions& options, Output& out);
+int RunDown(Session& session, const DownOptions& options, Output& out);
 
 }  // namespace ctl

@@ -3,10 +3,15 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <map>
+#include <set>
 
 #include "Commands.h"
+#include "EmulatorFile.h"
+#include "PacketFilter.h"
 #include "Printable.h"
 #include "Settings.h"
+#include "platform/advice.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
 #include "platform/startup.h"
@@ -25,6 +30,7 @@ namespace {
 constexpr auto kFindTime = std::chrono::milliseconds(600);  // on each interface
 constexpr auto kClockTestTime = std::chrono::seconds(3);
 constexpr auto kTick = std::chrono::milliseconds(4);
+constexpr double kOddSpeed = 0.001;  // 1000 ppm, ten times what hardware has
 constexpr double kLateGoodMs = 2.0;  // p99; later ticks shrink what a peer's buffer is there for
 
 // The subnet's broadcast address; nothing for an interface without one.
@@ -34,200 +40,417 @@ std::optional<Endpoint> BroadcastOf(const platform::Interface& interface) {
   return broadcast;
 }
 
+// How a finding stands to what the user wants.
+enum class Weight { Fine, Hint, Problem };
+
 class Doctor {
  public:
   Doctor(Session& session, Output& out) : session_(session), out_(out) {}
 
   int Run(const std::string& settingsPath) {
-    Interfaces();
-    SettingsFile(settingsPath);
-    Ports();
-    Scheduling();
-    out_.Line(problems_ == 0 ? "nothing found that stands in the way"
-                             : std::to_string(problems_) + " problem(s) found");
-    return problems_ == 0 ? kDone : kRefused;
+    bool finished = false;
+    try {
+      ReadSettings(settingsPath);
+      Interfaces();
+      SettingsFile();
+      Ports();
+      PacketFilters();
+      Scheduling();
+      finished = true;
+    } catch (const wire::Interrupted&) {
+      // Says so below: what wasn't looked at isn't in order for that.
+    }
+    return Verdict(finished);
   }
 
  private:
+  void ReadSettings(const std::string& given);
   void Interfaces();
-  void SettingsFile(const std::string& path);
-  void CheckSettings(const Settings& settings);
-  void CheckAddress(const Settings& settings);
+  std::string AskAt(const Endpoint& at);
+  void SettingsFile();
+  void CheckUnits();
+  void CheckPortPlan();
+  void CheckAddress();
   void Ports();
+  void Port(const std::string& name, int64_t number, size_t& ownEmulator);
+  bool IsOfThisFile(const platform::PortOwner& owner) const;
+  void CheckAnswers();
+  void PacketFilters();
+  void RealTime();
   void Scheduling();
+  int Verdict(bool finished);
 
-  void Print(const char* topic, const std::string& text, bool problem, Fields fields) {
-    fields.Add("topic", topic).Add("finding", text).Add("problem", problem ? 1 : 0);
+  // What was found, what shows it, what to do about it. `fields` are for programs.
+  void Say(const char* topic, Weight weight, const std::string& finding,
+           const std::string& evidence, const std::string& cure, Fields fields = {}) {
+    problems_ += weight == Weight::Problem;
+    hints_ += weight == Weight::Hint;
+    fields.Add("topic", topic)
+        .Add("finding", finding)
+        .Add("weight", std::string(weight == Weight::Fine   ? "fine"
+                                   : weight == Weight::Hint ? "hint"
+                                                            : "problem"))
+        .Add("problem", weight == Weight::Problem ? 1 : 0);
+    if (!evidence.empty()) fields.Add("evidence", evidence);
+    if (!cure.empty()) fields.Add("cure", cure);
     out_.Object(fields);
-    out_.Line((problem ? out_.Paint(Colour::Red, "! ") : "  ") + Printable(text));
+    const std::string mark = weight == Weight::Fine   ? "  "
+                             : weight == Weight::Hint ? out_.Paint(Colour::Yellow, "? ")
+                                                      : out_.Paint(Colour::Red, "! ");
+    out_.Line(mark + Printable(finding));
+    if (!evidence.empty()) out_.Line("      seen: " + Printable(evidence));
+    if (!cure.empty()) out_.Line("      cure: " + Printable(cure));
   }
 
-  // `fields` are for programs, beside topic and text.
-  void Report(const char* topic, const std::string& text, const Fields& fields = {}) {
-    Print(topic, text, false, fields);
+  void Fine(const char* topic, const std::string& finding, const Fields& fields = {}) {
+    Say(topic, Weight::Fine, finding, {}, {}, fields);
   }
 
-  void Problem(const char* topic, const std::string& text, const Fields& fields = {}) {
-    ++problems_;
-    Print(topic, text, true, fields);
+  // Of the settings file, which is its own evidence.
+  void BadSetting(const std::string& finding, const std::string& cure) {
+    Say("settings", Weight::Problem, finding, path_.string(), cure);
+  }
+
+  // One that is wrong as long as nobody meant it.
+  void OddSetting(const std::string& finding, const std::string& cure) {
+    Say("settings", Weight::Hint, finding, path_.string(), cure);
   }
 
   Session& session_;
   Output& out_;
   unsigned problems_ = 0;
+  unsigned hints_ = 0;
+
+  std::string emulator_;  // the program file; empty: none was found
+  files::path path_;      // of the settings file
+  bool wanted_ = false;   // the user has named it
+  bool exists_ = false;
+  std::string unreadable_;  // why it can't be taken in
+  std::optional<Settings> settings_;
+  uint16_t discoveryPort_ = wire::kDiscoveryPort;
   uint32_t addr_ = 0;  // that the units listen on; 0: all
   std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", wire::kDiscoveryPort}};
+  std::set<std::string> answered_;  // ids
+  bool runs_ = false;               // the emulator of this file
 };
 
+int Doctor::Verdict(bool finished) {
+  std::string text = problems_ == 0 ? "nothing found that stands in the way"
+                                    : std::to_string(problems_) + " problem(s) found";
+  if (!finished) {
+    text = "not finished: stopped in the middle, with " + std::to_string(problems_) +
+           " problem(s) found so far";
+  }
+  if (hints_ > 0) text += ", " + std::to_string(hints_) + " hint(s)";
+  out_.Object(Fields()
+                  .Add("topic", "summary")
+                  .Add("finding", text)
+                  .Add("problems", problems_)
+                  .Add("hints", hints_)
+                  .Add("finished", finished ? 1 : 0));
+  out_.Line(text);
+  return finished && problems_ == 0 ? kDone : kRefused;
+}
+
+// First of all, as it says where the units are to be looked for.
+void Doctor::ReadSettings(const std::string& given) {
+  try {
+    emulator_ = FindEmulator({}).string();
+  } catch (const Failure&) {
+    // "up" says so; a settings file can be looked at all the same.
+  }
+  wanted_ = !given.empty();
+  path_ = wanted_ ? given : emulator_ + ".json";
+  std::error_code error;
+  exists_ = (wanted_ || !emulator_.empty()) && files::exists(path_, error);
+  if (!exists_) return;
+  try {
+    settings_ = Settings::Read(path_);
+  } catch (const BadSettings& bad) {
+    unreadable_ = bad.what();
+    return;
+  }
+  if (settings_->broadcastPort >= 1 && settings_->broadcastPort <= 65535) {
+    discoveryPort_ = static_cast<uint16_t>(settings_->broadcastPort);
+  }
+}
+
+std::string Doctor::AskAt(const Endpoint& at) {
+  std::string names;
+  for (const Unit& unit :
+       session_.Find({at}, std::min(session_.Timeout(), Clock::duration(kFindTime)))) {
+    names += (names.empty() ? "" : ", ") + unit.id + " (" + unit.control.ToText() + ")";
+    answered_.insert(unit.id);
+  }
+  return names;
+}
+
 void Doctor::Interfaces() {
-  out_.Line("interfaces");
-  for (const platform::Interface& interface : platform::ListInterfaces()) {
+  out_.Line("interfaces, asked for units at port " + std::to_string(discoveryPort_));
+  const std::vector<platform::Interface> all = platform::ListInterfaces();
+  bool outside = false;
+  for (const platform::Interface& interface : all) {
+    outside = outside || !interface.loopback;
     const auto broadcast = BroadcastOf(interface);
     const std::string to = broadcast ? broadcast->ToText() : "none";
     const std::string address = ToEndpoint(interface.address).ToText();
     std::string line = interface.name + "  " + address + "  broadcast " + to;
     std::string names;
     if (broadcast) {
-      const Endpoint at(broadcast->address, wire::kDiscoveryPort);
-      for (const Unit& unit :
-           session_.Find({at}, std::min(session_.Timeout(), Clock::duration(kFindTime))))
-        names += (names.empty() ? "" : ", ") + unit.id + " (" + unit.control.ToText() + ")";
+      names = AskAt({broadcast->address, discoveryPort_});
       line += names.empty() ? "  nobody answers" : "  answers: " + names;
     }
-    Report("interfaces", line,
-           Fields()
-               .Add("interface", interface.name)
-               .Add("address", address)
-               .Add("broadcast", to)
-               .Add("answers", names));
+    Fine("interfaces", line,
+         Fields()
+             .Add("interface", interface.name)
+             .Add("address", address)
+             .Add("broadcast", to)
+             .Add("port", discoveryPort_)
+             .Add("answers", names));
+  }
+  if (all.empty()) {
+    Say("interfaces", Weight::Problem, "no network interface with an IPv4 address is up",
+        "the system's list is empty", platform::CommandShowInterfaces());
+  } else if (!outside) {
+    Say("interfaces", Weight::Hint,
+        "the loopback alone is up: units can be reached from this machine and no other",
+        "the system's list has no other interface with an IPv4 address",
+        platform::CommandShowInterfaces());
   }
 }
 
-void Doctor::SettingsFile(const std::string& given) {
+void Doctor::SettingsFile() {
   out_.Line("settings file");
-  files::path path = given;
-  if (given.empty()) {
-    path = EmulatorBeside();
-    path += ".json";
-  }
-  std::error_code ignored;
-  if (!files::exists(path, ignored)) {
-    const std::string text = path.string() + " doesn't exist";
-    if (given.empty()) {
-      Report("settings", text +
-                             "; the emulator makes it at its first start, deaf until \"AddrStr\" "
-                             "is set");
+  if (!exists_) {
+    if (wanted_) {
+      Say("settings", Weight::Problem, path_.string() + " doesn't exist", {},
+          "give the path of the file beside the emulator");
+    } else if (emulator_.empty()) {
+      Fine("settings", "none was named, and no emulator is installed beside this program");
     } else {
-      Problem("settings", text + "; give the path of the file beside the emulator");
+      Fine("settings", path_.string() +
+                           " doesn't exist; the emulator makes it at its first start, deaf until "
+                           "\"AddrStr\" is set");
     }
     return;
   }
-  Settings settings;
-  try {
-    settings = Settings::Read(path);
-  } catch (const BadSettings& error) {
-    Problem("settings", path.string() +
-                            " can't be taken in; mend it, or remove it and the emulator writes a "
-                            "new one: " +
-                            error.what());
+  if (!settings_) {
+    Say("settings", Weight::Problem, path_.string() + " can't be taken in: " + unreadable_, {},
+        "mend it, or remove it and the emulator writes a new one");
     return;
   }
-  Report("settings", path.string() + ": " + std::to_string(settings.units.size()) + " unit(s)");
-  CheckAddress(settings);
-  CheckSettings(settings);
+  Fine("settings", path_.string() + ": " + std::to_string(settings_->units.size()) + " unit(s)");
+  CheckAddress();
+  for (const std::string& key : settings_->unknownKeys) {
+    BadSetting("\"" + key + "\" means nothing; the emulator drops it at its next start",
+               "the keys are AddrStr, BasePort, BroadcastPort, units; in a unit UnitType, UnitId, "
+               "SampleFreq, Mode, Speed");
+  }
+  CheckUnits();
+  CheckPortPlan();
 }
 
-void Doctor::CheckAddress(const Settings& settings) {
-  const std::string& text = settings.addr;
+void Doctor::CheckAddress() {
+  const std::string& text = settings_->addr;
+  const std::string cure =
+      "set it to an address of this machine from the list above, or to 0.0.0.0 for all of them";
   if (text.empty()) {
-    Problem("settings",
-            "\"AddrStr\" is empty: this unit can't be found. Set it to an address of "
-            "this machine, or to 0.0.0.0 for all of them");
+    BadSetting("\"AddrStr\" is empty: this unit can't be found", cure);
     return;
   }
   const auto addr = Endpoint::Parse(text);
   if (!addr) {
-    Problem("settings", "\"AddrStr\" is \"" + text +
-                            "\", which is no address: these units can't be found. Set it to "
-                            "an address of this machine, or to 0.0.0.0 for all of them");
-    return;
-  }
-  const bool own = addr->address == 0 || IsOwn(*addr);
-  if (own) {
+    BadSetting("\"AddrStr\" is \"" + text + "\", which is no address: these units can't be found",
+               cure);
+  } else if (addr->address == 0 || IsOwn(*addr)) {
     addr_ = addr->address;
   } else {
-    Problem("settings", "\"AddrStr\" is " + text +
-                            ", which this machine doesn't have; set it to one of the addresses "
-                            "above, or to 0.0.0.0 for all of them");
+    BadSetting("\"AddrStr\" is " + text + ", which this machine doesn't have", cure);
   }
 }
 
-void Doctor::CheckSettings(const Settings& settings) {
-  ports_ = {{"discovery", settings.broadcastPort}};
-  for (const UnitSettings& unit : settings.units) {
+void Doctor::CheckUnits() {
+  std::set<std::string> ids;
+  for (const UnitSettings& unit : settings_->units) {
     const std::string& id = unit.id;
+    if (!ids.insert(id).second) {
+      OddSetting("two units are called \"" + id + "\"", "give each \"UnitId\" once");
+    }
     if (unit.sampleFreq < 0 || wire::PayloadTypeOf(static_cast<uint32_t>(unit.sampleFreq)) == 0) {
-      Problem("settings", id + ": \"SampleFreq\" " + std::to_string(unit.sampleFreq) +
-                              " makes the start fail; units run at 48000 or 44100");
+      BadSetting(
+          id + ": \"SampleFreq\" " + std::to_string(unit.sampleFreq) + " makes the start fail",
+          "set it to 48000 or 44100");
     }
     const wire::Model model = unit.Model();
     if (model.inputs + model.outputs == 0) {
-      std::string known;
-      for (const wire::Model& each : wire::kModels)
-        known += (known.empty() ? "" : ", ") + std::string(each.name);
-      Problem("settings", id + ": \"UnitType\" \"" + unit.type + "\" is no model that is known (" +
-                              known + "); the unit has no audio");
+      BadSetting(id + ": \"UnitType\" \"" + unit.type +
+                     "\" is no model that is known; the unit has no audio",
+                 "set it to one of " + KnownModels());
     }
-    ports_.emplace_back(id + " control", unit.controlPort);
-    for (uint32_t i = 0; i < model.outputs; ++i) {
-      ports_.emplace_back(id + " output " + std::to_string(i),
+    if (unit.mode < 0 || unit.mode > 4) {
+      BadSetting(id + ": \"Mode\" " + std::to_string(unit.mode) + " is none and acts as 0",
+                 "set it to 0 to 4");
+    }
+    if (!(unit.speed > 0)) {
+      BadSetting(id + ": \"Speed\" " + FormatNumber(unit.speed, 3) +
+                     " isn't above 0, so the unit's clock stands still",
+                 "set it to 1.0");
+    } else if (std::abs(unit.speed - 1) > kOddSpeed) {
+      OddSetting(id + ": \"Speed\" " + FormatNumber(unit.speed, 4) +
+                     " is so far from 1 that listeners lose the stream again and again",
+                 "set it to 1.0, or within 0.999 and 1.001");
+    }
+  }
+}
+
+void Doctor::CheckPortPlan() {
+  ports_ = {{"discovery", settings_->broadcastPort}};
+  for (const UnitSettings& unit : settings_->units) {
+    ports_.emplace_back(unit.id + " control", unit.controlPort);
+    for (uint32_t i = 0; i < unit.Model().outputs; ++i) {
+      ports_.emplace_back(unit.id + " output " + std::to_string(i),
                           wire::OutputPort(unit.controlPort, i));
     }
   }
-  for (size_t i = 0; i < ports_.size(); ++i) {
-    if (ports_[i].second < 1 || ports_[i].second > 65535) {
-      Problem("settings", ports_[i].first + " would be port " + std::to_string(ports_[i].second) +
-                              ", which doesn't exist; change \"BasePort\" or \"BroadcastPort\"");
+  const std::string cure = "change \"BasePort\" or \"BroadcastPort\"";
+  std::map<int64_t, std::string> names;
+  for (const auto& [name, port] : ports_) {
+    if (port < 1 || port > 65535) {
+      BadSetting(name + " would be port " + std::to_string(port) + ", which doesn't exist", cure);
     }
-    for (size_t j = i + 1; j < ports_.size(); ++j) {
-      if (ports_[i].second != ports_[j].second) continue;
-      Problem("settings", ports_[i].first + " and " + ports_[j].first + " share port " +
-                              std::to_string(ports_[i].second) +
-                              "; change \"BasePort\" or \"BroadcastPort\"");
-    }
+    const auto [other, isNew] = names.emplace(port, name);
+    if (isNew) continue;
+    BadSetting(other->second + " and " + name + " share port " + std::to_string(port), cure);
+  }
+}
+
+// The emulator's settings stand beside its program file, so that tells one emulator from another.
+bool Doctor::IsOfThisFile(const platform::PortOwner& owner) const {
+  std::error_code error;
+  return !owner.program.empty() && files::equivalent(owner.program + ".json", path_, error);
+}
+
+void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) {
+  const auto port = static_cast<uint16_t>(number);
+  std::string owners;
+  const platform::PortOwner* other = nullptr;  // some emulator, and none of this file
+  bool own = false;
+  bool emulators = true;
+  const std::vector<platform::PortOwner> all = platform::UdpPortOwners(port);
+  for (const platform::PortOwner& owner : all) {
+    owners += (owners.empty() ? "" : ", ") + owner.name;
+    if (owner.process != 0) owners += " (" + std::to_string(owner.process) + ")";
+    own = own || IsOfThisFile(owner);
+    const bool emulator = owner.name.starts_with("qz640emu");
+    if (emulator) other = &owner;
+    emulators = emulators && emulator;
+  }
+  const bool isFree = IsPortFree({addr_, port});
+  const std::string text = "UDP " + std::to_string(port) + " (" + name + ") ";
+  const std::string change =
+      std::string("change ") + (name == "discovery" ? "\"BroadcastPort\"" : "\"BasePort\"");
+  const Fields fields =
+      Fields().Add("port", port).Add("use", name).Add("free", isFree ? 1 : 0).Add("owner", owners);
+  if (isFree) {
+    Fine("ports", text + "is free" + (owners.empty() ? "" : " here; elsewhere " + owners), fields);
+  } else if (own) {
+    ++ownEmulator;
+    Fine("ports", text + "is in use by the emulator of this file, " + owners, fields);
+  } else if (other && emulators && !settings_) {
+    Fine("ports", text + "is taken by " + owners, fields);
+  } else if (other && emulators) {
+    Say("ports", Weight::Problem,
+        text + "is taken by " + owners + ", an emulator with other settings",
+        other->program + ".json", "end that one, or " + change, fields);
+  } else {
+    Say("ports", Weight::Problem,
+        text + "is taken by " + (owners.empty() ? "an unknown program" : owners), {},
+        "end that program, or " + change, fields);
   }
 }
 
 void Doctor::Ports() {
   out_.Line("ports");
+  size_t looked = 0;
+  size_t ownEmulator = 0;
   for (const auto& [name, port] : ports_) {
     if (port < 1 || port > 65535) continue;
-    std::string owners;
-    bool byEmulator = true;
-    for (const std::string& owner : platform::UdpPortOwners(static_cast<uint16_t>(port))) {
-      owners += (owners.empty() ? "" : ", ") + owner;
-      byEmulator = byEmulator && owner.starts_with("qz640emu");
-    }
-    const bool isFree = IsPortFree({addr_, static_cast<uint16_t>(port)});
-    const std::string text = "UDP " + std::to_string(port) + " (" + name + ") ";
-    const Fields fields = Fields()
-                              .Add("port", port)
-                              .Add("use", name)
-                              .Add("free", isFree ? 1 : 0)
-                              .Add("owner", owners);
-    if (isFree) {
-      Report("ports", text + "is free" + (owners.empty() ? "" : " here; elsewhere " + owners),
-             fields);
-    } else if (byEmulator && !owners.empty()) {
-      Report("ports", text + "is taken by " + owners, fields);
-    } else {
-      Problem("ports",
-              text + "is taken by " + (owners.empty() ? "an unknown program" : owners) +
-                  "; end that, or change " +
-                  (name == "discovery" ? "\"BroadcastPort\"" : "\"BasePort\""),
-              fields);
-    }
+    ++looked;
+    Port(name, port, ownEmulator);
   }
+  runs_ = ownEmulator > 0;
+  if (runs_ && ownEmulator < looked) {
+    Say("ports", Weight::Problem, "the emulator of this file runs with other ports than it names",
+        std::to_string(ownEmulator) + " of " + std::to_string(looked) + " are in use by it",
+        "start it anew: it reads the file only then");
+  }
+  if (runs_) CheckAnswers();
+}
+
+// A unit that runs here and answers nowhere is what people come for.
+void Doctor::CheckAnswers() {
+  const uint32_t at = addr_ == 0 ? 0x7F000001 : addr_;
+  AskAt({at, discoveryPort_});
+  for (const UnitSettings& unit : settings_->units) {
+    if (answered_.count(unit.id) > 0) continue;
+    Say("ports", Weight::Problem, unit.id + " runs and doesn't answer",
+        "asked at " + Endpoint(at, discoveryPort_).ToText() + " and at every interface",
+        "look into the emulator's log, and start it anew");
+  }
+}
+
+// Of the ports that others have to reach; what stays on this machine passes no rule of interest.
+void Doctor::PacketFilters() {
+  out_.Line("packet filter");
+  if (addr_ != 0 && IsLoopback({addr_, 0})) {
+    Fine("filter", "not asked: units at a loopback address are reached on this machine alone");
+    return;
+  }
+  std::vector<uint16_t> ports;
+  for (const auto& [name, port] : ports_) {
+    if (port >= 1 && port <= 65535) ports.push_back(static_cast<uint16_t>(port));
+  }
+  const std::string permit = platform::CommandPermitUdp(emulator_, ports);
+  const std::vector<platform::PacketFilter> filters = platform::ReadPacketFilters();
+  if (filters.empty()) {
+    Fine("filter", "none was found that could be asked; let UDP in if there is one");
+  }
+  for (const platform::PacketFilter& filter : filters) {
+    if (!filter.read) {
+      Say("filter", Weight::Hint, "a packet filter may drop UDP; this user may not see its rules",
+          {}, filter.command + "   shows them, and this lets the units through: " + permit);
+      continue;
+    }
+    FilterVerdict worst;
+    std::vector<uint16_t> hit;
+    for (const uint16_t port : ports) {
+      const FilterVerdict verdict = JudgeUdp(filter.rules, port);
+      if (verdict.kind != FilterVerdict::Kind::Passes) hit.push_back(port);
+      if (verdict.kind > worst.kind) worst = verdict;
+    }
+    if (hit.empty()) {
+      Fine("filter", "lets UDP in to all of these ports (" + filter.command + ")");
+      continue;
+    }
+    const bool sure = worst.kind == FilterVerdict::Kind::Drops;
+    Say("filter", sure ? Weight::Problem : Weight::Hint,
+        std::string("the packet filter ") + (sure ? "drops" : "may drop") + " UDP to " +
+            std::to_string(hit.size()) + " of " + std::to_string(ports.size()) + " ports",
+        worst.rule.empty() ? filter.command : worst.rule,
+        platform::CommandPermitUdp(emulator_, hit));
+  }
+}
+
+// Without it all works the same, until the machine is busy.
+void Doctor::RealTime() {
+  if (platform::CanBeTimeCritical()) {
+    Fine("scheduling", "real-time priority is permitted");
+    return;
+  }
+  Say("scheduling", Weight::Hint,
+      "this user has no real-time priority: while the machine is busy, packets leave late",
+      "the system refuses it to this program; the emulator's file may have leave of its own",
+      platform::CommandPermitRealTime(emulator_));
 }
 
 // How late each tick of 4 ms comes, in milliseconds, ascending.
@@ -251,10 +474,11 @@ std::vector<double> MeasureTicks(wire::Loop& loop) {
 void Doctor::Scheduling() {
   out_.Line("clock and scheduling (" + std::to_string(kClockTestTime.count()) +
             " s of 4 ms ticks)");
+  RealTime();
   platform::SetTimeCritical();
   const std::vector<double> late = MeasureTicks(session_.Loop());
   if (late.empty()) {
-    Problem("scheduling", "not one tick came");
+    Say("scheduling", Weight::Problem, "not one tick came", {}, "look what keeps the machine busy");
     return;
   }
   const auto at = [&late](double share) {
@@ -269,13 +493,12 @@ void Doctor::Scheduling() {
                             .Add("max_ms", late.back())
                             .Add("ticks", late.size());
   if (at(0.99) > kLateGoodMs) {
-    Problem("scheduling",
-            figures +
-                "; the machine is busy or gives no real-time priority (on "
-                "Linux: CAP_SYS_NICE or an rtprio limit)",
-            fields);
+    Say("scheduling", Weight::Problem, figures,
+        "a stream's listeners have room for some 20 ms, and this comes on top of the network's",
+        "end what keeps the machine busy, or: " + platform::CommandPermitRealTime(emulator_),
+        fields);
   } else {
-    Report("scheduling", figures, fields);
+    Fine("scheduling", figures, fields);
   }
   const double edges[] = {0.25, 0.5, 1, 2, 4, 8, 1e9};
   double from = 0;

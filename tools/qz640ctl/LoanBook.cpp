@@ -1,11 +1,10 @@
 #include "LoanBook.h"
 
 #include <algorithm>
-#include <chrono>
 #include <random>
 #include <stdexcept>
-#include <thread>
 
+#include "HeldFile.h"
 #include "StateFiles.h"
 #include "platform/errors.h"
 
@@ -17,28 +16,6 @@ namespace {
 
 constexpr const wchar_t* kEnding = L".loans";
 constexpr const char* kOff = "off";
-
-// Shares reading and not writing: whoever holds it so is alone.
-platform::OpenOptions Alone(platform::Disposition disposition) {
-  platform::OpenOptions options;
-  options.write = true;
-  options.disposition = disposition;
-  options.ownerOnly = true;
-  return options;
-}
-
-// Another process that looks just now holds the file for a moment too: one look isn't enough.
-bool IsHeld(const std::wstring& path) {
-  for (int look = 0; look < 3; ++look) {
-    if (look > 0) std::this_thread::sleep_for(std::chrono::milliseconds(3));
-    platform::FileHandle file = platform::kNoFile;
-    const uint32_t error = platform::FileOpen(
-        path.c_str(), Alone(platform::Disposition::OpenExisting), &file, nullptr);
-    if (error == 0) platform::FileClose(file);
-    if (error != platform::kBusy) return false;
-  }
-  return true;
-}
 
 std::string ToText(const wire::Destination& destination) {
   return destination ? destination->ToText() : kOff;

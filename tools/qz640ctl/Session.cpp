@@ -79,9 +79,13 @@ bool IsPortFree(const Endpoint& local) {
   return sock.OpenUdp().Ok() && sock.Bind(ToPlatform(local)).Ok();
 }
 
-bool IsOwn(const Endpoint& endpoint) {
+bool IsLoopback(const Endpoint& endpoint) {
   constexpr uint32_t kLoopback = 127;
-  if (endpoint.address >> 24 == kLoopback) return true;
+  return endpoint.address >> 24 == kLoopback;
+}
+
+bool IsOwn(const Endpoint& endpoint) {
+  if (IsLoopback(endpoint)) return true;
   const auto all = platform::ListInterfaces();
   return std::any_of(all.begin(), all.end(), [&](const platform::Interface& interface) {
     return ToEndpoint(interface.address).address == endpoint.address;

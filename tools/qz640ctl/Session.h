@@ -41,6 +41,9 @@ wire::Endpoint ToEndpoint(const platform::SocketAddress& address);
 // A UDP socket can be bound there now: another program could still take it.
 bool IsPortFree(const wire::Endpoint& local);
 
+// 127.a.b.c
+bool IsLoopback(const wire::Endpoint& endpoint);
+
 // The address is one of this machine's.
 bool IsOwn(const wire::Endpoint& endpoint);
 

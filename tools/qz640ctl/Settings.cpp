@@ -1,11 +1,12 @@
 #include "Settings.h"
 
+#include <algorithm>
+#include <charconv>
 #include <fstream>
 #include <iterator>
 #include <limits>
 
-#include "platform/paths.h"
-#include "platform/text.h"
+#include "ExitStatus.h"
 #include "wire/Message.h"
 
 namespace ctl {
@@ -39,6 +40,13 @@ void Take(const Json& object, const char* key, double& value) {
   value = found->get<double>();
 }
 
+void AddUnknownKeys(const Json& object, std::initializer_list<std::string_view> known,
+                    const std::string& path, std::vector<std::string>& unknown) {
+  for (const auto& [key, value] : object.items()) {
+    if (std::find(known.begin(), known.end(), key) == known.end()) unknown.push_back(path + key);
+  }
+}
+
 }  // namespace
 
 Settings Settings::Read(const std::filesystem::path& path) {
@@ -59,6 +67,8 @@ Settings Settings::Read(const std::filesystem::path& path) {
   if (!object.is_object()) throw BadSettings("the text is no object");
 
   Settings settings;
+  AddUnknownKeys(object, {"AddrStr", "BasePort", "BroadcastPort", "units"}, "",
+                 settings.unknownKeys);
   Take(object, "AddrStr", settings.addr);
   Take(object, "BasePort", settings.basePort);
   Take(object, "BroadcastPort", settings.broadcastPort);
@@ -66,6 +76,8 @@ Settings Settings::Read(const std::filesystem::path& path) {
   if (!units.is_array()) throw BadSettings("\"units\" must be an array");
   for (const Json& element : units) {
     if (!element.is_object()) throw BadSettings("\"units\" must hold objects");
+    AddUnknownKeys(element, {"UnitType", "UnitId", "SampleFreq", "Mode", "Speed"},
+                   "units[" + std::to_string(settings.units.size()) + "].", settings.unknownKeys);
     UnitSettings unit;
     Take(element, "UnitType", unit.type);
     Take(element, "UnitId", unit.id);
@@ -102,10 +114,80 @@ std::string Settings::ToText() const {
                        {"units", all}});
 }
 
-std::filesystem::path EmulatorBeside() {
-  const std::filesystem::path own = platform::WideToUtf8Lossy(platform::ModuleFile(nullptr));
-  std::filesystem::path emulator = own.parent_path() / "qz640emu";
-  return emulator += own.extension();
+namespace {
+
+// A model's name as it stands in the settings. A typing error would give a unit that takes part in
+// nothing, and tests that fail for reasons that nobody guesses.
+std::string ParseModel(const std::string& text, const std::string& whole) {
+  constexpr std::string_view kNone = "none:";
+  if (text.starts_with(kNone)) {
+    const std::string type = text.substr(kNone.size());
+    const wire::Model model = wire::FindModel(type);
+    if (!type.empty() && model.inputs + model.outputs == 0) return type;
+    throw Failure{kUsage,
+                  "\"" + text + "\" must name what is no model; there are " + KnownModels()};
+  }
+  const wire::Model model = wire::FindModel(text);
+  if (model.inputs + model.outputs > 0) return text;
+  throw Failure{kUsage, "\"" + text + "\" in \"" + whole + "\" is no model; there are " +
+                            KnownModels() +
+                            ", as in 2xQZ820,QZ610 (none:" + (text.empty() ? "TEXT" : text) +
+                            " makes a unit without inputs and outputs)"};
+}
+
+std::string WithoutBlanks(const std::string& text) {
+  const size_t begin = text.find_first_not_of(' ');
+  if (begin == std::string::npos) return {};
+  return text.substr(begin, text.find_last_not_of(' ') - begin + 1);
+}
+
+}  // namespace
+
+std::string KnownModels() {
+  std::string names;
+  for (const wire::Model& model : wire::kModels)
+    names += (names.empty() ? "" : ", ") + std::string(model.name);
+  return names;
+}
+
+std::vector<UnitSettings> ParseUnits(const std::string& text) {
+  constexpr uint32_t kMost = 500;
+  std::vector<UnitSettings> units;
+  size_t begin = 0;
+  while (begin <= text.size()) {
+    const size_t end = std::min(text.find(',', begin), text.size());
+    std::string type = WithoutBlanks(text.substr(begin, end - begin));
+    uint32_t count = 1;
+    const auto parsed = std::from_chars(type.data(), type.data() + type.size(), count);
+    if (parsed.ptr != type.data() && parsed.ptr != type.data() + type.size() &&
+        *parsed.ptr == 'x') {
+      type.erase(0, static_cast<size_t>(parsed.ptr - type.data()) + 1);
+    } else {
+      count = 1;  // a digit may begin a name, too
+    }
+    UnitSettings unit;
+    unit.type = ParseModel(type, text);
+    if (count == 0 || count > kMost - units.size()) {
+      throw Failure{kUsage, "\"" + text + "\" must be 1 to " + std::to_string(kMost) + " units"};
+    }
+    for (; count > 0; --count) {
+      unit.id = "emu-" + std::to_string(units.size() + 1);
+      units.push_back(unit);
+    }
+    begin = end + 1;
+  }
+  return units;
+}
+
+UnitSettings ParseNamedUnit(const std::string& text) {
+  const size_t equals = text.rfind('=');
+  if (equals == std::string::npos || equals == 0) {
+    throw Failure{kUsage, "\"" + text + "\" must read ID=MODEL, as in studio-a=QZ610"};
+  }
+  UnitSettings unit;
+  unit.id = text.substr(0, equals);
+  unit.type = ParseModel(text.substr(equals + 1), text);
+  return unit;
 }
 
 }  // namespace ctl

@@ -32,6 +32,7 @@ struct Settings {
   int32_t basePort = 8000;
   int32_t broadcastPort = 15001;
   std::vector<UnitSettings> units;
+  std::vector<std::string> unknownKeys;  // of the text that was read: "units[0].UnitTyp"
 
   // What every key that is missing has; a file without units has one. Throws BadSettings.
   static Settings Read(const std::filesystem::path& path);
@@ -42,7 +43,14 @@ struct Settings {
   std::string ToText() const;
 };
 
-// The emulator that stands beside this program.
-std::filesystem::path EmulatorBeside();
+// "2xQZ820,none:TEXT" into units emu-1, emu-2, emu-3. "none:" makes a unit of a model that nobody
+// knows, without inputs and outputs. Throws Failure (kUsage).
+std::vector<UnitSettings> ParseUnits(const std::string& text);
+
+// "studio-a=QZ610" into that unit. Throws Failure (kUsage).
+UnitSettings ParseNamedUnit(const std::string& text);
+
+// "QZ610, QZ820"
+std::string KnownModels();
 
 }  // namespace ctl

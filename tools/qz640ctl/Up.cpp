@@ -1,59 +1,39 @@
 // The command "up": an emulator of one's own, on free ports, for as long as a command runs.
 #include <algorithm>
-#include <charconv>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <memory>
 #include <random>
-#include <thread>
+#include <set>
+#include <system_error>
 
 #include "Commands.h"
+#include "EmulatorFile.h"
 #include "FaultRelay.h"
+#include "OutputReader.h"
+#include "RunFolder.h"
 #include "Settings.h"
 #include "platform/child.h"
+#include "platform/interfaces.h"
 #include "platform/startup.h"
 
 namespace ctl {
 
+using wire::Clock;
 using wire::Unit;
 namespace files = std::filesystem;
 
 namespace {
 
-constexpr uint32_t kReadyMs = 15'000;
+constexpr auto kStartTime = std::chrono::seconds(15);
+constexpr auto kStartTimeOfUnit = std::chrono::milliseconds(100);
+constexpr auto kAnswerTimeOfUnit = std::chrono::milliseconds(20);
+constexpr auto kLongStart = std::chrono::seconds(5);
+constexpr auto kRound = std::chrono::milliseconds(100);
 constexpr uint32_t kStopMs = 10'000;
-
-// "2xQZ820,QZ610" into units emu-1, emu-2, emu-3.
-std::vector<UnitSettings> ParseUnits(const std::string& text, int32_t mode) {
-  std::vector<UnitSettings> units;
-  size_t begin = 0;
-  while (begin <= text.size()) {
-    const size_t end = std::min(text.find(',', begin), text.size());
-    std::string type = text.substr(begin, end - begin);
-    uint32_t count = 1;
-    const size_t times = type.find('x');
-    if (times != std::string::npos) {
-      const auto parsed = std::from_chars(type.data(), type.data() + times, count);
-      if (parsed.ptr == type.data() + times && times > 0) type.erase(0, times + 1);
-    }
-    if (type.empty() || count == 0 || count > 500) {
-      throw Failure{kUsage, "\"" + text +
-                                "\" is no list of units; it must read like "
-                                "2xQZ820,QZ610"};
-    }
-    for (; count > 0; --count) {
-      UnitSettings unit;
-      unit.type = type;
-      unit.id = "emu-" + std::to_string(units.size() + 1);
-      unit.mode = mode;
-      units.push_back(unit);
-    }
-    begin = end + 1;
-  }
-  return units;
-}
+constexpr uint32_t kLookMs = 200;
+constexpr uint32_t kCommandLookMs = 100;
 
 // A block of `count` free ports and one more for discovery, somewhere in the range that no service
 // has by default.
@@ -72,167 +52,155 @@ int32_t FindFreePorts(const std::string& addr, uint32_t count) {
                              addr + "; is that an address of this machine? (qz640ctl doctor)"};
 }
 
-// The emulator's output, taken line by line on a thread of its own.
-class OutputReader {
- public:
-  OutputReader(platform::Child& child, bool show) : child_(child), show_(show) {
-    thread_ = std::thread([this] { Run(); });
-  }
-  ~OutputReader() { thread_.join(); }  // ends with the child's output
-  OutputReader(const OutputReader&) = delete;
-  OutputReader& operator=(const OutputReader&) = delete;
-
-  // Waits for a line with one of the texts; empty when the output ends or time is over.
-  std::string WaitFor(const std::vector<std::string>& texts, uint32_t milliseconds) {
-    std::unique_lock lock(mutex_);
-    std::string found;
-    changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] {
-      for (const std::string& line : lines_) {
-        for (const std::string& text : texts) {
-          if (line.find(text) != std::string::npos) found = line;
-        }
-        if (!found.empty()) break;
-      }
-      return !found.empty() || ended_;
-    });
-    return found;
-  }
-
-  // Nobody waits for lines any more: they aren't kept.
-  void Forget() {
-    std::lock_guard lock(mutex_);
-    keep_ = false;
-    lines_.clear();
-  }
-
- private:
-  void Run() {
-    std::string rest;
-    for (std::string bytes = child_.ReadOutput(); !bytes.empty(); bytes = child_.ReadOutput()) {
-      if (show_) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
-      rest += bytes;
-      std::lock_guard lock(mutex_);
-      for (size_t end = rest.find('\n'); end != std::string::npos; end = rest.find('\n')) {
-        if (keep_) lines_.push_back(rest.substr(0, end));
-        rest.erase(0, end + 1);
-      }
-      changed_.notify_all();
-    }
-    std::lock_guard lock(mutex_);
-    ended_ = true;
-    changed_.notify_all();
-  }
-
-  platform::Child& child_;
-  const bool show_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> lines_;
-  bool keep_ = true;
-  bool ended_ = false;
-  std::thread thread_;
-};
-
-// A folder of its own for the executable and its settings, removed at the end.
-class Folder {
- public:
-  Folder() {
-    std::random_device random;
-    do {
-      path_ = files::temp_directory_path() / ("qz640ctl-up-" + std::to_string(random()));
-    } while (!files::create_directory(path_));
-  }
-  ~Folder() {
-    std::error_code ignored;
-    files::remove_all(path_, ignored);
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-
-  // The settings file stands beside the executable, so the executable comes along.
-  files::path Install(const files::path& emulator, const Settings& settings) const {
-    const files::path installed = path_ / emulator.filename();
-    std::error_code error;
-    files::create_hard_link(emulator, installed, error);
-    if (error) files::copy_file(emulator, installed, error);
-    if (error) {
-      throw Failure{kUsage, "can't use the emulator \"" + emulator.string() +
-                                "\": " + error.message() + "; name it with --emulator PATH"};
-    }
-    std::ofstream(installed.string() + ".json", std::ios::binary) << settings.ToText();
-    return installed;
-  }
-
- private:
-  files::path path_;
-};
-
-// By default the one that stands beside this program.
-files::path EmulatorPath(const UpOptions& options) {
-  if (!options.emulator.empty()) return options.emulator;
-  return EmulatorBeside();
+// As a POSIX shell reads it back, also from a file.
+std::string Quoted(const std::string& value) {
+  constexpr const char* kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.,:/@%+";
+  if (!value.empty() && value.find_first_not_of(kPlain) == std::string::npos) return value;
+  std::string quoted = "'";
+  for (const char c : value)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
 }
 
 class Running {
  public:
   Running(Session& session, const UpOptions& options, Output& out);
+  ~Running();
   int Run();
 
  private:
+  void TakeSettings();
+  void PlanPorts();
   void Launch();
+  void StartIn(const files::path& emulator);
   void WaitStart(OutputReader& reader);
-  void WaitReady();
+  void WaitReady(OutputReader& reader);
+  void Progress(Clock::time_point begin, const std::string& what);
   void StartFaults();
-  int WaitCtrlC();
-  int RunCommand();
+  bool WaitStop(uint32_t milliseconds);
+  int WaitCtrlC(OutputReader& reader);
+  int RunCommand(OutputReader& reader);
   bool Stop();  // false when the emulator didn't end in good order
   void Announce();
+  void WriteEnvironment();
+  std::string HowItEnded(OutputReader& reader, int status);
+  std::string UnitCount() const { return std::to_string(settings_.units.size()) + " unit(s)"; }
   std::vector<std::pair<std::string, std::string>> Environment() const;
 
   Session& session_;
   const UpOptions& options_;
   Output& out_;
-  Folder folder_;
-  Settings settings_;
+  Settings settings_;  // the emulator's
   wire::Endpoint discovery_;
   std::vector<Unit> found_;
-  int32_t portsBefore_ = 0;  // from the emulator's to those that are shown, with faults
+  // The ports that users see. With faults, what stands before the units has the ports that they
+  // would have had.
+  int32_t shownBroadcastPort_ = 0;
+  int32_t shownBasePort_ = 0;
   std::optional<FaultRelay> faults_;
-  platform::Child emulator_;
+  bool noted_ = false;        // that the start takes long
+  bool endReported_ = false;  // that the emulator ended by itself
+  bool wroteEnvironment_ = false;
+  std::unique_ptr<RunFolder> folder_;
+  std::optional<platform::Child> emulator_;  // ends before its folder goes
 };
 
 Running::Running(Session& session, const UpOptions& options, Output& out)
     : session_(session), options_(options), out_(out) {
-  settings_.addr = options_.addr;
-  settings_.units = ParseUnits(options_.units, options_.mode);
+  TakeSettings();
   if (!options_.faults.empty() || !options_.faultFile.empty()) faults_.emplace(options_);
+  PlanPorts();
+}
+
+Running::~Running() {
+  std::error_code ignored;
+  if (wroteEnvironment_) files::remove(options_.envFile, ignored);
+}
+
+// The file stays as it is: the emulator, which rewrites its settings, gets a text of its own.
+void Running::TakeSettings() {
+  if (options_.settings.empty()) {
+    const bool none = options_.units.empty() && options_.named.empty();
+    if (none) settings_.units = ParseUnits("QZ610,QZ820");
+    if (!options_.units.empty()) settings_.units = ParseUnits(options_.units);
+    for (const std::string& named : options_.named)
+      settings_.units.push_back(ParseNamedUnit(named));
+    settings_.addr = "127.0.0.1";
+  } else {
+    try {
+      settings_ = Settings::Read(options_.settings);
+    } catch (const BadSettings& error) {
+      throw Failure{kUsage, options_.settings + " can't be taken in: " + error.what() +
+                                " (qz640ctl doctor " + options_.settings + " looks closer)"};
+    }
+    std::string keys;
+    for (const std::string& key : settings_.unknownKeys)
+      keys += (keys.empty() ? "" : ", ") + key;
+    if (!keys.empty()) out_.Note(options_.settings + " has keys that nothing reads: " + keys);
+  }
+  if (options_.addr) settings_.addr = *options_.addr;
+  std::set<std::string> ids;
+  for (UnitSettings& unit : settings_.units) {
+    if (options_.mode) unit.mode = *options_.mode;
+    if (options_.freq) unit.sampleFreq = *options_.freq;
+    if (options_.speed) unit.speed = *options_.speed;
+    if (!ids.insert(unit.id).second && options_.settings.empty()) {
+      throw Failure{kUsage, "two units would be called \"" + unit.id + "\"; give each its own id"};
+    }
+  }
+  if (settings_.addr.empty()) {
+    throw Failure{kUsage, "\"AddrStr\" is empty in " + options_.settings +
+                              ", so nobody would find these units; set it there, or give --addr"};
+  }
+  const wire::Endpoint local = ParseEndpoint(settings_.addr, 0);
+  if (local.port != 0) {
+    throw Failure{kUsage, settings_.addr + " must be an address alone; --port sets the port"};
+  }
+  if (local.address != 0 && !IsOwn(local)) {
+    throw Failure{kNoPort, settings_.addr +
+                               " is no address of this machine; qz640ctl doctor lists "
+                               "them, 0.0.0.0 stands for all"};
+  }
+}
+
+void Running::PlanPorts() {
   uint32_t ports = 2;  // in front: discovery
   for (const UnitSettings& unit : settings_.units)
     ports += unit.Model().Ports();
-  // With faults, what stands before the units has the ports that they would have had.
-  const uint32_t block = faults_ ? 2 * ports : ports;
-  const int32_t shown = options_.port ? *options_.port : FindFreePorts(options_.addr, block);
-  settings_.broadcastPort = !faults_         ? shown
-                            : !options_.port ? shown + static_cast<int32_t>(ports)
-                                             : FindFreePorts(options_.addr, ports);
-  portsBefore_ = settings_.broadcastPort - shown;
-  settings_.basePort = settings_.broadcastPort + 2;
+  if (options_.port || options_.settings.empty()) {
+    const uint32_t block = faults_ ? 2 * ports : ports;
+    settings_.broadcastPort = options_.port ? *options_.port : FindFreePorts(settings_.addr, block);
+    settings_.basePort = settings_.broadcastPort + 2;
+  }
+  shownBroadcastPort_ = settings_.broadcastPort;
+  shownBasePort_ = settings_.basePort;
+  if (faults_) {
+    const bool free = !options_.port && options_.settings.empty();
+    settings_.broadcastPort = free ? shownBroadcastPort_ + static_cast<int32_t>(ports)
+                                   : FindFreePorts(settings_.addr, ports);
+    settings_.basePort = settings_.broadcastPort + 2;
+  }
   // Units that listen on all addresses are reached at loopback too.
-  const std::string reached = options_.addr == "0.0.0.0" ? "127.0.0.1" : options_.addr;
+  const std::string reached = settings_.addr == "0.0.0.0" ? "127.0.0.1" : settings_.addr;
   discovery_ = ParseEndpoint(reached, static_cast<uint16_t>(settings_.broadcastPort));
 }
 
 int Running::Run() {
   Launch();
-  OutputReader reader(emulator_, options_.showLog);
+  OutputReader reader(*emulator_, [this](const std::string& bytes) {
+    if (options_.showLog) std::fwrite(bytes.data(), 1, bytes.size(), stderr);
+  });
   int status = kDone;
   try {
     WaitStart(reader);
-    WaitReady();
+    WaitReady(reader);
+    out_.EndProgress();
     reader.Forget();
     if (faults_) StartFaults();
+    if (options_.untilEof) platform::StopAtEndOfInput();
     Announce();
-    status = options_.command.empty() ? WaitCtrlC() : RunCommand();
+    status = options_.command.empty() ? WaitCtrlC(reader) : RunCommand(reader);
   } catch (...) {
     Stop();
     throw;
@@ -240,24 +208,90 @@ int Running::Run() {
   return Stop() || status != kDone ? status : kRefused;
 }
 
+// Places for temporary files may be missing or full, or nothing in them may be run (mounted
+// "noexec"): then the next one is tried.
 void Running::Launch() {
-  platform::ChildOptions options;
-  options.command = {folder_.Install(EmulatorPath(options_), settings_).string()};
-  options.piped = true;
-  const uint32_t error = emulator_.Start(options);
-  if (error != 0) {
-    throw Failure{kRefused, "can't start " + options.command.front() + ": error " +
-                                std::to_string(error) + "; is it the emulator of this system?"};
+  const files::path emulator = FindEmulator(options_.emulator);
+  const bool stays = !options_.stateDir.empty();
+  if (!stays) RunFolder::Sweep();
+  std::string failures;
+  const auto places = stays ? std::vector<files::path>{options_.stateDir} : RunFolder::Places();
+  for (const files::path& place : places) {
+    try {
+      folder_ = stays ? RunFolder::Open(place) : RunFolder::MakeIn(place);
+      StartIn(emulator);
+      if (!failures.empty()) out_.Note(failures + "; the run is in " + folder_->Path().string());
+      return;
+    } catch (const RunFolder::Unusable& error) {
+      folder_.reset();
+      failures += (failures.empty() ? "" : "; ") + std::string(error.what());
+    }
   }
+  throw Failure{kRefused, failures + (stays ? "" : "; name a folder with --state-dir DIR")};
 }
 
+// A folder that stays gets the logs too; elsewhere they stand where every emulator's do.
+void Running::StartIn(const files::path& emulator) {
+  platform::ChildOptions options;
+  options.command = {folder_->Install(emulator, settings_.ToText()).string()};
+  options.piped = true;
+  options.errorsToOutput = true;
+  if (folder_->Stays()) {
+    for (const char* variable : {"TMPDIR", "TMP", "TEMP"})
+      options.environment.emplace_back(variable, folder_->Path().string());
+  }
+  emulator_.emplace();
+  const uint32_t error = emulator_->Start(options);
+  if (error == 0) return;
+  throw RunFolder::Unusable("nothing can be run in " + folder_->Path().string() + " (" +
+                            std::system_category().message(static_cast<int>(error)) + "), or " +
+                            emulator.string() + " is no program of this system");
+}
+
+// People wait more patiently where they see for what; a log file gets one line.
+void Running::Progress(Clock::time_point begin, const std::string& what) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
+  if (seconds.count() < 1) return;
+  out_.Progress(what + ", " + std::to_string(seconds.count()) + " s");
+  if (seconds < kLongStart || noted_) return;
+  noted_ = true;
+  out_.Note(what + " takes long; --show-log shows why");
+}
+
+std::string Running::HowItEnded(OutputReader& reader, int status) {
+  endReported_ = true;
+  const std::string tail = reader.Tail();
+  return "with status " + std::to_string(status) +
+         (tail.empty() ? ", without a word" : "; it said last: " + tail);
+}
+
+// A thread or memory that can't be had may leave the emulator alive and silent: nobody waits for it
+// without an end.
 void Running::WaitStart(OutputReader& reader) {
   constexpr std::string_view kFailed = " FAILED. ERR=";
-  const std::string line = reader.WaitFor({" Start OK", std::string(kFailed)}, kReadyMs);
-  if (line.empty()) {
-    throw Failure{kRefused,
-                  "the emulator didn't say that it is ready; --show-log shows what "
-                  "it says, --emulator PATH names another"};
+  const auto begin = Clock::now();
+  const auto limit = kStartTime + kStartTimeOfUnit * static_cast<int>(settings_.units.size());
+  std::string line;
+  while (line.empty()) {
+    line = reader.WaitFor({" Start OK", std::string(kFailed)}, kLookMs);
+    if (!line.empty()) break;
+    if (platform::WaitForStop(0)) throw wire::Interrupted();
+    if (const auto status = emulator_->Wait(0)) {
+      reader.WaitEnd(kStopMs);
+      line = reader.WaitFor({" Start OK", std::string(kFailed)}, 0);
+      if (!line.empty()) break;
+      throw Failure{kRefused,
+                    "the emulator ended before it was ready, " + HowItEnded(reader, *status)};
+    }
+    if (Clock::now() - begin > limit) {
+      const std::string tail = reader.Tail();
+      throw Failure{
+          kRefused,
+          "the emulator hasn't said \"Start OK\" within " +
+              std::to_string(std::chrono::duration_cast<std::chrono::seconds>(limit).count()) +
+              " s; " + (tail.empty() ? "it said nothing at all" : "it said last: " + tail)};
+    }
+    Progress(begin, "waiting for the emulator to start " + UnitCount());
   }
   const size_t failed = line.find(kFailed);
   if (failed == std::string::npos) return;
@@ -265,17 +299,24 @@ void Running::WaitStart(OutputReader& reader) {
   if (reason.find("bind socket failed") == std::string::npos) {
     throw Failure{kRefused, "the emulator could not start; --show-log shows more:" + reason};
   }
-  throw Failure{kNoPort, "a port of the emulator, from " + std::to_string(settings_.broadcastPort) +
-                             " on " + options_.addr +
-                             ", is taken, or the address isn't this machine's (qz640ctl doctor "
-                             "says); leave --port out for free ones:" +
-                             reason};
+  throw Failure{kNoPort, "a port of the emulator, " + std::to_string(settings_.broadcastPort) +
+                             " or from " + std::to_string(settings_.basePort) + " on " +
+                             settings_.addr + ", is taken (qz640ctl doctor says by whom)" +
+                             (options_.port ? "; leave --port out for free ones:" : ":") + reason};
 }
 
-int Running::WaitCtrlC() {
-  while (!platform::WaitForStop(200)) {
-    if (emulator_.Wait(0)) {
-      throw Failure{kRefused, "the emulator has ended by itself; --show-log shows why"};
+// Until Ctrl-C, or what counts as it. True once it has come.
+bool Running::WaitStop(uint32_t milliseconds) {
+  return platform::WaitForStop(milliseconds) || folder_->IsStopAsked();
+}
+
+// Who ends this run may end all of its processes at once, as services are ended: an emulator that
+// was faster than the signal to this process hasn't failed.
+int Running::WaitCtrlC(OutputReader& reader) {
+  while (!WaitStop(kLookMs)) {
+    if (const auto status = emulator_->Wait(0)) {
+      if (WaitStop(kLookMs)) break;
+      throw Failure{kRefused, "the emulator has ended by itself, " + HowItEnded(reader, *status)};
     }
     if (faults_) faults_->Refresh(out_);
   }
@@ -283,27 +324,46 @@ int Running::WaitCtrlC() {
 }
 
 // " Start OK" is the emulator's word; an answered discovery shows that it is reached.
-void Running::WaitReady() {
-  found_ = session_.Find({discovery_}, session_.Timeout(), std::chrono::milliseconds(100));
-  if (found_.size() == settings_.units.size()) return;
-  throw Failure{kNoAnswer, std::to_string(found_.size()) + " of " +
-                               std::to_string(settings_.units.size()) +
-                               " units answered the discovery at " + discovery_.ToText() +
+void Running::WaitReady(OutputReader& reader) {
+  const auto begin = Clock::now();
+  const auto limit = std::max<Clock::duration>(
+      session_.Timeout(), kAnswerTimeOfUnit * static_cast<int>(settings_.units.size()));
+  do {
+    const auto rest = std::max<Clock::duration>(begin + limit - Clock::now(), kRound);
+    found_ = session_.Find({discovery_}, rest, kRound);
+    if (found_.size() == settings_.units.size()) return;
+    if (const auto status = emulator_->Wait(0)) {
+      throw Failure{kRefused,
+                    "the emulator ended as soon as it had started, " + HowItEnded(reader, *status)};
+    }
+    Progress(begin, "waiting for " + UnitCount() + " to answer");
+  } while (Clock::now() - begin < limit);
+  throw Failure{kNoAnswer, std::to_string(found_.size()) + " of " + UnitCount() +
+                               " answered the discovery at " + discovery_.ToText() +
                                " in time; give it longer with --timeout, or look with --show-log"};
 }
 
-// From here on the units are known by the addresses of what stands before them.
+// From here on the units are known by the addresses of what stands before them. On the address of
+// an interface that hears the interface's broadcasts, as units do.
 void Running::StartFaults() {
   wire::FaultyUnitsInfo info;
   info.realDiscovery = discovery_;
   info.local = discovery_.address;
   info.seed = options_.seed;
-  discovery_.port = static_cast<uint16_t>(discovery_.port - portsBefore_);
-  info.discovery = {ParseEndpoint(options_.addr, 0).address, discovery_.port};
+  discovery_.port = static_cast<uint16_t>(shownBroadcastPort_);
+  info.discovery = {ParseEndpoint(settings_.addr, 0).address, discovery_.port};
+  for (const platform::Interface& interface : platform::ListInterfaces()) {
+    const bool own = ToEndpoint(interface.address).address == info.discovery.address ||
+                     (interface.loopback && IsLoopback(info.discovery));
+    if (!own) continue;
+    info.broadcasts.emplace_back(ToEndpoint(interface.broadcast).address, discovery_.port);
+    if (!interface.loopback) info.broadcasts.emplace_back(0xFFFFFFFF, discovery_.port);
+  }
+  const int32_t moved = settings_.basePort - shownBasePort_;
   for (Unit& unit : found_) {
     const Unit real = unit;
-    unit.control.port = static_cast<uint16_t>(unit.control.port - portsBefore_);
-    unit.rtpPort = static_cast<uint16_t>(unit.rtpPort - portsBefore_);
+    unit.control.port = static_cast<uint16_t>(unit.control.port - moved);
+    unit.rtpPort = static_cast<uint16_t>(unit.rtpPort - moved);
     info.units.push_back({real, unit});
   }
   faults_->Start(info);
@@ -311,10 +371,11 @@ void Running::StartFaults() {
 
 std::vector<std::pair<std::string, std::string>> Running::Environment() const {
   std::vector<std::pair<std::string, std::string>> variables{
-      {"QZ640_ADDR", options_.addr},
+      {"QZ640_ADDR", settings_.addr},
       {"QZ640_DISCOVERY", discovery_.ToText()},
       {"QZ640_UNITS", std::to_string(found_.size())},
-      {"QZ640_PID", std::to_string(emulator_.Id())}};
+      {"QZ640_PID", std::to_string(emulator_->Id())},
+      {kRunVariable, folder_->Path().string()}};
   for (size_t i = 0; i < found_.size(); ++i) {
     const std::string prefix = "QZ640_UNIT" + std::to_string(i) + "_";
     variables.emplace_back(prefix + "ID", found_[i].id);
@@ -324,18 +385,41 @@ std::vector<std::pair<std::string, std::string>> Running::Environment() const {
   return variables;
 }
 
+// Whoever waits for the file to come finds all of it.
+void Running::WriteEnvironment() {
+  const std::string part = options_.envFile + ".part";
+  std::ofstream file(part, std::ios::binary);
+  for (const auto& [key, value] : Environment())
+    file << key << '=' << Quoted(value) << '\n';
+  file.close();
+  std::error_code error;
+  if (file) files::rename(part, options_.envFile, error);
+  if (!file || error) {
+    throw Failure{kUsage, "can't write " + options_.envFile + "; name another --env-file"};
+  }
+  wroteEnvironment_ = true;
+}
+
 void Running::Announce() {
+  if (!options_.envFile.empty()) WriteEnvironment();
+  if (options_.background) folder_->MarkDetached();
   Fields fields;
   for (const auto& [key, value] : Environment())
     fields.Add(key.c_str(), value);
   out_.Object(fields);
+  platform::NotifyReady();
   if (!options_.command.empty()) return;
   for (const auto& [key, value] : Environment())
     out_.Line(key + "=" + value);
-  out_.Line("running until Ctrl-C");
+  if (options_.background) {
+    out_.Note("running; end it with: qz640ctl down " + folder_->Path().string());
+    platform::LeaveStreams();
+  } else {
+    out_.Line(options_.untilEof ? "running until standard input ends" : "running until Ctrl-C");
+  }
 }
 
-int Running::RunCommand() {
+int Running::RunCommand(OutputReader& reader) {
   platform::ChildOptions options;
   options.command = options_.command;
   options.environment = Environment();
@@ -343,30 +427,32 @@ int Running::RunCommand() {
   platform::Child command;
   const uint32_t error = command.Start(options);
   if (error != 0) {
-    throw Failure{kUsage, "can't start \"" + options_.command.front() + "\": error " +
-                              std::to_string(error) + "; give a program in PATH, or its path"};
+    throw Failure{kUsage, "can't start \"" + options_.command.front() +
+                              "\": " + std::system_category().message(static_cast<int>(error)) +
+                              "; give a program in PATH, or its path"};
   }
+  bool died = false;
   for (;;) {
-    if (const auto status = command.Wait(100)) {
-      if (emulator_.Wait(0)) {
-        out_.Error("the emulator ended before the command did; --show-log shows why");
-      }
-      return *status;
+    const auto status = command.Wait(kCommandLookMs);
+    if (const auto end = emulator_->Wait(0); end && !died) {
+      died = true;
+      out_.Error("the emulator ended before the command did, " + HowItEnded(reader, *end));
     }
+    if (status) return died && *status == kDone ? int{kRefused} : *status;
     if (faults_) faults_->Refresh(out_);
     // The terminal has sent Ctrl-C to the command too; a signal from elsewhere it gets here.
-    if (platform::WaitForStop(0)) command.Terminate();
+    if (WaitStop(0)) command.Terminate();
   }
 }
 
 bool Running::Stop() {
-  emulator_.WriteInput("\n");
-  emulator_.CloseInput();
-  const auto status = emulator_.Wait(kStopMs);
+  emulator_->WriteInput("\n");
+  emulator_->CloseInput();
+  const auto status = emulator_->Wait(kStopMs);
   if (!status) {
     out_.Error("the emulator didn't stop within ten seconds and was ended");
-    emulator_.Kill();
-  } else if (*status != 0) {
+    emulator_->Kill();
+  } else if (*status != 0 && !endReported_) {
     out_.Error("the emulator ended with status " + std::to_string(*status) +
                "; --show-log shows why");
   }
@@ -376,6 +462,7 @@ bool Running::Stop() {
 }  // namespace
 
 int RunUp(Session& session, const UpOptions& options, Output& out) {
+  if (options.detach && !options.background) return RunDetached(options, out);
   return Running(session, options, out).Run();
 }
 

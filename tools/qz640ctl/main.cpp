@@ -44,6 +44,7 @@ class CommandLine {
     AddCheck();
     AddRestore();
     AddUp();
+    AddDown();
     AddRelay();
     AddSoak();
     AddHelp();
@@ -52,6 +53,7 @@ class CommandLine {
 
   int Run(const Arguments& given) {
     Output usage({.json = WantsJson(given)});
+    up_.arguments = given;
     try {
       return ParseAndRun(given, usage);
     } catch (const OutputClosed&) {
@@ -337,15 +339,47 @@ class CommandLine {
     CLI::App* up = Add("up", "Start an emulator on free ports for as long as a command runs",
                        "qz640ctl up --units 2xQZ820,QZ610 -- ./run-my-tests",
                        [this](Session& session, Output& out) { return RunUp(session, up_, out); });
-    up->add_option("--units", up_.units, "The units: types with an optional count, NxTYPE")
-        ->capture_default_str();
-    up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4")->capture_default_str();
-    up->add_option("--addr", up_.addr, "Local address of the units")->capture_default_str();
+    auto* units = up->add_option(
+        "--units", up_.units,
+        "The units: models with an optional count, NxMODEL; none:TEXT for one of no known model "
+        "(default: QZ610,QZ820)");
+    auto* named =
+        up->add_option("--id", up_.named, "One more unit, ID=MODEL, as studio-a=QZ610; repeatable")
+            ->allow_extra_args(false);
+    up->add_option("--settings", up_.settings,
+                   "A settings file with address, ports and units. It stays as it is; what is "
+                   "given beside it goes before it")
+        ->type_name("FILE")
+        ->excludes(units)
+        ->excludes(named);
+    up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4 (default: 0)")
+        ->check(Between(0, 4));
+    up->add_option("--freq", up_.freq, "Their sample frequency (default: 48000)")
+        ->check(CLI::IsMember({48000, 44100}));
+    up->add_option("--speed", up_.speed, "Multiplies their clocks; 1.0001 is 100 ppm fast")
+        ->check(Between(0.01, 100.0));
+    up->add_option("--addr", up_.addr, "Local address of the units (default: 127.0.0.1)");
     up->add_option("--port", up_.port,
-                   "Discovery port; the units' ports follow from 2 further on (default: free ones)")
+                   "Discovery port; the units' ports follow from 2 further on (default: free ones, "
+                   "or those of the settings file)")
         ->check(Between(1, 65000));
-    up->add_option("--emulator", up_.emulator, "The emulator (default: the one beside qz640ctl)")
+    up->add_option("--emulator", up_.emulator,
+                   "The emulator (default: beside qz640ctl, in ../libexec/qz640emu, on the PATH)")
         ->type_name("FILE");
+    up->add_option("--state-dir", up_.stateDir,
+                   "Run in this folder, which stays: the emulator, its settings as it rewrites "
+                   "them, its logs. One run at a time (default: a temporary folder)")
+        ->type_name("DIR");
+    up->add_option("--env-file", up_.envFile,
+                   "Write what COMMAND would find in its environment here, a line each, for as "
+                   "long as the run lasts")
+        ->type_name("FILE");
+    auto* untilEof = up->add_flag("--until-eof", up_.untilEof, "End with standard input");
+    auto* detach = up->add_flag("--detach", up_.detach,
+                                "Return when the units answer and leave them running; \"down\" "
+                                "ends them");
+    up->add_flag("--background", up_.background)->group("");  // what --detach leaves running
+    untilEof->excludes(detach);
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
     up->add_option("--fault", up_.faults, "Let the units misbehave, as said below; repeatable")
         ->allow_extra_args(false);
@@ -357,7 +391,18 @@ class CommandLine {
     up->footer(up->get_footer() + "\n\n" + std::string(wire::FaultHelp()));
     up->add_option("COMMAND", up_.command,
                    "What to run, with QZ640_DISCOVERY, QZ640_UNIT0_CONTROL and so on in its "
-                   "environment (default: until Ctrl-C)");
+                   "environment (default: until Ctrl-C)")
+        ->excludes(untilEof)
+        ->excludes(detach);
+  }
+
+  void AddDown() {
+    CLI::App* down =
+        Add("down", "End what \"up --detach\" has left running", "qz640ctl down",
+            [this](Session& session, Output& out) { return RunDown(session, down_, out); });
+    down->add_option("RUN", down_.run, "Its folder (default: the only one there is)")
+        ->envname(kRunVariable);
+    down->add_flag("--all", down_.all, "All of this user's detached runs");
   }
 
   void AddRelay() {
@@ -469,6 +514,7 @@ class CommandLine {
   PlayOptions play_;
   WatchOptions watch_;
   UpOptions up_;
+  DownOptions down_;
   RelayOptions relay_;
   std::string request_;
   ListenOptions listen_;

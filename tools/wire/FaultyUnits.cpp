@@ -114,6 +114,14 @@ FaultyUnits::FaultyUnits(Loop& loop, FaultyUnitsInfo info)
                  [this](const Datagram& datagram) { OnDiscovery(datagram); }) {
   for (const FaultyUnit& unit : info_.units)
     Open(unit);
+  for (const Endpoint& broadcast : info_.broadcasts) {
+    try {
+      broadcasts_.push_back(std::make_unique<UdpPort>(
+          loop_, broadcast, [this](const Datagram& datagram) { OnDiscovery(datagram); }, true));
+    } catch (const SocketError&) {
+      // `discovery_` hears them.
+    }
+  }
 }
 
 void FaultyUnits::Open(const FaultyUnit& unit) {

@@ -32,7 +32,10 @@ struct FaultyUnit {
 struct FaultyUnitsInfo {
   Endpoint discovery;      // where controllers look for units; its host listens for all else too
   Endpoint realDiscovery;  // where the units hear them
-  uint32_t local = 0;      // address of this machine that the units send to, as in Endpoint
+  // Broadcast addresses where they are looked for too. Systems that give a broadcast to whoever is
+  // bound to the interface's own address refuse these, and don't need them.
+  std::vector<Endpoint> broadcasts;
+  uint32_t local = 0;  // address of this machine that the units send to, as in Endpoint
   std::vector<FaultyUnit> units;
   uint64_t seed = 1;  // decides what is hit by per cent, how long jitter is and what damage does
 };
@@ -191,6 +194,7 @@ class FaultyUnits {
   uint64_t faultsMade_ = 0;
   UdpPort toUnits_;  // for what this relay itself has to say to them
   UdpPort discovery_;
+  std::vector<std::unique_ptr<UdpPort>> broadcasts_;
 };
 
 }  // namespace wire

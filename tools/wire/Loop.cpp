@@ -82,8 +82,9 @@ void Loop::Trace(const char* arrow, const Endpoint& peer, std::string_view text)
 struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
   Impl(Loop& owner, Handler called) : socket(owner.Inner().context), handler(std::move(called)) {}
 
-  void Open(const Endpoint& wanted) {
+  void Open(const Endpoint& wanted, bool shared) {
     socket.open(udp::v4());
+    if (shared) socket.set_option(asio::socket_base::reuse_address(true));
     socket.set_option(asio::socket_base::broadcast(true));
     asio::error_code ignored;
     socket.set_option(asio::socket_base::receive_buffer_size(kReceiveRoom), ignored);
@@ -124,10 +125,10 @@ struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
   const Handler handler;
 };
 
-UdpPort::UdpPort(Loop& loop, const Endpoint& local, Handler handler)
+UdpPort::UdpPort(Loop& loop, const Endpoint& local, Handler handler, bool shared)
     : impl_(std::make_shared<Impl>(loop, std::move(handler))) {
   try {
-    impl_->Open(local);
+    impl_->Open(local, shared);
   } catch (const std::system_error& error) {
     throw SocketError("can't open a socket on " + local.ToText() + ": " + error.code().message());
   }

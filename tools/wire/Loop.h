@@ -100,7 +100,8 @@ class UdpPort {
 
   // Binds to `local`. `handler` is called by the running loop for each datagram and may be null;
   // it may send, and destroy anything but the loop and its own port. Throws SocketError.
-  UdpPort(Loop& loop, const Endpoint& local, Handler handler);
+  // A `shared` one is for broadcasts: others may be bound there too, and each hears them.
+  UdpPort(Loop& loop, const Endpoint& local, Handler handler, bool shared = false);
   ~UdpPort();
   UdpPort(const UdpPort&) = delete;
   UdpPort& operator=(const UdpPort&) = delete;

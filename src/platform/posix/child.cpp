@@ -52,7 +52,7 @@ std::vector<std::string> Environment(const ChildOptions& options) {
 
 // The child begins as if this program's own starter had started it: with no signal blocked, and
 // with those ignored that Startup found ignored.
-void ResetSignals(posix_spawnattr_t& attributes, bool ownGroup) {
+void ResetSignals(posix_spawnattr_t& attributes, const ChildOptions& options) {
   sigset_t none;
   sigset_t own;
   sigemptyset(&none);
@@ -63,7 +63,11 @@ void ResetSignals(posix_spawnattr_t& attributes, bool ownGroup) {
   posix_spawnattr_setsigdefault(&attributes, &own);
   posix_spawnattr_setpgroup(&attributes, 0);
   int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
-  if (ownGroup) flags |= POSIX_SPAWN_SETPGROUP;
+  if (options.detached) {
+    flags |= POSIX_SPAWN_SETSID;  // and with it a group
+  } else if (options.piped || options.silent) {
+    flags |= POSIX_SPAWN_SETPGROUP;
+  }
   posix_spawnattr_setflags(&attributes, static_cast<short>(flags));
 }
 
@@ -75,13 +79,14 @@ struct Child::Impl {
   int input = -1;   // writing end of the child's standard input
   int output = -1;  // reading ends of its standard output
   int errors = -1;  // and its standard error
+  bool detached = false;
   std::optional<int> status;
 };
 
 Child::Child() : impl_(std::make_unique<Impl>()) {}
 
 Child::~Child() {
-  Kill();
+  if (!impl_->detached) Kill();
   CloseIfOpen(impl_->input);
   CloseIfOpen(impl_->output);
   CloseIfOpen(impl_->errors);
@@ -111,6 +116,9 @@ uint32_t Child::Start(const ChildOptions& options) {
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     if (options.errorsPiped) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
+    if (options.errorsToOutput) {
+      posix_spawn_file_actions_adddup2(&actions, output[1], STDERR_FILENO);
+    }
   }
   if (options.outputToError) {
     posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
@@ -119,7 +127,7 @@ uint32_t Child::Start(const ChildOptions& options) {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
       posix_spawn_file_actions_addopen(&actions, descriptor, "/dev/null", O_RDWR, 0);
   }
-  ResetSignals(attributes, options.piped || options.silent);
+  ResetSignals(attributes, options);
 
   std::vector<std::string> command = options.command;
   if (!options.shellLine.empty()) command = {"/bin/sh", "-c", options.shellLine};
@@ -138,6 +146,7 @@ uint32_t Child::Start(const ChildOptions& options) {
     impl_->pid = -1;
     return static_cast<uint32_t>(error);
   }
+  impl_->detached = options.detached;
   // To wait for the end with a time limit, without SIGCHLD, which belongs to the whole process.
   impl_->handle = static_cast<int>(syscall(SYS_pidfd_open, impl_->pid, 0));
   return 0;

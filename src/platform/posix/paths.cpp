@@ -1,8 +1,10 @@
 #include "platform/paths.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string_view>
 
@@ -48,6 +50,30 @@ std::wstring TempDir() {
   std::string dir = named && named[0] == '/' ? named : "/tmp";
   if (dir.back() != '/') dir += '/';
   return Utf8ToWideLossy(dir);
+}
+
+std::vector<std::wstring> TempDirs() {
+  std::vector<std::wstring> all{TempDir()};
+  for (const wchar_t* each : {L"/tmp/", L"/var/tmp/"}) {
+    if (each != all.front()) all.emplace_back(each);
+  }
+  return all;
+}
+
+std::wstring FindProgram(const std::wstring& name) {
+  const char* path = std::getenv("PATH");
+  std::string_view rest = path ? path : "";
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find(':'), rest.size());
+    const std::string candidate = std::string(rest.substr(0, end)) + "/" + WideToUtf8Lossy(name);
+    struct stat info {};
+    if (end > 0 && stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      return Utf8ToWideLossy(candidate);
+    }
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return {};
 }
 
 // The XDG base directories (version 0.8), which have relative paths ignored.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -43,7 +44,7 @@ std::vector<std::string> NamesIn(const std::string& path) {
 }
 
 std::string LinkTarget(const std::string& path) {
-  char target[256];
+  char target[4096];
   const ssize_t length = readlink(path.c_str(), target, sizeof(target));
   return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
 }
@@ -66,8 +67,8 @@ bool HasOne(const std::string& process, const std::set<std::string>& inodes,
 
 }  // namespace
 
-std::vector<std::string> UdpPortOwners(uint16_t port) {
-  std::vector<std::string> owners;
+std::vector<PortOwner> UdpPortOwners(uint16_t port) {
+  std::vector<PortOwner> owners;
   const std::set<std::string> inodes = InodesOf(port);
   if (inodes.empty()) return owners;
   std::set<std::string> missing = inodes;
@@ -76,11 +77,13 @@ std::vector<std::string> UdpPortOwners(uint16_t port) {
       continue;
     }
     if (!HasOne(process, inodes, missing)) continue;
-    std::string name;
-    std::getline(std::ifstream("/proc/" + process + "/comm"), name);
-    owners.push_back(name + " (" + process + ")");
+    PortOwner owner;
+    owner.process = std::atoi(process.c_str());
+    owner.program = LinkTarget("/proc/" + process + "/exe");
+    std::getline(std::ifstream("/proc/" + process + "/comm"), owner.name);
+    owners.push_back(owner);
   }
-  if (!missing.empty()) owners.emplace_back("another user's program");
+  if (!missing.empty()) owners.push_back({"another user's program", 0, {}});
   return owners;
 }
 

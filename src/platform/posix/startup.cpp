@@ -6,12 +6,18 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
 
 namespace platform {
 
@@ -164,6 +170,47 @@ bool WaitForStop(uint32_t milliseconds) {
                        static_cast<long>(milliseconds % 1000) * 1'000'000};
   ppoll(nullptr, 0, &limit, &mask);
   return stopAsked;
+}
+
+void StopAtEndOfInput() {
+  std::thread([] {
+    const NotStoppedByTerminal reading;
+    char dropped[4096];
+    ssize_t got = 0;
+    do {
+      got = read(STDIN_FILENO, dropped, sizeof dropped);
+      if (got < 0 && errno == EAGAIN) {
+        pollfd wait{STDIN_FILENO, POLLIN, 0};
+        poll(&wait, 1, -1);
+        got = 1;
+      }
+    } while (got > 0 || (got < 0 && errno == EINTR));
+    if (got == 0) stopAsked = true;
+  }).detach();
+}
+
+void LeaveStreams() {
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null == -1) return;
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    dup2(null, stream);
+  close(null);
+}
+
+void NotifyReady() {
+  const char* name = std::getenv("NOTIFY_SOCKET");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const size_t length = name ? std::strlen(name) : 0;
+  if (length == 0 || length >= sizeof address.sun_path) return;
+  std::memcpy(address.sun_path, name, length);
+  if (name[0] == '@') address.sun_path[0] = '\0';  // a name in no file system (unix(7))
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd == -1) return;
+  constexpr std::string_view kReady = "READY=1";
+  sendto(fd, kReady.data(), kReady.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address),
+         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+  close(fd);
 }
 
 uint32_t WriteOutput(std::string_view bytes) {

@@ -60,13 +60,14 @@ struct Child::Impl {
   HANDLE input = nullptr;   // writing end of the child's standard input
   HANDLE output = nullptr;  // reading ends of its standard output
   HANDLE errors = nullptr;  // and its standard error
+  bool detached = false;
   std::optional<int> status;
 };
 
 Child::Child() : impl_(std::make_unique<Impl>()) {}
 
 Child::~Child() {
-  Kill();
+  if (!impl_->detached) Kill();
   CloseIfOpen(impl_->input);
   CloseIfOpen(impl_->output);
   CloseIfOpen(impl_->errors);
@@ -99,7 +100,9 @@ uint32_t Child::Start(const ChildOptions& options) {
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = childInput;
     startup.hStdOutput = childOutput;
-    startup.hStdError = childErrors ? childErrors : GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdError = childErrors              ? childErrors
+                        : options.errorsToOutput ? childOutput
+                                                 : GetStdHandle(STD_ERROR_HANDLE);
   }
   if (options.outputToError) {
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -126,7 +129,8 @@ uint32_t Child::Start(const ChildOptions& options) {
   std::wstring environment = Environment(options);
   PROCESS_INFORMATION started{};
   const bool apart = options.piped || options.silent;
-  const DWORD flags = CREATE_UNICODE_ENVIRONMENT | (apart ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0);
+  const DWORD flags = CREATE_UNICODE_ENVIRONMENT | (apart ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0) |
+                      (options.detached ? DWORD{DETACHED_PROCESS} : 0);
   const BOOL ok =
       CreateProcessW(nullptr, command.data(), nullptr, nullptr, apart || options.outputToError,
                      flags, environment.data(), nullptr, &startup, &started);
@@ -136,6 +140,7 @@ uint32_t Child::Start(const ChildOptions& options) {
   CloseIfOpen(childErrors);
   if (error != 0) return error;
   CloseHandle(started.hThread);
+  impl_->detached = options.detached;
   impl_->process = started.hProcess;
   impl_->id = started.dwProcessId;
   return 0;

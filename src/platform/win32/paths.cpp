@@ -33,6 +33,18 @@ std::wstring TempDir() {
   return dir;
 }
 
+std::vector<std::wstring> TempDirs() {
+  return {TempDir()};
+}
+
+std::wstring FindProgram(const std::wstring& name) {
+  std::wstring path(32768, L'\0');
+  const DWORD length = SearchPathW(nullptr, name.c_str(), nullptr, static_cast<DWORD>(path.size()),
+                                   path.data(), nullptr);
+  path.resize(length < path.size() ? length : 0);
+  return path;
+}
+
 std::wstring StateDir() {
   std::wstring dir(32767, L'\0');  // the longest value of a variable
   const DWORD length =

@@ -11,23 +11,25 @@ namespace platform {
 
 namespace {
 
-std::string NameOf(DWORD process) {
+PortOwner OwnerOf(DWORD process) {
+  PortOwner owner{"another user's program", static_cast<int>(process), {}};
   const HANDLE handle = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
-  if (!handle) return "another user's program";
+  if (!handle) return owner;
   wchar_t path[1024];
   DWORD length = 1024;
   const BOOL known = QueryFullProcessImageNameW(handle, 0, path, &length);
   CloseHandle(handle);
-  if (!known) return "process " + std::to_string(process);
+  if (!known) return owner;
   const std::wstring full(path, length);
-  return WideToUtf8Lossy(full.substr(full.find_last_of(L'\\') + 1)) + " (" +
-         std::to_string(process) + ")";
+  owner.name = WideToUtf8Lossy(full.substr(full.find_last_of(L'\\') + 1));
+  owner.program = WideToUtf8Lossy(full);
+  return owner;
 }
 
 }  // namespace
 
-std::vector<std::string> UdpPortOwners(uint16_t port) {
-  std::vector<std::string> owners;
+std::vector<PortOwner> UdpPortOwners(uint16_t port) {
+  std::vector<PortOwner> owners;
   DWORD size = 0;
   GetExtendedUdpTable(nullptr, &size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0);
   std::vector<uint8_t> bytes(size + 4096);  // the table may grow between the calls
@@ -41,7 +43,7 @@ std::vector<std::string> UdpPortOwners(uint16_t port) {
     const MIB_UDPROW_OWNER_PID& row = table->table[i];
     // In network byte order in the lower half.
     if (ntohs(static_cast<u_short>(row.dwLocalPort)) != port) continue;
-    owners.push_back(NameOf(row.dwOwningPid));
+    owners.push_back(OwnerOf(row.dwOwningPid));
   }
   return owners;
 }

@@ -1,6 +1,10 @@
 #include "platform/startup.h"
 
+#include <fcntl.h>
+#include <io.h>
 #include <malloc.h>
+
+#include <system_error>
 
 #include "platform/win32/win.h"
 // After windows.h, whose types it uses.
@@ -92,6 +96,42 @@ void WaitForInput() {
 bool WaitForStop(uint32_t milliseconds) {
   return stopSignal && WaitForSingleObject(stopSignal, milliseconds) == WAIT_OBJECT_0;
 }
+
+namespace {
+
+DWORD WINAPI ReadToEnd(void*) {
+  char dropped[4096];
+  DWORD got = 0;
+  while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), dropped, sizeof dropped, &got, nullptr)) {
+    if (got == 0) break;
+  }
+  if (got == 0 || GetLastError() == ERROR_BROKEN_PIPE) SetEvent(stopSignal);
+  return 0;
+}
+
+}  // namespace
+
+void StopAtEndOfInput() {
+  const HANDLE reader = CreateThread(nullptr, 0, ReadToEnd, nullptr, 0, nullptr);
+  if (!reader) {
+    throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "no thread");
+  }
+  CloseHandle(reader);
+}
+
+// The C library's descriptors and the system's handles both lead to the pipes' ends.
+void LeaveStreams() {
+  const int null = _open("NUL", _O_RDWR);
+  if (null == -1) return;
+  const DWORD handles[] = {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE};
+  for (int stream = 0; stream < 3; ++stream) {
+    _dup2(null, stream);
+    SetStdHandle(handles[stream], reinterpret_cast<HANDLE>(_get_osfhandle(stream)));
+  }
+  _close(null);
+}
+
+void NotifyReady() {}  // services of this system aren't started so
 
 // Not through the C library's stream: its lock, held by a thread that stays in its write, would
 // hold up the end of the process. Line feeds become what text files have here, as in that stream.
