@@ -47,6 +47,29 @@ void NotifyReady();
 // the end of the process needs: a thread may stay in here for ever.
 uint32_t WriteOutput(std::string_view bytes);
 
+// What became of bytes that go through standard input or output.
+enum class PipeState {
+  Open,     // it goes on
+  Ended,    // the input is at its end; nobody reads the output any more
+  Stopped,  // a signal has asked the program to stop meanwhile, see WaitForStop
+  Failed    // `error` of the result is the system's number
+};
+
+struct PipeResult {
+  PipeState state = PipeState::Open;
+  uint32_t count = 0;  // bytes that were read or written
+  uint32_t error = 0;
+};
+
+// Takes what standard input has, at most `size` bytes, as they are. Where it has none it waits up
+// to `milliseconds` and then gives 0 bytes of an open input. One thread at a time.
+PipeResult ReadBytes(void* buffer, uint32_t size, uint32_t milliseconds);
+
+// Writes all bytes to standard output as they are, unlike WriteOutput also on Windows, and waits as
+// long as its reader takes. A stop is obeyed while it waits; on Windows, only before and after. One
+// thread at a time.
+PipeResult WriteBytes(std::string_view bytes);
+
 // Gives the memory that the program has freed back to the system, as far as that can be had. May
 // hold up whoever allocates meanwhile, for about a millisecond each ten megabytes.
 void ReturnFreeMemory();

@@ -50,19 +50,6 @@ inline Result Ctl(const std::vector<std::string>& arguments,
   return ResultOf(child);
 }
 
-// False for a qz640ctl that was built without libsndfile, which it says before all else.
-inline bool HasAudioFiles() {
-  static const bool has =
-      Ctl({"record", "nobody", "x.wav", "--to", OwnAddress() + ":9", "--timeout", "50"})
-          .err.find("built without libsndfile") == std::string::npos;
-  return has;
-}
-
-inline bool NamesAudioFile(const std::vector<std::string>& arguments) {
-  return std::any_of(arguments.begin(), arguments.end(),
-                     [](const std::string& argument) { return argument.ends_with(".wav"); });
-}
-
 // A file of the test's own, removed at the end.
 class TestFile {
  public:

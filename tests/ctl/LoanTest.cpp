@@ -100,7 +100,6 @@ TEST_F(LoanTest, OverlappingCommandsThatAreKilledAreHealed) {
 }
 
 TEST_F(LoanTest, AKilledRecordingLeavesAFileThatCanBeReadAndAnInputThatIsRestored) {
-  if (!HasAudioFiles()) GTEST_SKIP() << "built without libsndfile";
   const TestFile file("k.wav");
   const auto record = Start({"record", Tuner(), file.Text()});
   WaitMoved(Heard());
@@ -143,7 +142,6 @@ TEST_F(LoanTest, WhatACommandTouchesIsAskedForAndSaid) {
   };
   emulator_.Allow("Protocol error. No ack received");
   for (const auto& row : cases) {
-    if (NamesAudioFile(row.arguments) && !HasAudioFiles()) continue;
     const auto child = Start(row.arguments);
     const Result result = ResultOf(*child);
     EXPECT_EQ(result.status, row.status) << result.out << result.err;

@@ -1,56 +1,73 @@
-// Audio files of 24-bit stereo, sample for sample, by libsndfile. In a build without that library
-// every operation fails and says so.
+// Audio in files and pipes, sample for sample: WAV, RF64 and raw 24-bit stereo without help, FLAC
+// and whatever else libsndfile has in a build with that library. Names are UTF-8; "-" is standard
+// input or output.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "wire/Audio.h"
 
 namespace ctl {
 
-// A WAV file, from 4 GiB (some 4 hours at 48000 Hz) on an RF64 one (EBU Tech 3306). Its header is
-// brought up to date once a second, so that a program that is killed leaves all but the last second
-// to be read. Throws Failure when the file exists (unless `overwrite`) or can't be made.
-class WavWriter {
+enum class AudioFormat { Wav, Rf64, Flac, Raw };
+
+inline bool IsPipe(const std::string& path) {
+  return path == "-";
+}
+
+// What `name`, one of wav, rf64, flac and raw, says; where it is empty, what the ending of `path`
+// says, and for a pipe WAV. Throws Failure (kUsage) for an ending without a meaning, and for a
+// format that this build doesn't write or that a pipe doesn't take.
+AudioFormat FormatToWrite(const std::string& path, const std::string& name);
+
+// Throws Failure when the file exists; of several parts, see NameOfPart, when any of them does.
+void CheckFree(const std::string& path, bool parts);
+
+// "night.wav" with "-2" before its ending: "night-2.wav".
+std::string NameWith(const std::string& path, const std::string& addition);
+
+// The file of the part `number`, from 1: "night-001.wav".
+std::string NameOfPart(const std::string& path, size_t number);
+
+class AudioWriter {
  public:
-  WavWriter(const std::string& path, uint32_t sampleFreq, bool overwrite);
+  virtual ~AudioWriter() = default;
 
-  // What the constructor throws for a file that exists, and in a build without audio files.
-  static void CheckFree(const std::string& path, bool overwrite);
+  // All of it is with the system at the end of the call. False once nobody reads the pipe any more
+  // or the program is asked to stop. Throws Failure when the disk doesn't take it.
+  virtual bool Write(const wire::Frames& frames) = 0;
 
-  ~WavWriter();
-  WavWriter(const WavWriter&) = delete;
-  WavWriter& operator=(const WavWriter&) = delete;
-
-  // Throws Failure when the disk doesn't take it.
-  void Write(const wire::Frames& frames);
-
-  // Ends the file; called by the destructor too, which then ignores a failure.
-  void Close();
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  // Ends the file; throws Failure when the disk doesn't take it. A WAV file that isn't ended so, as
+  // that of a program that is killed, can be read up to its last second.
+  virtual void Close() = 0;
 };
 
-// A file of two channels at `sampleFreq`; throws Failure, naming what the file has, for any other.
+// Replaces a file that exists. Throws Failure.
+std::unique_ptr<AudioWriter> OpenToWrite(const std::string& path, AudioFormat format,
+                                         uint32_t sampleFreq);
+
 class AudioReader {
  public:
-  AudioReader(const std::string& path, uint32_t sampleFreq);
-  ~AudioReader();
-  AudioReader(const AudioReader&) = delete;
-  AudioReader& operator=(const AudioReader&) = delete;
+  virtual ~AudioReader() = default;
 
-  uint64_t FrameCount() const;
+  virtual uint32_t SampleFreq() const = 0;
 
-  // Up to `count` frames; fewer at the end of the file.
-  wire::Frames Read(size_t count);
+  // Of the whole stream, as far as that is known.
+  virtual std::optional<uint64_t> FrameCount() const = 0;
 
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  // The next frames, some 50 ms of them, mono on both sides. None: the pipe has none now, or
+  // the stream has ended. Throws Failure.
+  virtual wire::Frames Read() = 0;
+  virtual bool Ended() const = 0;
 };
+
+// A stream of one or two channels. What is named raw, by `name` or by its ending, is taken for
+// 24-bit stereo at `rawFreq`. Waits until a pipe has given its header. Throws Failure for any other
+// stream, saying what it has, and wire::Interrupted when the program is asked to stop meanwhile.
+std::unique_ptr<AudioReader> OpenToRead(const std::string& path, const std::string& name,
+                                        uint32_t rawFreq);
 
 }  // namespace ctl

@@ -15,7 +15,8 @@ namespace ctl {
 struct PlayOptions {
   std::string unit;
   uint32_t output = 0;
-  std::string file;
+  std::string file;    // path or "-"; empty: tone or pattern
+  std::string format;  // "raw"; empty: by its bytes and ending
   std::optional<double> toneHz;
   double levelDb = -20;
   bool pattern = false;
@@ -27,8 +28,11 @@ struct PlayOptions {
 struct RecordOptions {
   std::string unit;
   uint32_t input = 0;
+  bool allInputs = false;         // instead: each into a file of its own
   std::optional<double> seconds;  // none: until Ctrl-C
-  std::string file;
+  std::optional<double> split;    // seconds of a file, of which there are many then; none: one file
+  std::string file;               // path or "-"
+  std::string format;             // wav, rf64, flac or raw; empty: by the ending
   bool force = false;
 };
 

@@ -1,5 +1,6 @@
 // qz640ctl: the other end of the wire. Finds units, drives them, takes and sends their audio.
 #include <algorithm>
+#include <charconv>
 #include <functional>
 #include <set>
 
@@ -263,31 +264,51 @@ class CommandLine {
         Add("record",
             "Record an input, bit for bit, as 24-bit stereo. It is sent here meanwhile, and from "
             "here on to where it went before",
-            "qz640ctl record studio-a --input 0 --seconds 10 take.wav",
+            "qz640ctl record studio-a --input 0 --seconds 10 take.wav\n"
+            "  qz640ctl record studio-a --input all --split 1h night.flac\n"
+            "  qz640ctl record studio-a - | ffplay -",
             [this](Session& session, Output& out) { return RunRecord(session, record_, out); });
     AddTo(record);
     record->add_option("UNIT", record_.unit, "Unit id or address:port")->required();
-    record->add_option("FILE", record_.file, "The WAV file to write")->required();
-    record->add_option("--input", record_.input, "Input, counted from 0")->capture_default_str();
+    record
+        ->add_option("FILE", record_.file,
+                     "The file to write, - for standard output: .wav (RF64 from 4 GiB on), .rf64, "
+                     ".flac, or .raw, 24 bits little-endian without a header")
+        ->required();
+    record->add_option_function<std::string>(
+        "--input", [this](const std::string& text) { SetInput(text); },
+        "Input, counted from 0 (default: 0), or all: take.wav becomes take-0.wav, take-1.wav and "
+        "so on, each from its first packet on");
     record->add_option("--seconds", record_.seconds, "Length (default: until Ctrl-C)")
         ->check(Seconds());
+    record->add_option_function<std::string>(
+        "--split", [this](const std::string& text) { SetSplit(text); },
+        "A new file each time that this is over, such as 1h, without a gap: take-001.wav, "
+        "take-002.wav and so on");
+    record->add_option("--format", record_.format, "What FILE is, where its ending doesn't say so")
+        ->check(CLI::IsMember({"wav", "rf64", "flac", "raw"}));
     record->add_flag("--force", record_.force, "Replace a file that exists");
     AddLocal(record);
     AddInUse(record);
 
     CLI::App* play =
         Add("play", "Send audio to an output",
-            "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3",
+            "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3\n"
+            "  ffmpeg -i song.mp3 -c:a pcm_s24le -f wav - | qz640ctl play studio-a -",
             [this](Session& session, Output& out) { return RunPlay(session, play_, out); });
     AddTo(play);
     play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
-    auto* file = play->add_option("FILE", play_.file, "A stereo file at the unit's frequency");
+    auto* file =
+        play->add_option("FILE", play_.file, "Audio of one or two channels, - for standard input");
     auto* tone = play->add_option("--tone", play_.toneHz, "A sine of so many Hz instead of a file")
                      ->check(Between(1.0, 22000.0));
     auto* pattern =
         play->add_flag("--pattern", play_.pattern, "The pattern that units look for on output 0");
     file->excludes(tone)->excludes(pattern);
     tone->excludes(pattern);
+    play->add_option("--format", play_.format,
+                     "raw: FILE has no header, and is 24 bits little-endian, stereo, at --freq")
+        ->check(CLI::IsMember({"wav", "raw"}));
     play->add_option("--output", play_.output, "Output, counted from 0")->capture_default_str();
     play->add_option("--level", play_.levelDb, "Level of the tone in dB of full scale")
         ->check(Between(-144.0, 0.0))
@@ -295,7 +316,8 @@ class CommandLine {
     play->add_option("--seconds", play_.seconds, "Length of tone or pattern")
         ->check(Seconds())
         ->capture_default_str();
-    play->add_option("--freq", play_.sampleFreq, "The unit's sample frequency, 48000 or 44100")
+    play->add_option("--freq", play_.sampleFreq,
+                     "The unit's sample frequency, 48000 or 44100, to which a file is converted")
         ->check(CLI::IsMember({48000, 44100}))
         ->capture_default_str();
     play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
@@ -333,6 +355,26 @@ class CommandLine {
                       "a free port");
     AddLocal(watch);
     AddInUse(watch);
+  }
+
+  void SetInput(const std::string& text) {
+    record_.allInputs = text == "all";
+    const char* end = text.data() + text.size();
+    if (record_.allInputs || std::from_chars(text.data(), end, record_.input).ptr == end) return;
+    throw CLI::ValidationError("--input", "\"" + text + "\" is neither a number nor all");
+  }
+
+  void SetSplit(const std::string& text) {
+    std::optional<wire::Clock::duration> time;
+    try {
+      time = wire::ParseTime(text);
+    } catch (const wire::BadFault&) {
+      // Longer than anything lasts.
+    }
+    if (!time || time->count() <= 0) {
+      throw CLI::ValidationError("--split", "must read like 90s, 30min or 1h");
+    }
+    record_.split = std::chrono::duration<double>(*time).count();
   }
 
   void AddUp() {

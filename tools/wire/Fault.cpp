@@ -116,7 +116,7 @@ std::optional<Clock::duration> TimeOf(std::string_view word) {
   const struct {
     std::string_view suffix;
     double seconds;
-  } units[] = {{"ms", 1e-3}, {"min", 60}, {"s", 1}};
+  } units[] = {{"ms", 1e-3}, {"min", 60}, {"s", 1}, {"h", 3600}};
   for (const auto& unit : units) {
     const auto number = NumberBefore(word, unit.suffix);
     if (!number) continue;
@@ -132,7 +132,7 @@ Clock::duration TakeTime(Words& words, std::string_view what) {
   const auto time = TimeOf(word);
   if (time) return *time;
   throw BadFault(Quoted(word) + " is no " + std::string(what) +
-                 "; it must read like 300ms, 1.5s or 2min");
+                 "; it must read like 300ms, 1.5s, 2min or 1h");
 }
 
 std::string TakeMessage(Words& words) {
@@ -352,7 +352,7 @@ std::string_view FaultHelp() {
                                       TIME every TIME; they may be joined
 Each datagram counts, a repeat too. "silent" sends samples of 0, "lost" sends
 nothing. After a reboot inputs are off and tuners as at first. TIME is 300ms,
-1.5s or 2min.)";
+1.5s, 2min or 1h.)";
 }
 
 }  // namespace wire

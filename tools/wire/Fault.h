@@ -58,7 +58,7 @@ struct Fault {
   Clock::duration period{};       // begins again each time that this is over; 0: never
 };
 
-// "300ms", "1.5s" or "2min"; nothing for any other text. Throws BadFault beyond a year.
+// "300ms", "1.5s", "2min" or "1h"; nothing for any other text. Throws BadFault beyond a year.
 std::optional<Clock::duration> ParseTime(std::string_view word);
 
 // Throws BadFault.

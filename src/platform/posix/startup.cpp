@@ -1,6 +1,7 @@
 #include "platform/startup.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <malloc.h>
 #include <poll.h>
 #include <signal.h>
@@ -226,6 +227,42 @@ uint32_t WriteOutput(std::string_view bytes) {
     bytes.remove_prefix(static_cast<size_t>(written));
   }
   return 0;
+}
+
+PipeResult ReadBytes(void* buffer, uint32_t size, uint32_t milliseconds) {
+  const sigset_t mask = MaskOfWait();
+  const timespec limit{static_cast<time_t>(milliseconds / 1000),
+                       static_cast<long>(milliseconds % 1000) * 1'000'000};
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  if (!stopAsked && ppoll(&input, 1, &limit, &mask) == 0) return {};
+  if (stopAsked) return {PipeState::Stopped};
+  const ssize_t got = read(STDIN_FILENO, buffer, size);
+  if (got > 0) return {PipeState::Open, static_cast<uint32_t>(got)};
+  if (got == 0) return {PipeState::Ended};
+  if (errno == EINTR || errno == EAGAIN) return {};
+  return {PipeState::Failed, 0, static_cast<uint32_t>(errno)};
+}
+
+// A pipe that poll finds writable takes PIPE_BUF bytes without waiting (pipe(7)); more at a time
+// would wait in write, where no signal comes in.
+PipeResult WriteBytes(std::string_view bytes) {
+  const sigset_t mask = MaskOfWait();
+  const timespec atOnce{0, 0};
+  uint32_t count = 0;
+  while (!bytes.empty()) {
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    const int ready = ppoll(&output, 1, stopAsked ? &atOnce : nullptr, &mask);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) return {PipeState::Stopped, count};
+    const ssize_t written =
+        write(STDOUT_FILENO, bytes.data(), bytes.size() < PIPE_BUF ? bytes.size() : PIPE_BUF);
+    if (written < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (written < 0 && errno == EPIPE) return {PipeState::Ended, count};
+    if (written < 0) return {PipeState::Failed, count, static_cast<uint32_t>(errno)};
+    count += static_cast<uint32_t>(written);
+    bytes.remove_prefix(static_cast<size_t>(written));
+  }
+  return {PipeState::Open, count};
 }
 
 void ReturnFreeMemory() {

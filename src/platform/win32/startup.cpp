@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <io.h>
 #include <malloc.h>
+#include <stdlib.h>
 
 #include <system_error>
 
@@ -67,6 +68,20 @@ void KeepTimerResolution() {
   call(GetCurrentProcess(), kProcessPowerThrottling, &state, sizeof(state));
 }
 
+UINT consoleCodePage = 0;  // what the console took before this program
+
+void RestoreConsole() {
+  SetConsoleOutputCP(consoleCodePage);
+}
+
+// All text leaves the program as UTF-8. The console belongs to others too, who get it back as it
+// was.
+void LetConsoleTakeUtf8() {
+  consoleCodePage = GetConsoleOutputCP();
+  if (consoleCodePage == 0 || consoleCodePage == CP_UTF8) return;
+  if (SetConsoleOutputCP(CP_UTF8)) atexit(RestoreConsole);
+}
+
 }  // namespace
 
 void Startup() {
@@ -74,6 +89,7 @@ void Startup() {
   OpenIfClosed(STD_OUTPUT_HANDLE, GENERIC_WRITE);
   OpenIfClosed(STD_ERROR_HANDLE, GENERIC_WRITE);
 
+  LetConsoleTakeUtf8();
   stopSignal = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   SetConsoleCtrlHandler(OnControl, TRUE);
 }
@@ -153,6 +169,49 @@ uint32_t WriteOutput(std::string_view bytes) {
     }
   }
   return 0;
+}
+
+// Of a pipe it takes no more than is there, as a read that waits can't be given up. Files have what
+// they have, and consoles are waited for.
+PipeResult ReadBytes(void* buffer, uint32_t size, uint32_t milliseconds) {
+  constexpr DWORD kTurn = 5;  // milliseconds
+  const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+  DWORD there = size;
+  for (DWORD waited = 0; GetFileType(input) == FILE_TYPE_PIPE; waited += kTurn) {
+    if (WaitForStop(0)) return {PipeState::Stopped};
+    if (!PeekNamedPipe(input, nullptr, 0, nullptr, &there, nullptr)) {
+      if (GetLastError() == ERROR_BROKEN_PIPE) return {PipeState::Ended};
+      return {PipeState::Failed, 0, GetLastError()};
+    }
+    if (there > 0) break;
+    if (waited >= milliseconds) return {};
+    WaitForStop(kTurn);
+  }
+  DWORD got = 0;
+  if (!ReadFile(input, buffer, there < size ? there : size, &got, nullptr)) {
+    const DWORD error = GetLastError();
+    if (error == ERROR_BROKEN_PIPE || error == ERROR_HANDLE_EOF) return {PipeState::Ended};
+    return {PipeState::Failed, 0, error};
+  }
+  return {got > 0 ? PipeState::Open : PipeState::Ended, got};
+}
+
+PipeResult WriteBytes(std::string_view bytes) {
+  constexpr size_t kTurn = 65536;
+  const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+  uint32_t count = 0;
+  while (!bytes.empty()) {
+    DWORD written = 0;
+    const auto size = static_cast<DWORD>(bytes.size() < kTurn ? bytes.size() : kTurn);
+    if (!WriteFile(output, bytes.data(), size, &written, nullptr)) {
+      const DWORD error = GetLastError();
+      const bool ended = error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA;
+      return {ended ? PipeState::Ended : PipeState::Failed, count, ended ? 0 : error};
+    }
+    count += written;
+    bytes.remove_prefix(written);
+  }
+  return {PipeState::Open, count};
 }
 
 void ReturnFreeMemory() {
