@@ -35,7 +35,12 @@ TEST(Explain, NamesWhatAUnitRefusesAndWhatHasNoEffect) {
       {R"({"msg":"get_state","msg_id":1,"att":1048577})" + zero, "the most is 1048576", ""},
       {R"({"msg":"get_state","msg_id":1})" + zero + std::string(1432, 'x'), "a unit takes 1432",
        "1432 bytes after"},
+      {R"({"msg":"get_state","msg_id":1,"x":0.12345678901234567890})" + zero, "more digits", ""},
       {R"({"msg":"get_state","msg_id":1} more)" + zero, "", "text after the object"},
+      {R"({"msg":"get_state","msg_id":1})"
+       "\xFC" +
+           zero,
+       "malformed UTF-8", "text after the object"},
       {R"({"msg":"set_inputs","msg_id":1,"inputs":["localhost:9","off","",7]})" + zero, "",
        "\"localhost:9\" for input 0 is no IPv4 address"},
       {R"({"msg":"set_inputs","msg_id":1,"inputs":["1.2.3.4"]})" + zero, "", "has no port"}};

@@ -1,6 +1,7 @@
 #include "wire/Explain.h"
 
 #include <algorithm>
+#include <cctype>
 #include <limits>
 #include <map>
 #include <sstream>
@@ -32,7 +33,16 @@ const std::map<std::string, std::vector<Key>>& Messages() {
       {"dev_find", {}},
       {"get_dev_info", {}},
       {"dev_info",
-       {{"unit_id", Kind::Text}, {"unit_type", Kind::Text}, {"rtp_port", Kind::Unsigned}}},
+       {{"unit_id", Kind::Text},
+        {"unit_type", Kind::Text},
+        {"hardware", Kind::Unsigned},
+        {"firmware", Kind::Unsigned},
+        {"software", Kind::Unsigned},
+        {"audio_protocol", Kind::Unsigned},
+        {"control_protocol", Kind::Unsigned},
+        {"rtp_port", Kind::Unsigned},
+        {"inputs", Kind::Unsigned},
+        {"outputs", Kind::Unsigned}}},
       {"get_state", {}},
       {"set_state", {{"device_freq", Kind::Unsigned}}},
       {"state", {{"device_freq", Kind::Unsigned}, {"input_freq", Kind::Unsigned}}},
@@ -43,7 +53,11 @@ const std::map<std::string, std::vector<Key>>& Messages() {
       {"set_fm_freq", {{"freq", Kind::Numbers, false}}},
       {"fm_freq", {{"freq", Kind::Numbers, false}}},
       {"get_fm_quality", {}},
-      {"fm_quality", {}},
+      {"fm_quality",
+       {{"rssi", Kind::Numbers, false},
+        {"snr", Kind::Numbers, false},
+        {"multipath", Kind::Numbers, false},
+        {"pilot", Kind::Numbers, false}}},
       {"error", {{"code", Kind::Unsigned}, {"txt", Kind::Text}, {"err_msg_id", Kind::Unsigned}}}};
   return kMessages;
 }
@@ -52,9 +66,12 @@ const std::map<std::string, std::vector<Key>>& Messages() {
 std::string ObjectionToNumber(const std::string& key, const Json& value) {
   const std::string shown = "\"" + key + "\" is " + ToAscii(value);
   if (value.is_number_float()) return shown + ": a point or an exponent makes it no whole number";
-  const bool whole =
-      value.is_number_unsigned() && value.get<uint64_t>() <= std::numeric_limits<uint32_t>::max();
-  return whole ? "" : shown + "; it must be a whole number from 0 to 4294967295";
+  try {
+    NumberAt({{key, value}}, key.c_str());
+    return "";
+  } catch (const BadMessage&) {
+    return shown + "; it must be a whole number from 0 to 4294967295";
+  }
 }
 
 std::string ObjectionTo(const Key& key, const Json& value) {
@@ -89,6 +106,43 @@ void RemarkOnInputs(const Json& inputs, std::vector<std::string>& remarks) {
       remarks.push_back(shown + " has no port: its packets go nowhere");
     }
   }
+}
+
+// A unit takes half of a surrogate pair, which the library doesn't. What the texts hold is no
+// matter here.
+void ReplaceSurrogateEscapes(std::string& text) {
+  for (size_t i = 0; i + 5 < text.size(); ++i) {
+    if (text[i] != '\\') continue;
+    ++i;  // past an escaped backslash too
+    const bool surrogate = text[i] == 'u' && text[i + 1] == 'D' && text[i + 2] >= '8';
+    if (surrogate && std::isxdigit(static_cast<unsigned char>(text[i + 2])) != 0) {
+      text.replace(i + 1, 2, "FF");
+    }
+  }
+}
+
+// Of an object that is JSON: the digits of a number that no unit reads, as each row of them (before
+// the point, after it, of the exponent) has to fit in 64 bits, also under a key that it doesn't
+// know. Empty: there are none.
+std::string TooLongDigits(std::string_view object) {
+  constexpr std::string_view kDigits = "0123456789";
+  constexpr std::string_view kMost = "9223372036854775807";
+  bool inText = false;
+  for (size_t i = 0; i < object.size(); ++i) {
+    if (object[i] == '"') inText = !inText;
+    if (inText && object[i] == '\\') ++i;
+    if (inText || kDigits.find(object[i]) == std::string_view::npos) continue;
+    const size_t end = std::min(object.find_first_not_of(kDigits, i), object.size());
+    std::string_view digits = object.substr(i, end - i);
+    digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
+    const bool fits =
+        digits.size() < kMost.size() || (digits.size() == kMost.size() && digits <= kMost);
+    // An integer reaches one farther below zero.
+    const bool negative = i >= 2 && object[i - 1] == '-' && (object[i - 2] | 0x20) != 'e';
+    if (!fits && !(negative && digits == "9223372036854775808")) return std::string(digits);
+    i = end - 1;
+  }
+  return {};
 }
 
 // Of the object alone. Nothing is asked any more once the message isn't known.
@@ -150,12 +204,13 @@ Explanation Explain(const Bytes& datagram) {
     result.refused.push_back("no 0 byte after the JSON text (" + std::to_string(datagram.size()) +
                              " bytes)");
   }
-  const std::string text(datagram.begin(), zero);
+  std::string text(datagram.begin(), zero);
   if (text.starts_with("\xEF\xBB\xBF")) {
     result.refused.push_back("a byte order mark before the JSON text");
     return result;
   }
   if (HasLowerCaseEscape(text)) result.refused.push_back("lower-case \\u digits");
+  ReplaceSurrogateEscapes(text);
   Json object;
   std::istringstream stream(text);
   try {
@@ -172,6 +227,14 @@ Explanation Explain(const Bytes& datagram) {
   }
   std::string rest;
   std::getline(stream, rest, '\0');
+  const std::string tooLong =
+      TooLongDigits(std::string_view(text).substr(0, text.size() - rest.size()));
+  if (!tooLong.empty()) result.refused.push_back(tooLong + " has more digits than a unit reads");
+  try {
+    Json(rest).dump();
+  } catch (const Json::exception&) {
+    result.refused.push_back("malformed UTF-8 after the object");
+  }
   if (rest.find_first_not_of(" \t\r\n") != std::string::npos) {
     result.remarks.push_back("text after the object is ignored");
   }

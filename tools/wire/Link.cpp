@@ -247,9 +247,11 @@ void Link::Accept(const Message& message) {
 void Link::Assemble(Assembly& assembly, const Message& segment) {
   const Endpoint from = segment.from;
   const size_t held = assembly.head.attachment.size();
+  // What lacks one of these is no segment, and ends no assembly.
+  const uint32_t leader = NumberAt(segment.body, "leader_id");
+  const uint32_t number = NumberAt(segment.body, "seg_number");
   const uint32_t count = NumberAt(segment.body, "seg_count");
-  const bool fits = NumberAt(segment.body, "leader_id") == assembly.head.id &&
-                    NumberAt(segment.body, "seg_number") == assembly.next &&
+  const bool fits = leader == assembly.head.id && number == assembly.next &&
                     assembly.next < count && segment.attachment.size() <= assembly.announced - held;
   if (!fits) {
     assemblies_.erase(from);

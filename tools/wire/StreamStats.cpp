@@ -54,13 +54,16 @@ int64_t StreamStats::PlaceOf(uint16_t sequence) {
     ++jumps;
     seen_.reset();
     Advance(sequence, 1);
+    begin_ = highestPlace_;
   } else if (step > 0) {
     Advance(sequence, step);
   } else {
     const int64_t place = highestPlace_ + step;
-    if (place < 0) {
-      ++outOfOrder;  // from before the first: nobody expected it
-    } else if (seen_.test(static_cast<size_t>(place) % kWindow)) {
+    if (place < begin_) {
+      ++outOfOrder;  // from before the first: nobody expected it, and its place may be another's
+      return place - begin_;
+    }
+    if (seen_.test(static_cast<size_t>(place) % kWindow)) {
       ++duplicates;
     } else {
       ++outOfOrder;

@@ -14,8 +14,8 @@ namespace wire {
 class StreamStats {
  public:
   // What isn't an audio packet is counted in `foreign` alone. The result is the packet's place in
-  // the stream, from 0 for the first; negative for a packet from before the first; nothing for a
-  // foreign one.
+  // the stream, from 0 for the first; negative for a packet from before the first, or from before
+  // the one with which the sender started anew; nothing for a foreign one.
   std::optional<int64_t> Add(const StreamPacket& packet);
 
   uint64_t packets = 0;          // audio packets that came
@@ -65,6 +65,7 @@ class StreamStats {
 
   uint16_t highestSequence_ = 0;
   int64_t highestPlace_ = 0;
+  int64_t begin_ = 0;          // place of the packet with which the sender started anew
   std::bitset<kWindow> seen_;  // by place modulo kWindow
   uint64_t expected_ = 0;      // numbers from the first to the highest
   uint64_t distinct_ = 0;      // of these, how many came
