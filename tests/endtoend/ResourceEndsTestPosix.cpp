@@ -99,6 +99,16 @@ TEST_F(ResourceEnds, AClosedTerminalEndsTheRunInGoodOrder) {
   EXPECT_EQ(emulator.LinesWith("Stop  OK").size(), 1u);
 }
 
+// proc(5): in nanoseconds. The ticks' threads inherit it.
+TEST_F(ResourceEnds, ItsTimersAreExact) {
+  EmulatorProcess emulator({UnitSpec{}});
+  emulator.StartAndWait();
+  std::ifstream file("/proc/" + std::to_string(emulator.Child().Id()) + "/timerslack_ns");
+  int slack = 0;
+  if (!(file >> slack)) GTEST_SKIP() << "this system doesn't say";
+  EXPECT_EQ(slack, 1000);
+}
+
 // Without an input it starts and stops at once; without an output it serves as ever, and descriptor
 // 1 doesn't become a socket that the log is then written to.
 TEST_F(ResourceEnds, ClosedStandardStreamsAreNoFailure) {

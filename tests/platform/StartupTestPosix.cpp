@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -144,6 +145,19 @@ TEST(Startup, InTheBackgroundTheTerminalIsTheShells) {
     return poll(&left, 1, 0) == 0 ? 42 : 6;
   });
   EXPECT_EQ(session.Wait(), 42);
+}
+
+// A sleep of 1 ms that ends 50 us late costs as much of a tick's time. Threads inherit it.
+TEST(Startup, TheTimerPeriodIsExactInThreadsToCome) {
+  const Child child([] {
+    const int before = prctl(PR_GET_TIMERSLACK);
+    platform::BeginTimerPeriod();
+    int inThread = 0;
+    std::thread([&] { inThread = prctl(PR_GET_TIMERSLACK); }).join();
+    platform::EndTimerPeriod();
+    return inThread == 1000 && prctl(PR_GET_TIMERSLACK) == before ? 42 : 1;
+  });
+  EXPECT_EQ(child.Wait(), 42);
 }
 
 // Not the time of Greenwich: users compare it with their own clock.

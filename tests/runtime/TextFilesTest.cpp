@@ -35,6 +35,17 @@ TEST_F(TextFilesTest, TextGoesToDiskAsPlainUtf8AndComesBack) {
   EXPECT_THROW(fs::ReadWholeFile(path.c_str(), read), std::range_error);
 }
 
+// One write takes less than 4 GiB. The rest mustn't be missing without a word, nor the old text go.
+TEST_F(TextFilesTest, WhatIsCutShortIsAFailure) {
+  dir_.Write("a", "old");
+  const std::wstring path = Path("a");
+  const char text[] = "new text";
+  constexpr size_t kFive = (size_t{1} << 32) + 5;  // of which the write moves 5
+  EXPECT_FALSE(fs::ReplaceWholeFile(path.c_str(), text, kFive).IsOk());
+  EXPECT_NE(Log().TryTake(L"write error: file \"" + path + L'"'), L"");
+  EXPECT_EQ(dir_.Read("a"), "old");
+}
+
 TEST_F(TextFilesTest, FailuresNameTheErrorAndThePathAsGiven) {
   std::string bytes = "before";
   const std::wstring odd = dir_.Wide() + L"/./missing/x";

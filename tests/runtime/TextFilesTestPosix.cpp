@@ -19,6 +19,12 @@ TEST(TextFilesPosix, WhatIsNoRegularFileFailsInsteadOfBlocking) {
   EXPECT_NE(Log().TryTake(L"open error: file \"" + dir.Wide("pipe") + L'"'), L"");
   EXPECT_FALSE(fs::ReplaceWholeFile(L"/dev/full", L"x").IsOk());
   EXPECT_NE(Log().TryTake(L"ErrCode=1c ErrStr=write error: file \"/dev/full\""), L"");
+
+  // Linux says that it has a page and gives some bytes.
+  constexpr wchar_t kShort[] = L"/sys/devices/system/cpu/online";
+  if (!std::filesystem::exists(kShort)) return;
+  EXPECT_FALSE(fs::ReadWholeFile(kShort, bytes).IsOk());
+  EXPECT_NE(Log().TryTake(std::wstring(L"read error: file \"") + kShort), L"");
 }
 
 TEST(TextFilesPosix, ReplacingKeepsTheLinkAndThePermissions) {

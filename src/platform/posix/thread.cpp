@@ -42,8 +42,11 @@ void SetTimeCritical() {
 bool CanBeTimeCritical() {
   int policy = 0;
   sched_param param{};
+  const int slack = prctl(PR_GET_TIMERSLACK);
   if (pthread_getschedparam(pthread_self(), &policy, &param) != 0 || !SetRealTime()) return false;
   pthread_setschedparam(pthread_self(), policy, &param);
+  // Linux from 6.12 on gives who comes back from real time the default, whatever it had before.
+  if (slack > 0) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(slack));
   return true;
 }
 
