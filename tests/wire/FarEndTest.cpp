@@ -1,5 +1,6 @@
 // The far end against itself and against peers that do wrong: what it sends, what it refuses, when
-// it gives up.
+// it gives up. What it makes of segments and of streams that come as they like is held by the fuzz
+// targets FuzzLink and FuzzStreamStats.
 #include <gtest/gtest.h>
 
 #include "LoopBack.h"
@@ -86,31 +87,6 @@ TEST_F(Links, CarryMessagesOfEveryLengthOnce) {
   EXPECT_TRUE(one.Complaints().empty() && two.Complaints().empty());
 }
 
-TEST_F(Links, ComplainOfSegmentsThatDoNotFit) {
-  const auto segment = [](uint32_t leader, uint32_t number, uint32_t count) {
-    return Json{{"leader_id", leader}, {"seg_number", number}, {"seg_count", count}};
-  };
-  const struct {
-    std::vector<Json> segments;
-    size_t complaints;
-  } rows[] = {{{segment(5, 0, 1)}, 1},                     // ends short of the 20 announced
-              {{segment(6, 0, 2)}, 1},                     // of another message
-              {{segment(5, 1, 2)}, 1},                     // one is missing
-              {{segment(5, 0, 4), segment(5, 1, 4)}, 1},   // more than announced
-              {{segment(5, 1, 2), segment(5, 0, 2)}, 2}};  // the second has no head any more
-  for (const auto& row : rows) {
-    Link sender(loop, kHere);
-    Link receiver(loop, kHere);
-    sender.SendWithId(5, receiver.Local(), "set_state", {{"att", 20}});
-    for (const Json& members : row.segments)
-      sender.Send(receiver.Local(), "attach", members, Bytes(11));
-    EXPECT_TRUE(loop.RunUntil([&] { return sender.Acks().size() > row.segments.size(); },
-                              std::chrono::seconds(20)));
-    EXPECT_EQ(receiver.Complaints().size(), row.complaints) << row.segments.front();
-    EXPECT_FALSE(receiver.Take("set_state", {}, {}));
-  }
-}
-
 TEST_F(Links, GiveUpAfterFiveTransmissions) {
   two.Acknowledge(false);
   const auto start = Clock::now();
@@ -147,7 +123,9 @@ TEST_F(Links, AskTakesTheAnswerThatIsMeant) {
     });
     std::string outcome = "nothing";
     try {
-      one.Ask(unit.Local(), "get_inputs", "inputs", Json::object(), {}, milliseconds(150));
+      const bool comes = row.outcome != std::string("nothing");
+      one.Ask(unit.Local(), "get_inputs", "inputs", Json::object(), {},
+              milliseconds(comes ? 5000 : 150));
       outcome = "answer";
     } catch (const Refused&) {
       outcome = "refused";
@@ -243,34 +221,6 @@ TEST(LoopBack, SaysAlteredOfForeignContentAlone) {
   EXPECT_EQ(sorted.altered, 1U);
   EXPECT_EQ(sorted.Lost(), ctl::kNoisePackets - 4);
   EXPECT_FALSE(sorted.IsGood());
-}
-
-TEST(StreamStats, TellLostFromLateFromDoubled) {
-  const struct {
-    std::vector<int> numbers;
-    uint64_t lost, late, duplicates, jumps;
-  } rows[] = {{{1, 2, 3, 4}, 0, 0, 0, 0},   {{1, 2, 4, 5}, 1, 0, 0, 0},
-              {{1, 3, 2, 4}, 0, 1, 0, 0},   {{1, 2, 2, 3}, 0, 0, 1, 0},
-              {{5, 4, 6}, 0, 1, 0, 0},      {{65534, 65535, 0, 1}, 0, 0, 0, 0},
-              {{65535, 1, 0}, 0, 1, 0, 0},  {{1, 2, 5000, 5001}, 0, 0, 0, 1},
-              {{1, 3, 2, 2, 7}, 3, 1, 1, 0}};
-  for (const auto& row : rows) {
-    StreamStats stats;
-    Clock::time_point time;
-    for (const int number : row.numbers) {
-      StreamHeader header;
-      header.sequence = static_cast<uint16_t>(number);
-      header.timestamp = static_cast<uint32_t>(number) * kPacketFrames;
-      stats.Add({EncodePacket(header, Frames(kPacketFrames)), {}, time += milliseconds(4)});
-    }
-    stats.Add({Bytes(11), {}, time});
-    EXPECT_EQ(stats.Lost(), row.lost);
-    EXPECT_EQ(stats.outOfOrder, row.late);
-    EXPECT_EQ(stats.duplicates, row.duplicates);
-    EXPECT_EQ(stats.jumps, row.jumps);
-    EXPECT_EQ(stats.foreign, 1U);
-    EXPECT_NEAR(stats.Rate(), 250, 1e-6);
-  }
 }
 
 }  // namespace
