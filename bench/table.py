@@ -25,7 +25,7 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-BUILD = ROOT / "build" / "bench"
+BUILD = ROOT / "build" / os.environ.get("QZ_BENCH_PRESET", "bench")
 FAR = BUILD / "bench" / "qz_bench_far"
 ADDRESS = "127.77.0.1"  # of what is measured
 LISTEN = "127.77.0.2:40000"  # where the far end takes all streams
