@@ -102,7 +102,7 @@ class FaultyUnitsTest : public testing::Test {
 
   std::unique_ptr<FaultyUnits> MakeRelay(uint64_t seed) {
     return std::make_unique<FaultyUnits>(
-        loop, FaultyUnitsInfo{{kHost, 0}, unit.Local(), kHost, {{real, shown}}, seed});
+        loop, FaultyUnitsInfo{{kHost, 0}, unit.Local(), {}, kHost, {{real, shown}}, seed});
   }
 
   void Set(const std::string& script) { faulty->SetFaults(ParseFaultScript(script)); }
