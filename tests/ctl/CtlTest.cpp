@@ -105,10 +105,7 @@ TEST_F(CtlTest, OptionsStandAnywhereAndInTheEnvironment) {
       {{"--json", "--to", at, "info", "studio-a"}, {}, 0, R"("unit_id":"studio-a")"},
       {{"find"}, {{"QZ640_DISCOVERY", nobody + "," + at}, {"QZ640_JSON", "1"}}, 0, R"("inputs":4)"},
       {{"find", "--to", at}, {{"QZ640_DISCOVERY", nobody}}, 0, "studio-a"},
-      {{"find"},
-       {{"QZ640_TIMEOUT", "soon"}, {"QZ640_JSON", "1"}},
-       2,
-       R"({"error":"find: --timeout)"},
+      {{"find"}, {{"QZ640_TIMEOUT", "soon"}, {"QZ640_JSON", "1"}}, 2, "(from QZ640_TIMEOUT)"},
       // Another command's variable means nothing here.
       {{"find", "--to", at}, {{"QZ640_RECORD_SECONDS", "soon"}}, 0, "studio-a"},
       {{"record", "--help"}, {}, 0, "QZ640_RECORD_SECONDS"},
@@ -182,6 +179,22 @@ TEST_F(CtlTest, AnInterruptedCommandGivesTheInputBack) {
     Interrupt(child.Id());
     EXPECT_EQ(child.WaitExit(), status) << child.ErrorOutput();
     EXPECT_EQ(Destination("tuner-b", 0), "127.0.0.1:9001") << arguments.front();
+  }
+}
+
+// Whatever a command waits for, Ctrl-C ends it long before its time is over.
+TEST(CtlInterrupt, EndsARequestInFlight) {
+  const UdpPort silent(TestLoop(), {OwnAddress(), 0}, nullptr);
+  const std::string at = silent.Local().ToText();
+  const std::vector<std::string> commands[] = {
+      {"find", "--to", at}, {"expect", "nobody", "found", "--within", "2min", "--to", at}};
+  for (std::vector<std::string> arguments : commands) {
+    arguments.insert(arguments.end(), {"--timeout", "120000", "--verbose"});
+    Process child(QZ_CTL, {.arguments = arguments});
+    TestLoop().RunUntil([&] { return child.ErrorOutput().find("dev_find") != std::string::npos; },
+                        kPatience);
+    Interrupt(child.Id());
+    EXPECT_EQ(child.WaitExit(), 1) << arguments.front() << child.ErrorOutput();
   }
 }
 

@@ -144,6 +144,15 @@ std::string See(const std::string& command) {
   return " (see qz640ctl " + (command.empty() ? "" : command + " ") + "--help)";
 }
 
+// " (from QZ640_TIMEOUT)" where the value of the option, which may be null, comes from there.
+std::string Origin(const CLI::Option* option) {
+  if (!option || option->get_envname().empty()) return {};
+  const char* value = std::getenv(option->get_envname().c_str());
+  const auto results = option->results();
+  if (!value || results.size() != 1 || results.front() != value) return {};
+  return " (from " + option->get_envname() + ")";
+}
+
 // Where a command has an option of that name: whether a value follows it. Nothing where none has.
 std::optional<bool> TakesValue(const CLI::App& app, const std::string& word) {
   if (FindOption(app, word)) return false;
@@ -166,6 +175,17 @@ CLI::App* FindCommand(CLI::App& app, const std::string& name) {
   const auto found =
       app.get_subcommands([&](const CLI::App* command) { return command->get_name() == name; });
   return found.empty() ? nullptr : found.front();
+}
+
+CLI::Validator OneOf(const std::vector<std::string>& words) {
+  std::string list;
+  for (const std::string& word : words)
+    list += (list.empty() ? "" : ",") + word;
+  const auto check = [words, list](const std::string& word) {
+    if (std::find(words.begin(), words.end(), word) != words.end()) return std::string();
+    return "\"" + word + "\" is none of " + list;
+  };
+  return CLI::Validator(check, "{" + list + "}");  // as CLI11 itself shows a set
 }
 
 CLI::Validator Seconds() {
@@ -249,7 +269,9 @@ std::string Remarks(const CLI::Option& option) {
   };
   const std::string type = option.get_type_name();
   const size_t colon = type.find(':');
-  if (colon != std::string::npos) add(type.substr(colon + 1));
+  std::string range = colon == std::string::npos ? "" : type.substr(colon + 1);
+  std::erase_if(range, [](char c) { return c == '{' || c == '}'; });
+  add(range);
   if (!option.get_default_str().empty()) add("default " + option.get_default_str());
   for (const CLI::Option* other : option.get_excludes())
     add("not with " + other->get_name());
@@ -278,13 +300,17 @@ std::string UsageText(const CLI::App& app, const CLI::ParseError& error) {
   const size_t equals = what.find(" = ");
   if (what.starts_with(unconverted) && equals != std::string::npos) {
     const size_t begin = unconverted.size();
-    return command.get_name() + ": " + what.substr(begin, equals - begin) +
-           " takes a number, not \"" + what.substr(equals + 3) + "\"" + see;
+    const std::string name = what.substr(begin, equals - begin);
+    const CLI::Option* option = command.get_option_no_throw(name);
+    const bool isFlag = option && option->get_items_expected_max() == 0;
+    return command.get_name() + ": " + name + " takes " + (isFlag ? "true or false" : "a number") +
+           ", not \"" + what.substr(equals + 3) + "\"" + Origin(option) + see;
   }
   if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) && what.ends_with(" missing")) {
     return command.get_name() + ": " + what.substr(0, what.find(':')) + " needs a value" + see;
   }
-  return command.get_name() + ": " + what + see;
+  const CLI::Option* option = command.get_option_no_throw(what.substr(0, what.find(':')));
+  return command.get_name() + ": " + what + Origin(option) + see;
 }
 
 bool WantsJson(const Arguments& arguments) {

@@ -32,6 +32,9 @@ CLI::Validator Between(Number least, Number most) {
   return CLI::Validator(check, range.str());
 }
 
+// The value must be one of these.
+CLI::Validator OneOf(const std::vector<std::string>& words);
+
 // The value must be above 0 and a year at most.
 CLI::Validator Seconds();
 

@@ -7,6 +7,7 @@
 namespace ctl {
 
 using wire::Destination;
+using wire::Endpoint;
 using wire::Unit;
 
 namespace {
@@ -132,10 +133,14 @@ int RunSetInputs(Session& session, const std::string& name, const std::vector<st
     const auto [index, value] = SplitChange(change);
     CheckInput(unit, index);
     Destination to;
-    if (value != "off") to = ParseEndpoint(value, 0);
-    if (to && to->port == 0) {
-      throw Failure{kUsage, "\"" + change + "\" has no port; it must read " +
-                                std::to_string(index) + "=a.b.c.d:port"};
+    if (value != "off") {
+      to = Endpoint::Parse(value);
+      if (!to || to->port == 0 || to->address == 0xFFFFFFFF) {
+        throw Failure{kUsage, "\"" + change + "\" " +
+                                  (to && to->port == 0 ? "has no port" : "names no address") +
+                                  "; it must read " + std::to_string(index) + "=a.b.c.d:port or " +
+                                  std::to_string(index) + "=off"};
+      }
     }
     if (request[index].set) ThrowTwice("input", index);
     request[index] = {true, to};

@@ -14,16 +14,19 @@ namespace {
 constexpr auto kErrorTime = std::chrono::milliseconds(250);
 
 Json ParseRequest(const std::string& text) {
-  Json request;
+  std::string why;
   try {
-    request = Json::parse(text);
+    const Json request = Json::parse(text);
     wire::TextAt(request, "msg");
     if (request.contains("msg_id")) wire::NumberAt(request, "msg_id");
-  } catch (const std::exception& error) {
-    throw Failure{kUsage, "that is no request: " + std::string(error.what()) +
-                              R"(; it must read like '{"msg":"get_inputs"}')"};
+    return request;
+  } catch (const Json::exception& error) {
+    why = wire::WhyNoJson(error);
+  } catch (const wire::BadMessage& error) {
+    why = error.what();
   }
-  return request;
+  throw Failure{kUsage,
+                "that is no request: " + why + R"(; it must read like '{"msg":"get_inputs"}')"};
 }
 
 void Print(const char* what, Clock::duration after, const Json& message, Output& out) {

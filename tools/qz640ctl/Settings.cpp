@@ -62,7 +62,7 @@ Settings Settings::Read(const std::filesystem::path& path) {
   try {
     object = Json::parse(text);
   } catch (const Json::exception& error) {
-    throw BadSettings(error.what());
+    throw BadSettings(wire::WhyNoJson(error));
   }
   if (!object.is_object()) throw BadSettings("the text is no object");
 

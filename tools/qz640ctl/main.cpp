@@ -123,6 +123,11 @@ class CommandLine {
     return command;
   }
 
+  // It goes on until Ctrl-C, and what it waits for may never come.
+  static void NeedsNoTimeout(CLI::App* command) {
+    command->remove_option(command->get_option("--timeout"));
+  }
+
   // Where to look for units. Who speaks with units also heals what a killed command left there.
   CLI::App* AddTo(CLI::App* command) {
     restores_.insert(command);
@@ -158,8 +163,8 @@ class CommandLine {
     AddForUnit(
         "freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
         [this](Session& session, Output& out) { return RunFreq(session, unit_, freq_, out); })
-        ->add_option("HZ", freq_, "48000 or 44100")
-        ->check(CLI::IsMember({48000, 44100}))
+        ->add_option("HZ", freq_, "Samples a second")
+        ->check(OneOf({"48000", "44100"}))
         ->required();
     AddForUnit(
         "fm", "Show or set FM frequencies", "qz640ctl fm tuner-1 2=98700",
@@ -200,6 +205,7 @@ class CommandLine {
         Add("listen", "A peer for a controller: acknowledges what a unit would take, until Ctrl-C",
             "qz640ctl listen --explain --at 127.0.0.1:8000",
             [this](Session& session, Output& out) { return RunListen(session, listen_, out); });
+    NeedsNoTimeout(listen);
     listen->add_flag("--explain", listen_.explain, "Say of each datagram what is wrong with it");
     listen->add_option("--at", listen_.at, "Own address and port (default: any free one)")
         ->capture_default_str();
@@ -317,8 +323,8 @@ class CommandLine {
         ->check(Seconds())
         ->capture_default_str();
     play->add_option("--freq", play_.sampleFreq,
-                     "The unit's sample frequency, 48000 or 44100, to which a file is converted")
-        ->check(CLI::IsMember({48000, 44100}))
+                     "The unit's sample frequency, to which a file is converted")
+        ->check(OneOf({"48000", "44100"}))
         ->capture_default_str();
     play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
         ->check(Between(-100000.0, 100000.0));
@@ -455,6 +461,7 @@ class CommandLine {
             "qz640ctl relay --seed 7 --loss 5 127.0.0.1:9000=127.0.0.1:8000\n"
             "  qz640ctl relay --discovery 10.1.0.1=10.2.0.255",
             [this](Session& session, Output& out) { return RunRelay(session, relay_, out); });
+    NeedsNoTimeout(relay);
     const CLI::Validator share = Between(0.0, 100.0);
     relay->add_option("WAY", relay_.ways, "LISTEN=TARGET, both address:port")->required();
     relay->add_flag("--discovery", relay_.discovery,
@@ -509,8 +516,7 @@ class CommandLine {
     generate->group("");  // which hides it
     restores_.erase(generate);
     generate->add_option("WHAT", generated_, "What to write to standard output")
-        ->check(CLI::IsMember(std::vector<std::string>{"man", "settings-man", "bash", "zsh", "fish",
-                                                       "powershell", "units"}))
+        ->check(OneOf({"man", "settings-man", "bash", "zsh", "fish", "powershell", "units"}))
         ->required();
   }
 

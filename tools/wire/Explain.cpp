@@ -217,7 +217,7 @@ Explanation Explain(const Bytes& datagram) {
     stream >> object;
   } catch (const Json::exception& error) {
     // The library quotes what it has read last, which may be anything.
-    const std::string reason = ToAscii(std::string(error.what()));
+    const std::string reason = ToAscii(WhyNoJson(error));
     result.refused.push_back("no JSON: " + reason.substr(1, reason.size() - 2));
     return result;
   }

@@ -31,11 +31,18 @@ Json ParseStrictly(std::string_view text) {
   try {
     return Json::parse(text, watch);
   } catch (const Json::exception& error) {
-    throw BadMessage(std::string("no JSON: ") + error.what());
+    throw BadMessage("no JSON: " + WhyNoJson(error));
   }
 }
 
 }  // namespace
+
+// The library puts a name and number of its own before the words, in brackets.
+std::string WhyNoJson(const Json::exception& error) {
+  const std::string words = error.what();
+  const size_t bracket = words.find("] ");
+  return words.starts_with('[') && bracket != std::string::npos ? words.substr(bracket + 2) : words;
+}
 
 uint32_t NumberAt(const Json& object, const char* key) {
   const Json& value = At(object, key);

@@ -43,6 +43,9 @@ std::string ToText(const Json& object);
 // A \u escape with a digit in lower case, which most JSON writers make and no unit takes.
 bool HasLowerCaseEscape(std::string_view text);
 
+// What the parser said, for people: where in the text, and what is wrong there.
+std::string WhyNoJson(const Json::exception& error);
+
 // A datagram. `att` isn't added.
 Bytes Encode(const Json& object, const Bytes& attachment = {});
 
