@@ -233,7 +233,8 @@ CLI::App* SelectCommand(CLI::App& app, Arguments& arguments) {
 
 void NameVariables(CLI::App& command) {
   for (CLI::Option* option : command.get_options()) {
-    if (option->get_lnames().empty() || option == command.get_help_ptr()) continue;
+    const bool shown = !option->get_lnames().empty() && !option->get_group().empty();
+    if (!shown || option == command.get_help_ptr()) continue;
     const std::string name = option->get_lnames().front();
     const auto shared = std::find_if(std::begin(kSharedVariables), std::end(kSharedVariables),
                                      [&](const auto& one) { return name == one.first; });

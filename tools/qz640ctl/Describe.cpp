@@ -68,7 +68,7 @@ Value ValueOf(CLI::App& app, const CLI::App& command, const CLI::Option& option)
   }
   const std::string name = ValueName(option);
   if (name == "UNIT") value.kind = Kind::Unit;
-  if (name == "FILE" || name == "SETTINGS") value.kind = Kind::File;
+  if (name == "FILE" || name == "SETTINGS" || name == "DIR") value.kind = Kind::File;
   if (name != "COMMAND") return value;
   const bool help = command.get_name() == "help";
   value.kind = help ? Kind::Choice : Kind::Program;
@@ -77,7 +77,9 @@ Value ValueOf(CLI::App& app, const CLI::App& command, const CLI::Option& option)
 }
 
 std::vector<const CLI::Option*> OptionsOf(const CLI::App& command) {
-  return command.get_options([](const CLI::Option* option) { return option->nonpositional(); });
+  return command.get_options([](const CLI::Option* option) {
+    return option->nonpositional() && !option->get_group().empty();  // none that is hidden
+  });
 }
 
 std::vector<const CLI::Option*> PositionalsOf(const CLI::App& command) {

@@ -228,9 +228,12 @@ class CommandLine {
     check->add_option("--repeat", check_.repeat, "Rounds; least, median and most at the end")
         ->check(Between(1, 10000))
         ->capture_default_str();
-    check->add_option("--junit", check_.junit, "Write the results to this file, as JUnit XML");
-    check->add_option("--html", check_.html,
-                      "Write them to this file, as one page with plots of the streams");
+    check->add_option("--junit", check_.junit, "Write the results to this file, as JUnit XML")
+        ->type_name("FILE");
+    check
+        ->add_option("--html", check_.html,
+                     "Write them to this file, as one page with plots of the streams")
+        ->type_name("FILE");
     check->add_flag("--intrusive", check_.intrusive,
                     "Leave nothing out: the unit's listeners get the inputs passed on but for the "
                     "noise, and the last tuner goes elsewhere for a moment");
@@ -292,7 +295,7 @@ class CommandLine {
         "A new file each time that this is over, such as 1h, without a gap: take-001.wav, "
         "take-002.wav and so on");
     record->add_option("--format", record_.format, "What FILE is, where its ending doesn't say so")
-        ->check(CLI::IsMember({"wav", "rf64", "flac", "raw"}));
+        ->check(OneOf({"wav", "rf64", "flac", "raw"}));
     record->add_flag("--force", record_.force, "Replace a file that exists");
     AddLocal(record);
     AddInUse(record);
@@ -314,7 +317,7 @@ class CommandLine {
     tone->excludes(pattern);
     play->add_option("--format", play_.format,
                      "raw: FILE has no header, and is 24 bits little-endian, stereo, at --freq")
-        ->check(CLI::IsMember({"wav", "raw"}));
+        ->check(OneOf({"wav", "raw"}));
     play->add_option("--output", play_.output, "Output, counted from 0")->capture_default_str();
     play->add_option("--level", play_.levelDb, "Level of the tone in dB of full scale")
         ->check(Between(-144.0, 0.0))
@@ -351,7 +354,8 @@ class CommandLine {
             "Raise the alarm, repeatable: \"silence 10s\", \"clip\", \"lost 1\", \"late 5\" "
             "(packets since the alarm before), \"drift 50ppm\", \"jitter 5ms\"")
         ->allow_extra_args(false);
-    watch->add_option("--log", watch_.alerts.log, "Append each alarm to this file, as JSON lines");
+    watch->add_option("--log", watch_.alerts.log, "Append each alarm to this file, as JSON lines")
+        ->type_name("FILE");
     watch->add_option("--exec", watch_.alerts.command,
                       "Run this for each alarm, by the shell and without its output; it finds "
                       "QZ640_ALERT, QZ640_ALERT_STATE (begins, ends, happens), QZ640_ALERT_UNIT, "
@@ -403,7 +407,7 @@ class CommandLine {
     up->add_option("--mode", up_.mode, "Test signal of the units, 0 to 4 (default: 0)")
         ->check(Between(0, 4));
     up->add_option("--freq", up_.freq, "Their sample frequency (default: 48000)")
-        ->check(CLI::IsMember({48000, 44100}));
+        ->check(OneOf({"48000", "44100"}));
     up->add_option("--speed", up_.speed, "Multiplies their clocks; 1.0001 is 100 ppm fast")
         ->check(Between(0.01, 100.0));
     up->add_option("--addr", up_.addr, "Local address of the units (default: 127.0.0.1)");
