@@ -312,8 +312,13 @@ TEST_F(CtlTest, RelayShowsTheUnitsOfAnotherNetwork) {
   const std::vector<Json> real = Run({"find", "--json"}).Objects();
   const std::vector<Json> shown = Ctl({"find", "--json", "--to", here}).Objects();
   ASSERT_EQ(shown.size(), real.size());
-  for (size_t i = 0; i < real.size(); ++i) {
-    EXPECT_NE(shown[i]["control"], real[i]["control"]) << shown[i];
+  for (const Json& unit : shown) {
+    const auto same = std::find_if(real.begin(), real.end(), [&](const Json& other) {
+      return other["unit_id"] == unit["unit_id"];
+    });
+    ASSERT_NE(same, real.end()) << unit;
+    EXPECT_NE(unit["control"], (*same)["control"]);
+    EXPECT_EQ(unit["rtp_port"] != (*same)["rtp_port"], unit["outputs"] > 0) << unit;
   }
   const Result tour =
       Ctl({"check", "studio-a", "requests", "audio", "--intrusive", "--json", "--to", here});
