@@ -9,6 +9,7 @@ endfunction()
 qz_option(QZ_TOOLS "qz640ctl, on CLI11, Asio and nlohmann/json")
 qz_option(QZ_SNDFILE "qz640ctl reads and writes more kinds of audio files, on libsndfile")
 qz_option(QZ_SAMPLERATE "qz640ctl converts sample frequencies, on libsamplerate")
+qz_option(QZ_PCAP "qz640ctl captures from an interface, on libpcap")
 qz_option(QZ_CCACHE "Compiler cache, ccache")
 
 # qz_decide(OPTION WHAT MISSING RESULT): RESULT is true where WHAT is to be built. MISSING names the

@@ -43,6 +43,12 @@ struct WatchOptions {
   std::optional<uint16_t> metricsPort;  // 0: any free one
 };
 
+struct WebOptions {
+  std::vector<std::string> units;  // empty: all that answer
+  std::string at = "127.0.0.1";    // own address to be asked at
+  uint16_t port = 6400;            // 0: a free one
+};
+
 struct CheckOptions {
   std::string unit;                // empty with `all`
   std::vector<std::string> parts;  // as ParseParts takes them; empty: all
@@ -67,6 +73,7 @@ struct UpOptions {
   std::optional<int32_t> port;
   std::string emulator;  // path; empty: see FindEmulator
   bool showLog = false;
+  bool web = false;                    // shows the page of RunWeb meanwhile
   bool untilEof = false;               // ends with standard input
   bool detach = false;                 // leaves it running
   bool background = false;             // is what --detach leaves running
@@ -106,6 +113,20 @@ struct RelayOptions {
   bool discovery = false;         // of units, instead of datagrams as they are
 };
 
+struct TraceOptions {
+  std::string on;                 // interface
+  std::string read;               // path of a capture; empty: listen
+  std::string write;              // path; empty: none
+  std::optional<double> seconds;  // none: until Ctrl-C
+};
+
+struct ReplayOptions {
+  std::string file;
+  std::string against;  // unit
+  std::string of;       // the unit in the capture, address:port; empty: the only one
+  bool diff = false;
+};
+
 struct SoakOptions {
   std::vector<std::string> units;  // empty: all that answer
   double seconds = 60;
@@ -125,7 +146,10 @@ int RunFmQuality(Session& session, const std::string& unit, Output& out);
 int RunRecord(Session& session, const RecordOptions& options, Output& out);
 int RunPlay(Session& session, const PlayOptions& options, Output& out);
 int RunWatch(Session& session, const WatchOptions& options, Output& out);
+int RunWeb(Session& session, const WebOptions& options, Output& out);
 int RunRelay(Session& session, const RelayOptions& options, Output& out);
+int RunTrace(const TraceOptions& options, Output& out);
+int RunReplay(Session& session, const ReplayOptions& options, Output& out);
 int RunSoak(Session& session, const SoakOptions& options, Output& out);
 int RunDoctor(Session& session, const std::string& settingsPath, Output& out);
 int RunCheck(Session& session, const CheckOptions& options, Output& out);

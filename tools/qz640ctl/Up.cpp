@@ -16,7 +16,9 @@
 #include "Settings.h"
 #include "platform/child.h"
 #include "platform/interfaces.h"
+#include "platform/paths.h"
 #include "platform/startup.h"
+#include "platform/text.h"
 
 namespace ctl {
 
@@ -83,6 +85,7 @@ class Running {
   int RunCommand(OutputReader& reader);
   bool Stop();  // false when the emulator didn't end in good order
   void Announce();
+  void StartWeb();
   void WriteEnvironment();
   std::string HowItEnded(OutputReader& reader, int status);
   std::string UnitCount() const { return std::to_string(settings_.units.size()) + " unit(s)"; }
@@ -104,6 +107,7 @@ class Running {
   bool wroteEnvironment_ = false;
   std::unique_ptr<RunFolder> folder_;
   std::optional<platform::Child> emulator_;  // ends before its folder goes
+  platform::Child web_;                      // runs with --web alone
 };
 
 Running::Running(Session& session, const UpOptions& options, Output& out)
@@ -199,6 +203,7 @@ int Running::Run() {
     reader.Forget();
     if (faults_) StartFaults();
     if (options_.untilEof) platform::StopAtEndOfInput();
+    if (options_.web) StartWeb();
     Announce();
     status = options_.command.empty() ? WaitCtrlC(reader) : RunCommand(reader);
   } catch (...) {
@@ -445,7 +450,24 @@ int Running::RunCommand(OutputReader& reader) {
   }
 }
 
+// Where the page can't be shown, its program says so and the units run all the same.
+void Running::StartWeb() {
+  platform::ChildOptions start;
+  start.command = {platform::WideToUtf8Lossy(platform::ModuleFile(nullptr)), "web", "--to",
+                   discovery_.ToText()};
+  start.outputToError = true;
+  const uint32_t error = web_.Start(start);
+  if (error == 0) return;
+  out_.Error("can't start " + start.command.front() +
+             " for the page: " + std::system_category().message(static_cast<int>(error)));
+}
+
 bool Running::Stop() {
+  // It gives back what it has borrowed, so the units have to be there still.
+  if (options_.web) {
+    web_.Terminate();
+    if (!web_.Wait(kStopMs)) web_.Kill();
+  }
   emulator_->WriteInput("\n");
   emulator_->CloseInput();
   const auto status = emulator_->Wait(kStopMs);

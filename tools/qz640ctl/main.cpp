@@ -44,9 +44,11 @@ class CommandLine {
     AddAudio();
     AddCheck();
     AddRestore();
+    AddWeb();
     AddUp();
     AddDown();
     AddRelay();
+    AddTrace();
     AddSoak();
     AddHelp();
     AddGenerate();
@@ -387,6 +389,23 @@ class CommandLine {
     record_.split = std::chrono::duration<double>(*time).count();
   }
 
+  void AddWeb() {
+    CLI::App* web = AddTo(
+        Add("web",
+            "A page for a browser: units, live levels, packets, jitter, losses, messages, until "
+            "Ctrl-C. Inputs are heard only as long as a page is open, and are passed on to where "
+            "they go",
+            "qz640ctl web --port 6400",
+            [this](Session& session, Output& out) { return RunWeb(session, web_, out); }));
+    web->add_option("UNIT", web_.units, "Unit ids or addresses (default: all that answer)");
+    web->add_option("--port", web_.port, "TCP port of the page; 0: a free one")
+        ->capture_default_str();
+    web->add_option("--at", web_.at, "Own address of the page; anyone who reaches it sees it")
+        ->capture_default_str();
+    AddLocal(web);
+    AddInUse(web);
+  }
+
   void AddUp() {
     CLI::App* up = Add("up", "Start an emulator on free ports for as long as a command runs",
                        "qz640ctl up --units 2xQZ820,QZ610 -- ./run-my-tests",
@@ -432,6 +451,8 @@ class CommandLine {
                                 "ends them");
     up->add_flag("--background", up_.background)->group("");  // what --detach leaves running
     untilEof->excludes(detach);
+    up->add_flag("--web", up_.web,
+                 "Show the page of \"qz640ctl web\" meanwhile; QZ640_WEB_PORT has its port");
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
     up->add_option("--fault", up_.faults, "Let the units misbehave, as said below; repeatable")
         ->allow_extra_args(false);
@@ -481,6 +502,41 @@ class CommandLine {
     relay->add_option("--corrupt", relay_.faults.corrupt, "Per cent damaged")->check(share);
     relay->add_option("--delay", relay_.faults.delayMs, "Milliseconds that all are delayed");
     relay->add_option("--jitter", relay_.faults.jitterMs, "Up to so many milliseconds more");
+  }
+
+  void AddTrace() {
+    CLI::App* trace =
+        Add("trace",
+            "What others send each other: a line a message with its acknowledgement, a line a "
+            "stream and second, and what is lost, late, repeated, refused or bad of it",
+            "qz640ctl trace --on lo -w evening.pcapng\n  qz640ctl trace -r evening.pcapng",
+            [this](Session&, Output& out) { return RunTrace(trace_, out); });
+    auto* on = trace->add_option("--on", trace_.on, "Listen on this interface, or on \"any\"");
+    trace
+        ->add_option("-w,--write", trace_.write,
+                     "Keep what comes in this pcapng file, which is replaced")
+        ->needs(on);
+    trace->add_option("--seconds", trace_.seconds, "How long to listen (default: until Ctrl-C)")
+        ->check(Seconds());
+    trace->add_option("-r,--read", trace_.read, "Read this pcap or pcapng file instead")
+        ->excludes(on);
+    trace->callback([this] {
+      if (trace_.on.empty() && trace_.read.empty()) throw CLI::RequiredError("--on or --read");
+      run_ = [this](Session&, Output& out) { return RunTrace(trace_, out); };
+    });
+
+    CLI::App* replay = AddTo(
+        Add("replay",
+            "The requests of a capture once more, in their order, those that change a unit too; "
+            "compares the answers",
+            "qz640ctl replay evening.pcapng --against studio-a --diff",
+            [this](Session& session, Output& out) { return RunReplay(session, replay_, out); }));
+    replay->add_option("FILE", replay_.file, "A pcap or pcapng file")->required();
+    replay->add_option("--against", replay_.against, "Unit id or address:port")->required();
+    replay->add_option("--of", replay_.of,
+                       "The unit in the capture, address:port (default: the only one)");
+    replay->add_flag("--diff", replay_.diff,
+                     "Show the differences alone; status 1 if there are any");
   }
 
   void AddSoak() {
@@ -565,12 +621,15 @@ class CommandLine {
   RecordOptions record_;
   PlayOptions play_;
   WatchOptions watch_;
+  WebOptions web_;
   UpOptions up_;
   DownOptions down_;
   RelayOptions relay_;
   std::string request_;
   ListenOptions listen_;
   ExpectOptions expect_;
+  TraceOptions trace_;
+  ReplayOptions replay_;
   SoakOptions soak_;
   Action run_;
 };

@@ -60,8 +60,9 @@ class Loop {
   void SetInterrupt(std::function<bool()> interrupt);
 
   // Gets a line for each control message that goes out ("-> a.b.c.d:port text") or comes in ("<-").
-  // None at first.
-  void SetTrace(std::function<void(const std::string&)> trace) { trace_ = std::move(trace); }
+  // None at first. Returns what got them before.
+  using TraceTo = std::function<void(const std::string&)>;
+  TraceTo SetTrace(TraceTo trace) { return std::exchange(trace_, std::move(trace)); }
   void Trace(const char* arrow, const Endpoint& peer, std::string_view text) const;
 
   // For as long as it lives the interrupt isn't asked: for what has to be put back at the end.
@@ -83,7 +84,7 @@ class Loop {
  private:
   std::unique_ptr<Impl> impl_;
   std::function<bool()> interrupt_;
-  std::function<void(const std::string&)> trace_;
+  TraceTo trace_;
   int shields_ = 0;
 };
 
