@@ -659,10 +659,6 @@ def _put_in_order(packets: List[_Packet]) -> Heard:
 
 # ---- An emulator of one's own ------------------------------------------------------------------
 
-# What qz640ctl runs: says what it was told, and ends with its input. So the emulator also ends when
-# this process is killed.
-_HOLD = "import json, os, sys; print(json.dumps(dict(os.environ)), flush=True); sys.stdin.read()"
-
 
 class Net:
     """Emulated units that run until `close`, or to the end of a `with`. Made by `up`.
@@ -736,20 +732,21 @@ def up(units: str = "QZ610,QZ820", faults: Sequence[str] = (), mode: int = 1,
     command = [tool, "up", "--units", units, "--mode", str(mode)]
     command += [part for fault in faults for part in ("--fault", fault)]
     command += ["--show-log"] if show_log else []
-    command += ["--", sys.executable, "-c", _HOLD]
+    command += ["--json", "--until-eof"]  # so the emulator also ends when this process is killed
     try:
         process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                   stderr=None if show_log else subprocess.PIPE)
+                                   stderr=None if show_log else subprocess.DEVNULL)
     except OSError as error:
         raise ToolFailed(f"{command[0]} can't be started: {error}") from error
     assert process.stdout
     line = process.stdout.readline()
     while line and not line.startswith(b"{"):  # what qz640ctl itself has to say
         line = process.stdout.readline()
-    if line:
-        return Net(process, json.loads(line))
-    said = process.stderr.read().decode(errors="replace").strip() if process.stderr else "see above"
+    values = json.loads(line or "{}")
+    if "QZ640_ADDR" in values:
+        return Net(process, {**os.environ, **values})
     _end(process)
+    said = values.get("error", "not a word")
     raise ToolFailed(f"{' '.join(command[:2])} ended with status {process.returncode}: {said}")
 
 

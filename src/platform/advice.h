@@ -8,8 +8,8 @@
 
 namespace platform {
 
-// A command that shows the network interfaces, also those that are down.
-std::string CommandShowInterfaces();
+// A command that brings up a network interface, and how to see which there are.
+std::string CommandBringInterfaceUp();
 
 // A command that lets the program file run in time: at real-time priority.
 std::string CommandPermitRealTime(const std::string& program);

@@ -105,6 +105,7 @@ TEST_F(CtlUp, WhatIsNotUnderstoodStartsNothing) {
       {{"--detach", "--", "true"}, 2, "--detach"},
       {{"--until-eof", "--", "true"}, 2, "--until-eof"},
       {{"--state-dir", deaf}, 1, "deaf.json"},
+      {{"--state-dir", files::path(QZ_EMULATOR).parent_path().string()}, 1, "own folder"},
       {{"--emulator", (folder_ / "none").string()}, 2, "there is no emulator at"},
   };
   for (const auto& row : rows) {

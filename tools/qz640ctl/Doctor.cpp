@@ -210,12 +210,12 @@ void Doctor::Interfaces() {
   }
   if (all.empty()) {
     Say("interfaces", Weight::Problem, "no network interface with an IPv4 address is up",
-        "the system's list is empty", platform::CommandShowInterfaces());
+        "the system's list is empty", platform::CommandBringInterfaceUp());
   } else if (!outside) {
     Say("interfaces", Weight::Hint,
         "the loopback alone is up: units can be reached from this machine and no other",
         "the system's list has no other interface with an IPv4 address",
-        platform::CommandShowInterfaces());
+        platform::CommandBringInterfaceUp());
   }
 }
 

@@ -125,6 +125,9 @@ uint32_t RunFolder::Lock() {
 files::path RunFolder::Install(const files::path& emulator, const std::string& settings) const {
   const files::path installed = path_ / emulator.filename();
   std::error_code error;
+  if (files::equivalent(emulator.parent_path(), path_, error)) {
+    throw Unusable(path_.string() + " is the emulator's own folder, where nothing is written");
+  }
   files::remove(installed, error);
   files::create_hard_link(emulator, installed, error);
   if (error) files::copy_file(emulator, installed, error);

@@ -65,6 +65,16 @@ std::string Quoted(const std::string& value) {
   return quoted + "'";
 }
 
+// What a failure report of the emulator's log says to people: "ErrType=1 ErrCode=b ErrStr=TEXT
+// Method=...".
+std::string TextOfFailure(const std::string& report) {
+  constexpr std::string_view kText = "ErrStr=";
+  const size_t begin = report.find(kText);
+  if (begin == std::string::npos) return report;
+  const size_t end = report.rfind(" Method=");
+  return report.substr(begin + kText.size(), end - begin - kText.size());
+}
+
 class Running {
  public:
   Running(Session& session, const UpOptions& options, Output& out);
@@ -300,7 +310,7 @@ void Running::WaitStart(OutputReader& reader) {
   }
   const size_t failed = line.find(kFailed);
   if (failed == std::string::npos) return;
-  const std::string reason = line.substr(failed + kFailed.size());
+  const std::string reason = " " + TextOfFailure(line.substr(failed + kFailed.size()));
   if (reason.find("bind socket failed") == std::string::npos) {
     throw Failure{kRefused, "the emulator could not start; --show-log shows more:" + reason};
   }
@@ -485,7 +495,12 @@ bool Running::Stop() {
 
 int RunUp(Session& session, const UpOptions& options, Output& out) {
   if (options.detach && !options.background) return RunDetached(options, out);
-  return Running(session, options, out).Run();
+  try {
+    return Running(session, options, out).Run();
+  } catch (const std::system_error& error) {
+    throw Failure{kRefused, "the system refuses a thread or a file (" + error.code().message() +
+                                "); raise this user's limits (ulimit -u, ulimit -n)"};
+  }
 }
 
 }  // namespace ctl

@@ -22,8 +22,8 @@ std::string FindTool(const char* name) {
 
 }  // namespace
 
-std::string CommandShowInterfaces() {
-  return "ip address";
+std::string CommandBringInterfaceUp() {
+  return "sudo ip link set NAME up   (ip address lists them)";
 }
 
 std::string CommandPermitRealTime(const std::string& program) {

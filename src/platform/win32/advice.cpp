@@ -2,8 +2,8 @@
 
 namespace platform {
 
-std::string CommandShowInterfaces() {
-  return "ipconfig /all";
+std::string CommandBringInterfaceUp() {
+  return "netsh interface set interface NAME enable   (netsh interface show interface lists them)";
 }
 
 // Every user may have the priority that matters here.
