@@ -3,6 +3,8 @@
 // targets FuzzLink and FuzzStreamStats.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "LoopBack.h"
 #include "wire/Link.h"
 #include "wire/StreamStats.h"
@@ -221,6 +223,62 @@ TEST(LoopBack, SaysAlteredOfForeignContentAlone) {
   EXPECT_EQ(sorted.altered, 1U);
   EXPECT_EQ(sorted.Lost(), ctl::kNoisePackets - 4);
   EXPECT_FALSE(sorted.IsGood());
+}
+
+// Ten seconds of a sender whose clock runs fast, each packet a little late: by what comes around
+// every seven packets, and one in fifty by 25 ms, which is more than units wait for.
+TEST(StreamTiming, FindsDriftAndWhatCameTooLate) {
+  for (const double ppm : {0.0, 50.0, -200.0}) {
+    StreamTiming timing;
+    StreamHeader header;
+    for (int i = 0; i < 2500; ++i) {
+      const double lateMs = i % 50 == 49 ? 25 : 0.3 * (i % 7);
+      const double ms = i * 4.0 / (1 + ppm / 1e6) + lateMs;
+      timing.Add(header, Clock::time_point() + std::chrono::microseconds(std::llround(1e3 * ms)));
+      header.timestamp += kPacketFrames;
+      if (i == 1000) {
+        EXPECT_FALSE(timing.DriftPpm().has_value()) << "after four seconds";
+      }
+    }
+    EXPECT_NEAR(timing.DriftPpm().value_or(1e9), ppm, 2);
+    EXPECT_EQ(timing.Late(), 50U);
+    if (ppm == 0) {
+      const auto& delays = timing.Delays();  // to 0.1, 0.25, 0.5, 1, 2, 5, 10, 20 ms, and beyond
+      EXPECT_NEAR(static_cast<double>(delays[0]), 2450 / 7.0, 10);
+      EXPECT_EQ(delays[5] + delays[6] + delays[7], 0U);
+      EXPECT_EQ(delays[8], 50U);
+    }
+    // Another stream, such as after a restart, is measured anew.
+    header.timestamp += 1'000'000'000;
+    timing.Add(header, Clock::time_point() + std::chrono::seconds(11));
+    EXPECT_FALSE(timing.DriftPpm().has_value());
+    EXPECT_EQ(timing.Late(), 50U);
+  }
+}
+
+TEST(StreamStats, SeesClippingAndThePattern) {
+  StreamStats stats;
+  StreamHeader header;
+  const auto add = [&](const Frames& frames) {
+    stats.Add({EncodePacket(header, frames), {}, Clock::time_point()});
+    ++header.sequence;
+  };
+  Frames frames(kPacketFrames);
+  frames[0].left = frames[2].left = kFullScale;  // true peaks
+  frames[190].right = frames[191].right = -kFullScale;
+  add(frames);
+  EXPECT_EQ(stats.clipped[0] + stats.clipped[1], 0U);
+  frames[0].right = kFullScale;  // the third in a row
+  add(frames);
+  EXPECT_EQ(stats.clipped[0], 0U);
+  EXPECT_EQ(stats.clipped[1], 1U);
+  for (int i = 0; i < 9; ++i)
+    add(Pattern(i));
+  EXPECT_FALSE(stats.HasPattern());
+  add(Pattern());
+  EXPECT_TRUE(stats.HasPattern());
+  add(frames);
+  EXPECT_FALSE(stats.HasPattern());
 }
 
 }  // namespace

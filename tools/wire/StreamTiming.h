@@ -31,7 +31,8 @@ class StreamTiming {
   std::optional<double> DriftPpm() const;
 
   // How many packets were delayed by so much, each against the least delayed one of its time: what
-  // a receiver would have to buffer (packet delay variation, RFC 5481).
+  // a receiver would have to buffer (packet delay variation, RFC 5481). Its time is a second or
+  // two, so that a sender that is 100 ppm slow seems up to 0.2 ms late.
   const std::array<uint64_t, kLimitsMs.size() + 1>& Delays() const { return delays_; }
 
  private:

@@ -1,0 +1,71 @@
+// What Prometheus is given, and what it takes to be given it.
+#include "Metrics.h"
+
+#include <gtest/gtest.h>
+
+#include <asio/connect.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/write.hpp>
+
+namespace ctl {
+namespace {
+
+using asio::ip::tcp;
+
+class MetricsTest : public testing::Test {
+ protected:
+  tcp::socket Connect() {
+    tcp::socket socket(context_);
+    socket.connect({asio::ip::address_v4::loopback(), server_.Port()});
+    socket.non_blocking(true);
+    return socket;
+  }
+
+  // All that comes until the server closes.
+  std::string Ask(const std::string& request) {
+    tcp::socket socket = Connect();
+    asio::error_code error;
+    asio::write(socket, asio::buffer(request), error);
+    std::string all;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < deadline) {
+      server_.Poll();
+      char part[4096];
+      all.append(part, socket.read_some(asio::buffer(part), error));
+      if (error && error != asio::error::would_block) break;
+    }
+    return all;
+  }
+
+  std::vector<Figures> rows_ = std::vector<Figures>(2);
+  MetricsServer server_{0, [this] { return MetricsText(rows_); }};
+  asio::io_context context_;
+};
+
+TEST_F(MetricsTest, AnswersAndSurvivesWhateverIsSent) {
+  rows_[0].unit = "a\"b\\c\n";
+  rows_[0].lostForGood = 12'000'000;
+  rows_[1].driftPpm = -50.5;
+  const std::string answer = Ask("GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  for (const std::string part :
+       {"HTTP/1.1 200 OK\r\n", "# TYPE qz640_lost_packets_total counter\n",
+        R"(qz640_lost_packets_total{unit="a\"b\\c\\x0A",input="0"} 12000000)",
+        R"(qz640_drift_ppm{unit="",input="0"} -50.500000)"}) {
+    EXPECT_NE(answer.find(part), std::string::npos) << part << "\n" << answer;
+  }
+  EXPECT_EQ(Ask("POST /metrics HTTP/1.1\r\n\r\n").find("HTTP/1.1 404"), 0U);
+  EXPECT_EQ(Ask(std::string(100'000, 'x')), "");  // too long, and no end to it
+  // More that never say what they want than there is room for: they make room when they go.
+  {
+    std::vector<tcp::socket> silent;
+    for (int i = 0; i < 40; ++i)
+      silent.push_back(Connect());
+    EXPECT_EQ(Ask("GET /metrics HTTP/1.1\r\n\r\n"), "");
+  }
+  server_.Poll();
+  EXPECT_EQ(Ask("GET /metrics HTTP/1.1\r\n\r\n").find("HTTP/1.1 200"), 0U);
+}
+
+}  // namespace
+}  // namespace ctl
