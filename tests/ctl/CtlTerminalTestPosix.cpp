@@ -181,6 +181,8 @@ TEST_F(LiveViewTest, FitsEverySize) {
     }
     EXPECT_EQ(terminal.State("history_size"), "0");  // nothing has scrolled away
   }
+  terminal.Type("q");
+  terminal.Wait("the prompt", [](const Lines& lines) { return lines.back() == "ready>"; });
 }
 
 TEST_F(LiveViewTest, ObeysKeysAndLeavesTheTerminalAsItWas) {
