@@ -330,9 +330,10 @@ void Recording::ShowProgress() {
     for (int channel = 0; channel < 2; ++channel)
       peaks[channel] = std::max(peaks[channel], take.TakePeak(channel));
   }
-  out_.Progress(std::to_string(packets) + " packets L " + FormatMeter(peaks[0], kMeterWidth) +
-                " R " + FormatMeter(peaks[1], kMeterWidth) + "  lost " + std::to_string(lost) +
-                "  late " + std::to_string(late));
+  // What a narrow terminal cuts off is the end of a meter, and no count.
+  out_.Progress(std::to_string(packets) + " packets, lost " + std::to_string(lost) + ", late " +
+                std::to_string(late) + "  L " + FormatMeter(peaks[0], kMeterWidth) + " R " +
+                FormatMeter(peaks[1], kMeterWidth));
 }
 
 void Recording::ShowResult() {
