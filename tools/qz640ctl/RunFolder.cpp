@@ -44,6 +44,18 @@ std::vector<files::path> Folders() {
   return folders;
 }
 
+// The lock goes last: where something can't be removed yet, as a program that has only just ended
+// can't on Windows, a later sweep still knows the folder by it.
+void Remove(const files::path& path) {
+  std::error_code error;
+  for (files::directory_iterator at(path, error), end; !error && at != end; at.increment(error)) {
+    if (at->path().filename() == kLock) continue;
+    files::remove_all(at->path(), error);
+    if (error) return;
+  }
+  files::remove_all(path, error);
+}
+
 }  // namespace
 
 std::vector<files::path> RunFolder::Places() {
@@ -109,7 +121,7 @@ RunFolder::~RunFolder() {
     for (const char* own : {kStop, kDetached})
       files::remove(path_ / own, ignored);
   } else {
-    files::remove_all(path_, ignored);
+    Remove(path_);
   }
 }
 
@@ -155,7 +167,7 @@ bool RunFolder::IsStopAsked() const {
 void RunFolder::Sweep() {
   std::error_code ignored;
   for (const files::path& path : Folders()) {
-    if (files::exists(path / kLock, ignored) && !IsRunning(path)) files::remove_all(path, ignored);
+    if (files::exists(path / kLock, ignored) && !IsRunning(path)) Remove(path);
   }
 }
 
