@@ -246,7 +246,9 @@ local function learn(pinfo, message, bytes)
   if message.msg == "ack" then
     local acked = sent[back .. message.ack_msg_id]
     if acked then
-      fact.ack_of, fact.ack_time = acked.latest.frame, fact.time - acked.latest.time
+      local passed = fact.time - acked.latest.time
+      fact.ack_of = acked.latest.frame
+      fact.ack_time = NSTime.new(math.floor(passed), math.floor(passed % 1 * 1e9))
       acked.latest.ack_in = acked.latest.ack_in or fact.frame
       acked.acknowledged = true
     end

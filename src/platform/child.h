@@ -16,7 +16,7 @@ struct ChildOptions {
   std::vector<std::string>
       command;            // program (looked up in PATH if it has no separator), arguments
   std::string shellLine;  // instead of `command`: for the system's shell (sh, cmd.exe)
-  std::vector<std::pair<std::string, std::string>> environment;  // added to this program's own
+  std::vector<std::pair<std::string, std::string>> environment;  // added or replaced
 
   // Pipes in place of this program's own standard input and output. The child then also stands
   // outside the terminal's reach: Ctrl-C goes to this program alone.

@@ -50,6 +50,14 @@ TEST_F(CtlUpPosix, TellsItsSupervisorWhenTheUnitsAnswer) {
   close(supervisor);
 }
 
+// A shell takes the last of two equal names: it would look at, or end, the units of somebody else.
+TEST_F(CtlUpPosix, ACommandSeesItsOwnUnitsAlone) {
+  Process up(QZ_CTL, {.arguments = {"up", "--units", "QZ610", "--addr", OwnAddress(), "--emulator",
+                                    QZ_EMULATOR, "--", "sh", "-c", "test $QZ640_UNIT0_ID = emu-1"},
+                      .environment = {{"QZ640_UNIT0_ID", "another"}}});
+  EXPECT_EQ(up.WaitExit(), 0) << up.ErrorOutput();
+}
+
 TEST_F(CtlUpPosix, TheDoctorAsksThePacketFilter) {
   const files::path tool = folder_ / "bin" / "nft";
   std::ofstream(tool) << "#!/bin/sh\nprintf 'table ip f {\\n\\tchain c {\\n\\t\\ttype filter hook "

@@ -23,10 +23,11 @@ GAPS = [65534, 65535, 2, 1, 2, 40000]  # two lost, one late, one doubled, a new 
 SINGLE = ("msg msg_id att ack_msg_id leader_id seg_count seg_number unit_id unit_type rtp_port outputs "
           "device_freq code txt err_msg_id").split()
 NOTES = ["lost", "late", "doubled_note", "restart_note"]
-COLUMNS = ["frame.number", "udp.srcport", "udp.dstport", "udp.payload", "_ws.col.Protocol"]
+COLUMNS = ["frame.number", "frame.time_epoch", "udp.srcport", "udp.dstport", "udp.payload",
+           "_ws.col.Protocol", "_ws.lua.error"]
 COLUMNS += ["qz640." + name for name in SINGLE]
 COLUMNS += ["qz640." + name for name in (
-    "inputs input freq attachment whole_attachment ack_of answer_of answer_in repeat_of transmission "
+    "inputs input freq attachment whole_attachment ack_of ack_time answer_of answer_in repeat_of transmission "
     "segment_of whole_in bad unacknowledged refused").split()]
 COLUMNS += ["qz640rtp." + name for name in (
     "version payload_type marker sequence timestamp source frames left right").split() + NOTES]
@@ -153,6 +154,10 @@ def check_messages(frames):
         if message["msg"] == "ack":
             tied = [f for f, m in before if m["msg_id"] == message["ack_msg_id"]]
             compare(frame, {"qz640.ack_of": [str(tied[-1]["number"])]})
+            took = float(frame["frame.time_epoch"][0]) - float(tied[-1]["frame.time_epoch"][0])
+            if not frame["qz640.ack_time"] or abs(float(frame["qz640.ack_time"][0]) - took) > 1e-5:
+                wrong.append(f"frame {frame['number']}: ack_time is {frame['qz640.ack_time']}, "
+                             f"must be {took:.6f} s")
         elif message["msg"] == "error":
             tied = [f for f, m in before if m["msg_id"] == message["err_msg_id"]]
             compare(frame, {"qz640.answer_of": [str(tied[-1]["number"])], "qz640.refused": ["1"]})
@@ -207,6 +212,8 @@ def main():
              for name in ("QZ640", "QZ640-RTP")}
     check_sequences(check_messages(shown["QZ640"]))
     check_streams(shown["QZ640-RTP"])
+    for frame in frames:
+        compare(frame, {"_ws.lua.error": []})
     # Three datagrams of the page look like nothing known but for their port, here another one.
     others = [f for f in frames if f["_ws.col.Protocol"] not in (["QZ640"], ["QZ640-RTP"])
               and not f["payload"].startswith(b"mark of")]

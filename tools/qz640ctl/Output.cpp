@@ -43,8 +43,9 @@ Fields& Fields::Add(const char* key, double number) {
   return *this;
 }
 
+// What isn't ASCII goes as \u escapes: names from the network hold whatever steers a terminal.
 std::string Fields::ToText() const {
-  return object_.dump(-1, ' ', false, wire::Json::error_handler_t::replace);
+  return object_.dump(-1, ' ', true, wire::Json::error_handler_t::replace);
 }
 
 Output::Output(const OutputOptions& options) : json_(options.json), quiet_(options.quiet) {

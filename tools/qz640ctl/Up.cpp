@@ -12,6 +12,7 @@
 #include "EmulatorFile.h"
 #include "FaultRelay.h"
 #include "OutputReader.h"
+#include "Printable.h"
 #include "RunFolder.h"
 #include "Settings.h"
 #include "platform/child.h"
@@ -425,7 +426,7 @@ void Running::Announce() {
   platform::NotifyReady();
   if (!options_.command.empty()) return;
   for (const auto& [key, value] : Environment())
-    out_.Line(key + "=" + value);
+    out_.Line(Printable(key + "=" + value));
   if (options_.background) {
     out_.Note("running; end it with: qz640ctl down " + folder_->Path().string());
     platform::LeaveStreams();

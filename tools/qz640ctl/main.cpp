@@ -163,7 +163,8 @@ class CommandLine {
         ->add_option("CHANGE", changes_, "NUMBER=ADDRESS:PORT or NUMBER=off")
         ->required();
     AddForUnit(
-        "freq", "Set a unit's sample frequency", "qz640ctl freq studio-a 44100",
+        "freq", "Set a unit's sample frequency; all its inputs go off",
+        "qz640ctl freq studio-a 44100",
         [this](Session& session, Output& out) { return RunFreq(session, unit_, freq_, out); })
         ->add_option("HZ", freq_, "Samples a second")
         ->check(OneOf({"48000", "44100"}))
@@ -302,11 +303,13 @@ class CommandLine {
     AddLocal(record);
     AddInUse(record);
 
-    CLI::App* play =
-        Add("play", "Send audio to an output",
-            "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3\n"
-            "  ffmpeg -i song.mp3 -c:a pcm_s24le -f wav - | qz640ctl play studio-a -",
-            [this](Session& session, Output& out) { return RunPlay(session, play_, out); });
+    CLI::App* play = Add(
+        "play",
+        "Send audio to an output. What somebody else sends there at the same time breaks both; a "
+        "unit doesn't say its frequency, --freq has to be it",
+        "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3\n"
+        "  ffmpeg -i song.mp3 -c:a pcm_s24le -f wav - | qz640ctl play studio-a -",
+        [this](Session& session, Output& out) { return RunPlay(session, play_, out); });
     AddTo(play);
     play->add_option("UNIT", play_.unit, "Unit id or address:port")->required();
     auto* file =
@@ -452,7 +455,8 @@ class CommandLine {
     up->add_flag("--background", up_.background)->group("");  // what --detach leaves running
     untilEof->excludes(detach);
     up->add_flag("--web", up_.web,
-                 "Show the page of \"qz640ctl web\" meanwhile; QZ640_WEB_PORT has its port");
+                 "Show the page of \"qz640ctl web\" meanwhile, at port 6400 or "
+                 "that of QZ640_WEB_PORT");
     up->add_flag("--show-log", up_.showLog, "Show the emulator's log on standard error");
     up->add_option("--fault", up_.faults, "Let the units misbehave, as said below; repeatable")
         ->allow_extra_args(false);

@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <cerrno>
 #include <csignal>
 
@@ -44,9 +46,15 @@ std::vector<std::string> Environment(const ChildOptions& options) {
   std::vector<std::string> all;
   for (const auto& [key, value] : options.environment)
     all.push_back(key + "=" + value);
-  // The first of two equal names counts, so the additions stand in front.
-  for (char** entry = environ; *entry; ++entry)
-    all.emplace_back(*entry);
+  // Of two equal names some programs take the first and some shells the last.
+  for (char** entry = environ; *entry; ++entry) {
+    const std::string own = *entry;
+    const std::string name = own.substr(0, own.find('='));
+    const auto& given = options.environment;
+    if (std::none_of(given.begin(), given.end(),
+                     [&](const auto& each) { return each.first == name; }))
+      all.push_back(own);
+  }
   return all;
 }
 

@@ -1,5 +1,7 @@
 #include "platform/child.h"
 
+#include <algorithm>
+
 #include "platform/text.h"
 #include "platform/win32/win.h"
 
@@ -38,7 +40,15 @@ std::wstring Quoted(const std::string& argument) {
   return out + L"\"";
 }
 
-// Sorted isn't required; the additions stand in front, where they count.
+// Windows knows names in any case as the same.
+bool IsNamed(const std::wstring& entry, const std::wstring& name) {
+  // Entries of the system's own begin with "=".
+  const size_t end = entry.find(L'=', 1);
+  return CompareStringOrdinal(entry.data(), static_cast<int>(std::min(end, entry.size())),
+                              name.data(), static_cast<int>(name.size()), TRUE) == CSTR_EQUAL;
+}
+
+// Sorted isn't required, but no name may come twice.
 std::wstring Environment(const ChildOptions& options) {
   std::wstring all;
   for (const auto& [key, value] : options.environment) {
@@ -46,7 +56,10 @@ std::wstring Environment(const ChildOptions& options) {
   }
   wchar_t* const block = GetEnvironmentStringsW();
   for (const wchar_t* entry = block; entry && *entry; entry += std::wstring(entry).size() + 1) {
-    all += std::wstring(entry) + L'\0';
+    const auto& given = options.environment;
+    if (std::none_of(given.begin(), given.end(),
+                     [&](const auto& each) { return IsNamed(entry, Utf8ToWideLossy(each.first)); }))
+      all += std::wstring(entry) + L'\0';
   }
   if (block) FreeEnvironmentStringsW(block);
   return all + L'\0';
