@@ -273,11 +273,18 @@ def run(ctl, folder, pictures):
         for fault, shown in (
                 ("unit emu-1: input 0: lost 5%", f"{part('lost')}.classList.contains('bad')"),
                 ("unit emu-1: input 0: late 30ms 5%", f"{part('late')}.classList.contains('warn')"),
+                ("unit emu-1: input 0: lost 100%", f"{part('silent')}.classList.contains('on')"),
                 ("get_fm_freq: error 7", "document.querySelector('.msg.fault')"),
                 ("unit emu-1: gone", f"{unit}.classList.contains('gone')"),
                 ("", f"!{unit}.classList.contains('gone')")):
             faults.write_text(fault + "\n")
             browser.wait(f"!!({shown})" if fault else shown, fault or "the unit to be back")
+
+        # What somebody sends elsewhere meanwhile stays there, and the page says so.
+        subprocess.run([ctl, "set-inputs", "emu-2", f"0={HOST}:11", *to], check=True,
+                       stdout=subprocess.DEVNULL)
+        browser.wait(f"{unit.replace('emu-1', 'emu-2')}.querySelector('.to').classList.contains('warn')",
+                     "the word that an input was set")
 
         # Frozen, the page stands still, also while packets go on.
         browser.ask("document.getElementById('freeze').click()")
