@@ -222,7 +222,7 @@ std::string BashPlace(const Value& value) {
   return "any" + end;
 }
 
-// In brackets and between colons of a zsh specification.
+// In brackets and between colons, as _arguments of zsh takes it.
 std::string ZshText(const std::string& text) {
   std::string out;
   for (const char c : text) {
