@@ -149,7 +149,8 @@ class LiveViewTest : public testing::Test {
 };
 
 TEST_F(LiveViewTest, FitsEverySize) {
-  if (!std::filesystem::exists("/usr/bin/tmux")) GTEST_SKIP() << "no tmux";
+  if (!std::filesystem::exists("/usr/bin/tmux"))
+    GTEST_SKIP() << "no tmux, which scripts/test installs";
   Terminal terminal(80, 24);
   terminal.Run(Command("watch"));
   const struct {
@@ -186,7 +187,8 @@ TEST_F(LiveViewTest, FitsEverySize) {
 }
 
 TEST_F(LiveViewTest, ObeysKeysAndLeavesTheTerminalAsItWas) {
-  if (!std::filesystem::exists("/usr/bin/tmux")) GTEST_SKIP() << "no tmux";
+  if (!std::filesystem::exists("/usr/bin/tmux"))
+    GTEST_SKIP() << "no tmux, which scripts/test installs";
   const TestFile pid(".pid");
   const auto shows = [](const std::string& part) {
     return [part](const Lines& lines) { return Has(lines, part); };

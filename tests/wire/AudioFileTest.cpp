@@ -140,7 +140,7 @@ TEST(AudioFile, EveryFormatGivesBackWhatWasWritten) {
 // At the end nothing is held back, and the level stays as it was.
 TEST(Resampler, KeepsLengthAndLevel) {
   const auto resampler = Resampler::Create(44100, 48000);
-  if (!resampler) GTEST_SKIP() << "built without libsamplerate";
+  if (!resampler) GTEST_SKIP() << "built without libsamplerate, which is optional";
   Frames out;
   for (int part = 0; part < 10; ++part) {
     Frames in(4410);
