@@ -16,6 +16,7 @@
 #include "platform/ports.h"
 #include "platform/startup.h"
 #include "platform/thread.h"
+#include "wire/PlatformAddress.h"
 #include "wire/Streams.h"
 
 namespace ctl {
@@ -35,7 +36,7 @@ constexpr double kLateGoodMs = 2.0;  // p99; later ticks shrink what a peer's bu
 
 // The subnet's broadcast address; nothing for an interface without one.
 std::optional<Endpoint> BroadcastOf(const platform::Interface& interface) {
-  const Endpoint broadcast = ToEndpoint(interface.broadcast);
+  const Endpoint broadcast = wire::ToEndpoint(interface.broadcast);
   if (broadcast.address == 0xFFFFFFFF) return std::nullopt;
   return broadcast;
 }
@@ -193,7 +194,7 @@ void Doctor::Interfaces() {
     outside = outside || !interface.loopback;
     const auto broadcast = BroadcastOf(interface);
     const std::string to = broadcast ? broadcast->ToText() : "none";
-    const std::string address = ToEndpoint(interface.address).ToText();
+    const std::string address = wire::ToEndpoint(interface.address).ToText();
     std::string line = interface.name + "  " + address + "  broadcast " + to;
     std::string names;
     if (broadcast) {

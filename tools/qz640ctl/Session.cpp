@@ -7,26 +7,20 @@
 #include "platform/interfaces.h"
 #include "platform/socket.h"
 #include "platform/startup.h"
+#include "wire/PlatformAddress.h"
 
 namespace ctl {
 
 using wire::Clock;
 using wire::Endpoint;
+using wire::ToEndpoint;
+using wire::ToPlatform;
 using wire::Unit;
 
 namespace {
 
 // How long an address without a port is looked for as a unit's name, which it hardly is.
 constexpr Clock::duration kPortlessTime = std::chrono::milliseconds(600);
-
-platform::SocketAddress ToPlatform(const Endpoint& endpoint) {
-  platform::SocketAddress address;
-  address.port[0] = static_cast<uint8_t>(endpoint.port >> 8);
-  address.port[1] = static_cast<uint8_t>(endpoint.port & 0xFF);
-  for (int i = 0; i < 4; ++i)
-    address.address[i] = static_cast<uint8_t>(endpoint.address >> (24 - 8 * i) & 0xFF);
-  return address;
-}
 
 // The same unit, answering from two addresses of this machine because it hears at all of them.
 bool IsSameUnit(const Unit& a, const Unit& b) {
@@ -63,14 +57,6 @@ Endpoint ParseEndpoint(const std::string& text, uint16_t defaultPort) {
 std::optional<Endpoint> ControlOf(const std::string& name) {
   const auto endpoint = Endpoint::Parse(name);
   if (!endpoint || endpoint->port == 0 || endpoint->address == 0xFFFFFFFF) return std::nullopt;
-  return endpoint;
-}
-
-Endpoint ToEndpoint(const platform::SocketAddress& address) {
-  Endpoint endpoint;
-  for (const uint8_t part : address.address)
-    endpoint.address = endpoint.address << 8 | part;
-  endpoint.port = static_cast<uint16_t>(address.port[0] << 8 | address.port[1]);
   return endpoint;
 }
 

@@ -12,7 +12,6 @@
 
 #include "ExitStatus.h"
 #include "LoanBook.h"
-#include "platform/socketaddress.h"
 #include "wire/Units.h"
 
 namespace ctl {
@@ -34,9 +33,6 @@ wire::Endpoint ParseEndpoint(const std::string& text, uint16_t defaultPort);
 
 // The control port that UNIT gives on a command line; nothing when it is a unit id.
 std::optional<wire::Endpoint> ControlOf(const std::string& name);
-
-// The platform's address as the far end has it; all-ones stays all-ones.
-wire::Endpoint ToEndpoint(const platform::SocketAddress& address);
 
 // A UDP socket can be bound there now: another program could still take it.
 bool IsPortFree(const wire::Endpoint& local);

@@ -20,6 +20,7 @@
 #include "platform/paths.h"
 #include "platform/startup.h"
 #include "platform/text.h"
+#include "wire/PlatformAddress.h"
 
 namespace ctl {
 
@@ -369,10 +370,10 @@ void Running::StartFaults() {
   discovery_.port = static_cast<uint16_t>(shownBroadcastPort_);
   info.discovery = {ParseEndpoint(settings_.addr, 0).address, discovery_.port};
   for (const platform::Interface& interface : platform::ListInterfaces()) {
-    const bool own = ToEndpoint(interface.address).address == info.discovery.address ||
+    const bool own = wire::ToEndpoint(interface.address).address == info.discovery.address ||
                      (interface.loopback && IsLoopback(info.discovery));
     if (!own) continue;
-    info.broadcasts.emplace_back(ToEndpoint(interface.broadcast).address, discovery_.port);
+    info.broadcasts.emplace_back(wire::ToEndpoint(interface.broadcast).address, discovery_.port);
     if (!interface.loopback) info.broadcasts.emplace_back(0xFFFFFFFF, discovery_.port);
   }
   const int32_t moved = settings_.basePort - shownBasePort_;

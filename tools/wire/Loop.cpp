@@ -25,11 +25,11 @@ constexpr size_t kBufferSize = 65536;
 // to what it permits.
 constexpr int kReceiveRoom = 4 << 20;
 
-udp::endpoint ToSystem(const Endpoint& endpoint) {
+udp::endpoint ToAsio(const Endpoint& endpoint) {
   return {asio::ip::address_v4(endpoint.address), endpoint.port};
 }
 
-Endpoint FromSystem(const udp::endpoint& endpoint) {
+Endpoint FromAsio(const udp::endpoint& endpoint) {
   return {endpoint.address().to_v4().to_uint(), endpoint.port()};
 }
 
@@ -88,9 +88,9 @@ struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
     socket.set_option(asio::socket_base::broadcast(true));
     asio::error_code ignored;
     socket.set_option(asio::socket_base::receive_buffer_size(kReceiveRoom), ignored);
-    socket.bind(ToSystem(wanted));
+    socket.bind(ToAsio(wanted));
     socket.non_blocking(true);
-    local = FromSystem(socket.local_endpoint());
+    local = FromAsio(socket.local_endpoint());
     Receive();
   }
 
@@ -106,15 +106,15 @@ struct UdpPort::Impl : std::enable_shared_from_this<UdpPort::Impl> {
     if (!socket.is_open() || error == asio::error::operation_aborted) return;
     if (!error && handler) {
       const auto end = buffer.begin() + static_cast<std::ptrdiff_t>(size);
-      handler({Bytes(buffer.begin(), end), FromSystem(from), Clock::now()});
+      handler({Bytes(buffer.begin(), end), FromAsio(from), Clock::now()});
     }
     if (socket.is_open()) Receive();
   }
 
   asio::error_code Send(const Bytes& bytes, const Endpoint& to) {
     asio::error_code error;
-    socket.send_to(asio::buffer(bytes), ToSystem(to), 0, error);
-    if (IsOldNews(error)) socket.send_to(asio::buffer(bytes), ToSystem(to), 0, error);
+    socket.send_to(asio::buffer(bytes), ToAsio(to), 0, error);
+    if (IsOldNews(error)) socket.send_to(asio::buffer(bytes), ToAsio(to), 0, error);
     return error;
   }
 
