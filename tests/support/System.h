@@ -12,7 +12,8 @@ int OwnProcessId();
 // makes writing to it fail, and what this program's own starter ignores isn't ignored there.
 void PrepareForChildren();
 
-// Ctrl-C for that process, and what asks it to end. Windows has Ctrl-Break for both.
+// Ctrl-C for that process, and what asks it to end: Ctrl-Break on Windows, which has that for
+// both where it isn't Wine.
 void Interrupt(int processId);
 void Terminate(int processId);
 
