@@ -71,11 +71,6 @@ class TestFile {
   std::filesystem::path path_;
 };
 
-// What tests before this one have on loan from units that are gone: every command speaks of it.
-inline void ForgetLoans() {
-  std::filesystem::remove_all(QZ_STATE);
-}
-
 // An emulator with a unit of each model and one of neither, and a way to name them to qz640ctl.
 class CtlTest : public testing::Test {
  protected:
@@ -83,7 +78,6 @@ class CtlTest : public testing::Test {
       : emulator_({{.id = "studio-a"},
                    {.type = "QZ820", .id = "tuner-b", .mode = 1},
                    {.type = "QZ999", .id = "odd-c"}}) {
-    ForgetLoans();
     emulator_.StartAndWait();
   }
   ~CtlTest() override { emulator_.Stop(); }

@@ -35,9 +35,9 @@ TEST_F(CtlTest, ExpectSaysWhetherConditionsHoldAndLeavesInputsAsTheyWere) {
       {{"input", "0", "--tone", "1000", "--level", "-6+-0.5", "destination", "0=127.0.0.1:9"},
        0,
        "1000.0 Hz at -6."},  // less by what a machine that stood still has left out
-      {{"input", "0", "--tone", "1000", "--level", "-20", "--within", "1s"}, 1, "peak -6.00 dB"},
-      {{"input", "0", "--tone", "1500", "--within", "1s"}, 1, "0% of the power"},
-      {{"input", "0", "silent", "--within", "1s"}, 1, "peak -6.00 dB still"},
+      {{"input", "0", "--tone", "1000", "--level", "-20", "--within", "100ms"}, 1, "peak -6.00 dB"},
+      {{"input", "0", "--tone", "1500", "--within", "100ms"}, 1, "0% of the power"},
+      {{"input", "0", "silent", "--within", "100ms"}, 1, "peak -6.00 dB still"},
       {{"freq", "44100", "--within", "1s"}, 1, "the rate is 48000"},
       {{"found", "destination", "0=off", "--within", "300ms"}, 1, "goes to 127.0.0.1:9"},
       {{"gone", "--within", "300ms"}, 1, "studio-a is there"},

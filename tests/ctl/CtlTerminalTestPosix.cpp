@@ -136,7 +136,6 @@ class LiveViewTest : public testing::Test {
       : emulator_({{.type = "QZ820", .id = "スタジオ一", .mode = 1},
                    {.type = "QZ820", .id = "cafe\xCC\x81", .mode = 1},
                    {.type = "QZ820", .id = "plain", .mode = 1}}) {
-    ForgetLoans();
     emulator_.StartAndWait();
   }
   ~LiveViewTest() override { emulator_.Stop(); }

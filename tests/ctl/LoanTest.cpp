@@ -126,6 +126,34 @@ TEST_F(LoanTest, AKilledRecordingLeavesAFileThatCanBeReadAndAnInputThatIsRestore
   EXPECT_EQ(number(4), number(76) + 72);
 }
 
+// It may never come back, and the commands to come are about other units.
+TEST_F(LoanTest, OfAUnitThatIsAwayRestoreAloneSpeaksUntilItIsForgotten) {
+  const auto watch = Start({"watch", Tuner()});
+  WaitMoved(Heard());
+  watch->Kill();
+  watch->WaitExit();
+  emulator_.Stop();
+  const auto find = Start({"find", "--timeout", "300"});
+  EXPECT_EQ(ResultOf(*find).err.find("tuner-b"), std::string::npos) << find->ErrorOutput();
+  const auto restore = Start({"restore"});
+  const Result kept = ResultOf(*restore);
+  EXPECT_EQ(kept.status, 3) << kept.err;
+  EXPECT_NE(kept.out.find("lent to \"watch\" "), std::string::npos) << kept.out;
+
+  for (const auto& entry : std::filesystem::directory_iterator(state_ / "qz640ctl")) {
+    std::ifstream in(entry.path());
+    std::string text{std::istreambuf_iterator<char>(in), {}};
+    for (size_t at = 0; (at = text.find("\"since\":1", at)) != std::string::npos; ++at)
+      text.insert(at + 8, "-");
+    std::ofstream(entry.path()) << text;
+  }
+  const auto late = Start({"restore"});
+  const Result forgotten = ResultOf(*late);
+  EXPECT_EQ(forgotten.status, 0) << forgotten.err;
+  EXPECT_NE(forgotten.out.find("forgotten"), std::string::npos) << forgotten.out;
+  EXPECT_EQ(Files(), 0u);
+}
+
 TEST_F(LoanTest, WhatACommandTouchesIsAskedForAndSaid) {
   const struct {
     std::vector<std::string> arguments;

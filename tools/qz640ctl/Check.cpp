@@ -483,7 +483,11 @@ Unit FindUnitToCheck(Session& session, const std::string& name) {
   if (!control) return session.FindUnit(name);
   session.Link().Send(*control, "get_dev_info");
   const auto answer = session.Link().Take("dev_info", *control, session.Timeout());
-  if (answer) return wire::ToUnit(*answer);
+  if (answer) {
+    const Unit unit = wire::ToUnit(*answer);
+    session.Found({unit});
+    return unit;
+  }
   throw Failure{kNoAnswer, name +
                                " has not answered \"get_dev_info\": is a unit running there, and "
                                "does a firewall let UDP through?"};

@@ -18,10 +18,11 @@ using Packets = std::deque<wire::StreamPacket>;
 namespace {
 
 constexpr auto kRound = std::chrono::milliseconds(100);
-constexpr size_t kHeard = 50;          // packets that are judged, some 200 ms
-constexpr double kSilenceDb = -80;     // real units have noise
-constexpr double kShareOfTone = 0.9;   // of the power of what is heard
-constexpr double kLevelTolerance = 1;  // dB, where none is said
+constexpr size_t kHeard = 50;                              // packets that are judged, some 200 ms
+constexpr auto kHearing = std::chrono::milliseconds(500);  // by then so many have come
+constexpr double kSilenceDb = -80;                         // real units have noise
+constexpr double kShareOfTone = 0.9;                       // of the power of what is heard
+constexpr double kLevelTolerance = 1;                      // dB, where none is said
 
 struct Condition {
   enum class Kind { Found, Gone, Freq, Tuner, Destination, Silent, Pattern, Tone };
@@ -163,6 +164,7 @@ class Expecting {
   bool IsThere();
   void Borrow();
   void Hear();
+  bool HasHeard(Clock::time_point looked) const;
   bool HoldsHeard(const Condition& condition, const Packets& packets);
 
   Session& session_;
@@ -175,6 +177,7 @@ class Expecting {
   std::vector<uint32_t> inputs_;  // those that are heard; their places are the listeners' numbers
   std::vector<Packets> heard_;
   std::unique_ptr<InputLoan> loan_;  // given back before the listeners go
+  Clock::time_point borrowed_;       // when that was done
   std::string seen_;                 // of the condition asked last
 };
 
@@ -185,7 +188,9 @@ int Expecting::Run() {
   const auto start = Clock::now();
   bool holds = false;
   std::string said;
+  Clock::time_point looked;
   do {
+    looked = Clock::now();
     holds = true;
     said.clear();
     Hear();
@@ -203,7 +208,7 @@ int Expecting::Run() {
       said += (said.empty() ? "" : "; ") + seen_;
     }
     if (!holds) session_.Loop().RunFor(kRound);
-  } while (!holds && Clock::now() - start < within);
+  } while (!holds && (Clock::now() - start < within || !HasHeard(looked)));
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   if (loan_) loan_->Return();
   out_.Object(Fields().Add("holds", holds).Add("seen", said).Add("seconds", seconds));
@@ -272,6 +277,7 @@ void Expecting::Borrow() {
   }
   heard_.resize(inputs_.size());
   loan_ = std::make_unique<InputLoan>(session_, *unit_, wanted);
+  borrowed_ = Clock::now();
 }
 
 void Expecting::Hear() {
@@ -286,6 +292,14 @@ void Expecting::Hear() {
     while (heard_[i].size() > kHeard)
       heard_[i].pop_front();
   }
+}
+
+// Whether the inputs had been heard for long enough at that time: a window that isn't full says
+// nothing of them, however short --within is, and finding the unit may take longer than that.
+bool Expecting::HasHeard(Clock::time_point looked) const {
+  if (!loan_ || looked - borrowed_ > kHearing) return true;
+  return std::all_of(heard_.begin(), heard_.end(),
+                     [](const Packets& packets) { return packets.size() == kHeard; });
 }
 
 bool Expecting::HoldsHeard(const Condition& condition, const Packets& packets) {

@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "Printable.h"
+#include "platform/clock.h"
 
 namespace ctl {
 
@@ -24,6 +25,9 @@ constexpr auto kHandOver = milliseconds(600);
 // something else to do.
 constexpr auto kPassingTime = milliseconds(500);
 
+// A unit that comes back after that has been switched off meanwhile, and forgot where it sent.
+constexpr int64_t kForgetAfter = 7 * 24 * 3600;  // seconds
+
 std::string ToText(const Destination& destination) {
   return destination ? destination->ToText() : "off";
 }
@@ -31,6 +35,38 @@ std::string ToText(const Destination& destination) {
 std::string Name(const LoanRecord& loan) {
   return "input " + std::to_string(loan.input) + " of " + PrintableCell(loan.unitId) + " (" +
          loan.control.ToText() + ")";
+}
+
+// Seconds. The system's time may have been set back.
+int64_t AgeOf(const LoanRecord& loan) {
+  return std::max<int64_t>(0, platform::GetClock().WallSeconds() - loan.since);
+}
+
+bool IsStale(const LoanRecord& loan) {
+  return AgeOf(loan) > kForgetAfter;
+}
+
+// "record" 12 min ago
+std::string Borrower(const LoanRecord& loan) {
+  const int64_t age = AgeOf(loan);
+  const auto text = [age](int64_t unit, const char* name) {
+    return std::to_string(age / unit) + name + " ago";
+  };
+  return "\"" + PrintableCell(loan.command) + "\" " +
+         (age < 120         ? text(1, " s")
+          : age < 2 * 3600  ? text(60, " min")
+          : age < 48 * 3600 ? text(3600, " h")
+                            : text(24 * 3600, " days"));
+}
+
+// Of one unit: "inputs 0, 2 of tuner-b (10.0.0.7:8000)".
+std::string Names(const std::vector<LoanRecord>& loans) {
+  if (loans.size() == 1) return Name(loans.front());
+  std::string numbers;
+  for (const LoanRecord& loan : loans)
+    numbers += (numbers.empty() ? "" : ", ") + std::to_string(loan.input);
+  return "inputs " + numbers + " of " + PrintableCell(loans.front().unitId) + " (" +
+         loans.front().control.ToText() + ")";
 }
 
 // Also where a unit of this machine is spoken to at several of its addresses.
@@ -88,7 +124,13 @@ InputLoan::InputLoan(Session& session, const wire::Unit& unit, std::vector<Input
     Destination former = input.number < now.size() ? now[input.number] : Destination();
     // A port that a program left behind and that this one has by chance: nobody hears there.
     if (former == input.here) former.reset();
-    loans_.push_back({unit_.control, unit_.id, input.number, input.here, {}});
+    loans_.push_back({unit_.control,
+                      unit_.id,
+                      input.number,
+                      input.here,
+                      {},
+                      session_.Common().command,
+                      platform::GetClock().WallSeconds()});
     loans_.back().formers = FormersOf(loans_.back(), former);
     passedOnTo_.push_back(Resolve(loans_.back(), running));
     if (input.passOn) input.passOn(passedOnTo_.back());
@@ -135,6 +177,17 @@ void InputLoan::Refresh() {
 void InputLoan::Return() {
   if (!lent_) return;
   lent_ = false;
+  try {
+    GiveBack();
+  } catch (const std::exception&) {
+    session_.Note(Names(loans_) +
+                  " couldn't be given back; the next command that meets the unit does it, or "
+                  "\"qz640ctl restore\"");
+    throw;
+  }
+}
+
+void InputLoan::GiveBack() {
   const wire::Loop::Shield shield(session_.Loop());
   const std::vector<Destination> now = session_.Control(unit_).GetInputs();
   const std::vector<LoanRecord> running = LoanBook::Running();
@@ -203,83 +256,125 @@ std::string InUseLine(InUse how, const std::vector<std::string>& inputs) {
   return line;
 }
 
-// Who restores is alone, so that nobody takes it for the process that it looks after.
-std::vector<Restored> Restore(Session& session, wire::Clock::duration limit, bool forget) {
-  const LoanBook::Turn turn;
-  std::vector<Restored> all;
-  if (!turn.IsMine()) return all;
-  const std::vector<LoanRecord> running = LoanBook::Running();
-  std::map<wire::Endpoint, std::optional<std::vector<Destination>>> inputs;  // nothing: silent
+namespace {
 
-  const auto restore = [&](const LoanRecord& loan) -> Restored {
-    wire::UnitControl control(session.Link(), loan.control, limit);
+// What became of an input that a process which has ended had borrowed.
+struct Restored {
+  enum class Fate { GivenBack, Elsewhere, NoAnswer, Forgotten };
+
+  LoanRecord loan;
+  Fate fate = Fate::NoAnswer;
+  wire::Destination now;  // where it goes; without an answer where it went before
+};
+using Fate = Restored::Fate;
+
+// Asks each unit once, however many of its inputs are left.
+class Restoring {
+ public:
+  // What isn't answered within `limit` is kept for the next time, and with `forget` given up.
+  Restoring(Session& session, wire::Clock::duration limit, bool forget)
+      : session_(session), limit_(limit), forget_(forget), running_(LoanBook::Running()) {}
+
+  Restored Restore(const LoanRecord& loan) {
+    wire::UnitControl control(session_.Link(), loan.control, limit_);
     try {
-      if (!inputs.count(loan.control)) {
-        inputs[loan.control] = std::nullopt;
-        inputs[loan.control] = control.GetInputs();
+      if (!inputs_.count(loan.control)) {
+        inputs_[loan.control] = std::nullopt;
+        inputs_[loan.control] = control.GetInputs();
       }
-      const auto& known = inputs[loan.control];
-      if (!known) return {loan, Restored::Fate::NoAnswer, loan.formers.back()};
+      const auto& known = inputs_[loan.control];
+      if (!known) return NotAnswered(loan);
       const Destination now = loan.input < known->size() ? (*known)[loan.input] : Destination();
-      if (now != loan.here) return {loan, Restored::Fate::Elsewhere, now};
+      if (now != loan.here) return {loan, Fate::Elsewhere, now};
       std::vector<wire::InputChange> changes(known->size());
-      changes[loan.input] = {true, Resolve(loan, running)};
+      changes[loan.input] = {true, Resolve(loan, running_)};
       control.SetInputs(changes);
-      return {loan, Restored::Fate::GivenBack, changes[loan.input].to};
+      return {loan, Fate::GivenBack, changes[loan.input].to};
     } catch (const wire::Interrupted&) {
       throw;
     } catch (const std::exception&) {
-      return {loan, Restored::Fate::NoAnswer, loan.formers.back()};
+      return NotAnswered(loan);
     }
-  };
+  }
 
+ private:
+  Restored NotAnswered(const LoanRecord& loan) const {
+    const bool given = forget_ || IsStale(loan);
+    return {loan, given ? Fate::Forgotten : Fate::NoAnswer, loan.formers.back()};
+  }
+
+  Session& session_;
+  const wire::Clock::duration limit_;
+  const bool forget_;
+  const std::vector<LoanRecord> running_;
+  std::map<wire::Endpoint, std::optional<std::vector<Destination>>> inputs_;  // nothing: silent
+};
+
+}  // namespace
+
+// Who restores is alone, so that nobody takes it for the process that it looks after.
+void RestoreInPassing(Session& session, const std::vector<wire::Unit>& units) {
+  const LoanBook::Turn turn;
+  if (!turn.IsMine()) return;
+  Restoring restoring(session, kPassingTime, false);
   for (const LoanBook::Left& left : LoanBook::LeftBehind()) {
     bool done = true;
     for (const LoanRecord& loan : left.loans) {
-      all.push_back(restore(loan));
-      done = done && all.back().fate != Restored::Fate::NoAnswer;
+      const bool isThere = std::any_of(units.begin(), units.end(), [&](const wire::Unit& unit) {
+        return IsSameUnit(unit.control, loan.control);
+      });
+      if (!isThere) {
+        done = done && IsStale(loan);
+        continue;
+      }
+      const Restored restored = restoring.Restore(loan);
+      done = done && restored.fate != Fate::NoAnswer;
+      if (restored.fate == Fate::GivenBack) {
+        session.Note(
+            Name(loan) + " was lent to " + Borrower(loan) + " and hasn't been given back; it " +
+            (restored.now ? "goes to " + ToText(restored.now) : std::string("is off")) + " again");
+      }
     }
-    if (done || forget) LoanBook::Remove(left);
-  }
-  return all;
-}
-
-void RestoreInPassing(Session& session) {
-  for (const Restored& restored : Restore(session, kPassingTime, false)) {
-    if (restored.fate == Restored::Fate::GivenBack) {
-      session.Note(
-          "a qz640ctl that was killed had left " + Name(restored.loan) + " sent to itself; it is " +
-          (restored.now ? "sent to " + ToText(restored.now) : std::string("off")) + " again");
-    } else if (restored.fate == Restored::Fate::NoAnswer) {
-      session.Note("a qz640ctl that was killed has left " + Name(restored.loan) +
-                   " sent to itself, and the unit doesn't answer; the next command tries again, "
-                   "and \"qz640ctl restore --forget\" gives it up");
-    }
+    if (done) LoanBook::Remove(left);
   }
 }
 
 int RunRestore(Session& session, bool forget, Output& out) {
-  const std::vector<Restored> all = Restore(session, session.Timeout(), forget);
-  bool silent = false;
-  for (const Restored& restored : all) {
-    const bool answered = restored.fate != Restored::Fate::NoAnswer;
-    silent = silent || !answered;
-    const char* result = restored.fate == Restored::Fate::GivenBack   ? "given back"
-                         : restored.fate == Restored::Fate::Elsewhere ? "sent elsewhere meanwhile"
-                         : forget                                     ? "given up, no answer"
-                                                                      : "no answer";
-    out.Object(Fields()
-                   .Add("unit_id", restored.loan.unitId)
-                   .Add("control", restored.loan.control.ToText())
-                   .Add("input", restored.loan.input)
-                   .Add("result", answered ? "done"
-                                  : forget ? "forgotten"
-                                           : "no answer")
-                   .Add("destination", ToText(restored.now)));
-    out.Line(Name(restored.loan) + ": " + result + " (" + ToText(restored.now) + ")");
+  const LoanBook::Turn turn;
+  if (!turn.IsMine()) {
+    throw Failure{kRefused, "another qz640ctl gives inputs back at this moment; try again"};
   }
-  if (all.empty()) out.Line("nothing is left to be given back");
-  return silent && !forget ? kNoAnswer : kDone;
+  Restoring restoring(session, session.Timeout(), forget);
+  bool any = false;
+  bool silent = false;
+  for (const LoanBook::Left& left : LoanBook::LeftBehind()) {
+    bool done = true;
+    for (const LoanRecord& loan : left.loans) {
+      const Restored restored = restoring.Restore(loan);
+      any = true;
+      done = done && restored.fate != Fate::NoAnswer;
+      static constexpr const char* kResults[] = {"done", "done", "no answer", "forgotten"};
+      static constexpr const char* kTexts[] = {
+          "given back", "sent elsewhere meanwhile",
+          "no answer; tried again when the unit is met, forgotten after 7 days or by --forget",
+          "no answer, forgotten"};
+      const auto fate = static_cast<size_t>(restored.fate);
+      out.Object(Fields()
+                     .Add("unit_id", loan.unitId)
+                     .Add("control", loan.control.ToText())
+                     .Add("input", loan.input)
+                     .Add("lent_to", loan.command)
+                     .Add("seconds_ago", AgeOf(loan))
+                     .Add("result", kResults[fate])
+                     .Add("destination", ToText(restored.now)));
+      out.Line(Name(loan) + ", lent to " + Borrower(loan) + ": " + kTexts[fate] + " (" +
+               ToText(restored.now) + ")");
+    }
+    if (done) LoanBook::Remove(left);
+    silent = silent || !done;
+  }
+  if (!any) out.Line("nothing is left to be given back");
+  return silent ? kNoAnswer : kDone;
 }
 
 }  // namespace ctl

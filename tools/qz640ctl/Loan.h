@@ -45,6 +45,7 @@ class InputLoan {
  private:
   void Set(const std::vector<wire::InputChange>& changes);
   void TryReturn();
+  void GiveBack();
   void Note(const LoanRecord& loan, const wire::Destination& now);
 
   Session& session_;
@@ -61,20 +62,9 @@ std::string InUseText(const wire::Unit& unit, uint32_t input, const wire::Destin
 // That line.
 std::string InUseLine(InUse how, const std::vector<std::string>& inputs);
 
-// What became of an input that a killed process had borrowed.
-struct Restored {
-  enum class Fate { GivenBack, Elsewhere, NoAnswer };
-
-  LoanRecord loan;
-  Fate fate = Fate::NoAnswer;
-  wire::Destination now;  // where it goes; for NoAnswer where it went before
-};
-
-// Gives back what killed processes had borrowed and is still sent to them. What isn't answered
-// within `limit` is kept for the next time, and with `forget` given up.
-std::vector<Restored> Restore(Session& session, wire::Clock::duration limit, bool forget);
-
-// The same in passing, before a command does its own work: notes what it did.
-void RestoreInPassing(Session& session);
+// Gives back what processes that have ended had borrowed from these units and is still sent to
+// them, and notes it. To be called with units that have just answered, so that a command never
+// waits for one that it isn't about. What was borrowed a week ago is forgotten, also of others.
+void RestoreInPassing(Session& session, const std::vector<wire::Unit>& units);
 
 }  // namespace ctl

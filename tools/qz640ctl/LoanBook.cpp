@@ -6,6 +6,7 @@
 
 #include "HeldFile.h"
 #include "StateFiles.h"
+#include "platform/clock.h"
 #include "platform/errors.h"
 
 namespace ctl {
@@ -30,7 +31,9 @@ Json ToJson(const LoanRecord& loan, bool returned) {
                        {"unit_id", loan.unitId},
                        {"input", loan.input},
                        {"here", loan.here.ToText()},
-                       {"formers", formers}});
+                       {"formers", formers},
+                       {"command", loan.command},
+                       {"since", loan.since}});
 }
 
 wire::Endpoint ParseAddress(const Json& text) {
@@ -49,6 +52,9 @@ LoanRecord ToLoan(const Json& line) {
     loan.formers.push_back(former == kOff ? wire::Destination() : ParseAddress(former));
   }
   if (loan.formers.empty()) throw std::invalid_argument("no former destination");
+  // Earlier versions wrote neither.
+  loan.command = line.value("command", "qz640ctl");
+  loan.since = line.value("since", platform::GetClock().WallSeconds());
   return loan;
 }
 

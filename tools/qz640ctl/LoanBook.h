@@ -26,6 +26,9 @@ struct LoanRecord {
   // where the input belongs (nothing: it is off).
   std::vector<wire::Destination> formers;
 
+  std::string command = {};  // who borrowed it: "record"
+  int64_t since = 0;         // when, in seconds since 1970-01-01 00:00:00 UTC
+
   // The same loan of the same input.
   bool IsSame(const LoanRecord& other) const {
     return control == other.control && input == other.input && here == other.here;

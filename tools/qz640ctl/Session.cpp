@@ -130,7 +130,16 @@ std::vector<Unit> Session::Find(const std::vector<Endpoint>& to, wire::Clock::du
     if (leftOut_.insert(answer).second) Note("left out an answer that makes no sense: " + answer);
   }
   unsent_ = trouble.unsent;
+  Found(found);
   return found;
+}
+
+void Session::Found(const std::vector<Unit>& units) {
+  std::vector<Unit> unknown;
+  for (const Unit& unit : units) {
+    if (known_.insert(unit.control).second) unknown.push_back(unit);
+  }
+  if (onFound_ && !unknown.empty()) onFound_(unknown);
 }
 
 Failure Session::NobodyAnswered(const std::vector<Endpoint>& to) {
@@ -163,7 +172,9 @@ Failure Session::NobodyAnswered(const std::vector<Endpoint>& to) {
 
 Unit Session::FindUnit(const std::string& name) {
   if (const auto control = ControlOf(name)) {
-    return wire::UnitControl(Link(), *control, Timeout()).GetDevInfo();
+    const Unit unit = wire::UnitControl(Link(), *control, Timeout()).GetDevInfo();
+    Found({unit});
+    return unit;
   }
   const auto address = Endpoint::Parse(name);
   std::vector<Endpoint> at = DiscoverAt();

@@ -21,6 +21,7 @@ enum class InUse { PassOn, Take, LeaveOut };
 
 // What every command takes.
 struct CommonOptions {
+  std::string command;  // its name
   bool json = false;
   uint32_t timeoutMs = 3000;    // for an answer, and for a discovery
   std::vector<std::string> to;  // where to look for units; empty: every interface
@@ -90,6 +91,14 @@ class Session {
     if (showNote_) showNote_(text);
   }
 
+  // Gets the units that have answered for the first time, before whoever looked for them.
+  void OnFound(std::function<void(const std::vector<wire::Unit>&)> look) {
+    onFound_ = std::move(look);
+  }
+
+  // For who has met units in another way than by Find and FindUnit.
+  void Found(const std::vector<wire::Unit>& units);
+
   // What this process has borrowed.
   LoanBook& Loans() { return loans_; }
 
@@ -98,8 +107,10 @@ class Session {
   wire::Loop loop_;
   std::optional<wire::Link> link_;
   std::function<void(const std::string&)> showNote_;
-  std::set<std::string> leftOut_;  // answers that got their note
-  std::set<std::string> unsent_;   // what the latest discovery couldn't send
+  std::function<void(const std::vector<wire::Unit>&)> onFound_;
+  std::set<wire::Endpoint> known_;  // control addresses
+  std::set<std::string> leftOut_;   // answers that got their note
+  std::set<std::string> unsent_;    // what the latest discovery couldn't send
   LoanBook loans_;
 };
 

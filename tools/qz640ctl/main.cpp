@@ -91,11 +91,14 @@ class CommandLine {
       usage.Error(UsageText(app_, error));
       return kUsage;
     }
+    common_.command = app_.get_subcommands().front()->get_name();
     Output out({.json = common_.json, .quiet = quiet_, .noColour = noColour_});
     Session session(common_, verbose_);
     session.OnNote([&out](const std::string& text) { out.Note(text); });
     try {
-      if (restores_.count(app_.get_subcommands().front()) > 0) RestoreInPassing(session);
+      if (restores_.count(app_.get_subcommands().front()) > 0) {
+        session.OnFound([&session](const auto& units) { RestoreInPassing(session, units); });
+      }
       return run_(session, out);
     } catch (const OutputClosed&) {
       // What judges hasn't come to its end: no status 0 for a unit that nobody judged.
@@ -201,7 +204,10 @@ class CommandLine {
     expect->add_option("--tone", expect_.toneHz, "The input has a sine of so many Hz")
         ->check(Between(1.0, 22000.0));
     expect->add_option("--level", expect_.level, "The tone's level in dB of full scale");
-    expect->add_option("--within", expect_.within, "How long to wait")->capture_default_str();
+    expect
+        ->add_option("--within", expect_.within,
+                     "How long to wait; an input is heard for 0.2 s in any case")
+        ->capture_default_str();
     AddLocal(expect);
 
     CLI::App* listen =
@@ -249,13 +255,13 @@ class CommandLine {
   }
 
   void AddRestore() {
-    CLI::App* restore =
-        AddTo(Add("restore",
-                  "Send inputs to where they went before a watch, record or check that was killed; "
-                  "every other command that speaks with units does so too",
-                  "qz640ctl restore", [this](Session& session, Output& out) {
-                    return RunRestore(session, forget_, out);
-                  }));
+    CLI::App* restore = AddTo(
+        Add("restore",
+            "Send inputs to where they went before a watch, record or check that couldn't "
+            "give them back, as it was killed or the unit was away. Every command does so for "
+            "the units that it finds; what stays away for 7 days is forgotten",
+            "qz640ctl restore",
+            [this](Session& session, Output& out) { return RunRestore(session, forget_, out); }));
     restores_.erase(restore);
     restore->add_flag("--forget", forget_, "Give up what belongs to units that don't answer");
   }
