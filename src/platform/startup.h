@@ -38,9 +38,9 @@ void StopAtEndOfInput();
 // ended, what it writes is dropped.
 void LeaveStreams();
 
-// Says to the supervisor that started this program that it is ready, where that one asks for it
-// (systemd, as sd_notify(3) describes).
-void NotifyReady();
+// Says to the supervisor that started this program that it is ready, and `status` to show beside
+// it: one line of UTF-8 (systemd, as sd_notify(3) describes). False where none asks for it.
+bool NotifyReady(std::string_view status);
 
 // Writes all bytes to standard output and flushes, however long it takes them. The operating
 // system's error number, 0 for success; kPipeClosed when nobody reads any more. Holds nothing that

@@ -43,10 +43,11 @@ TEST_F(CtlUpPosix, TellsItsSupervisorWhenTheUnitsAnswer) {
   ASSERT_EQ(bind(supervisor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   Process up(QZ_CTL, {.arguments = {"up", "--emulator", QZ_EMULATOR, "--addr", OwnAddress()},
                       .environment = {{"NOTIFY_SOCKET", path}}});
-  ASSERT_TRUE(up.WaitLine("running until")) << up.ErrorOutput();
-  char text[64] = {};
+  ASSERT_TRUE(up.WaitLine("running until the service is stopped")) << up.ErrorOutput();
+  char text[128] = {};
   EXPECT_GT(recv(supervisor, text, sizeof text - 1, MSG_DONTWAIT), 0);
-  EXPECT_STREQ(text, "READY=1");
+  const std::string expected = "READY=1\nSTATUS=answering at " + OwnAddress() + ":";
+  EXPECT_EQ(std::string(text).substr(0, expected.size()), expected);
   close(supervisor);
 }
 

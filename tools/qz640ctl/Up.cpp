@@ -424,7 +424,8 @@ void Running::Announce() {
   for (const auto& [key, value] : Environment())
     fields.Add(key.c_str(), value);
   out_.Object(fields);
-  platform::NotifyReady();
+  const bool supervised = platform::NotifyReady("answering at " + discovery_.ToText() +
+                                                ", units: " + std::to_string(found_.size()));
   if (!options_.command.empty()) return;
   for (const auto& [key, value] : Environment())
     out_.Line(Printable(key + "=" + value));
@@ -432,7 +433,9 @@ void Running::Announce() {
     out_.Note("running; end it with: qz640ctl down " + folder_->Path().string());
     platform::LeaveStreams();
   } else {
-    out_.Line(options_.untilEof ? "running until standard input ends" : "running until Ctrl-C");
+    out_.Line(options_.untilEof ? "running until standard input ends"
+              : supervised      ? "running until the service is stopped"
+                                : "running until Ctrl-C");
   }
 }
 

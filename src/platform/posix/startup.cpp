@@ -198,20 +198,22 @@ void LeaveStreams() {
   close(null);
 }
 
-void NotifyReady() {
+bool NotifyReady(std::string_view status) {
   const char* name = std::getenv("NOTIFY_SOCKET");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const size_t length = name ? std::strlen(name) : 0;
-  if (length == 0 || length >= sizeof address.sun_path) return;
+  if (length == 0 || length >= sizeof address.sun_path) return false;
   std::memcpy(address.sun_path, name, length);
   if (name[0] == '@') address.sun_path[0] = '\0';  // a name in no file system (unix(7))
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd == -1) return;
-  constexpr std::string_view kReady = "READY=1";
-  sendto(fd, kReady.data(), kReady.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address),
-         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+  if (fd == -1) return false;
+  const std::string ready = "READY=1\nSTATUS=" + std::string(status);
+  const ssize_t sent =
+      sendto(fd, ready.data(), ready.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address),
+             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
   close(fd);
+  return sent != -1;
 }
 
 uint32_t WriteOutput(std::string_view bytes) {

@@ -147,7 +147,10 @@ void LeaveStreams() {
   _close(null);
 }
 
-void NotifyReady() {}  // services of this system aren't started so
+// Services of this system aren't started so.
+bool NotifyReady(std::string_view /*status*/) {
+  return false;
+}
 
 // Not through the C library's stream: its lock, held by a thread that stays in its write, would
 // hold up the end of the process. Line feeds become what text files have here, as in that stream.
