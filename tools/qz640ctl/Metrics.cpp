@@ -1,11 +1,8 @@
 #include "Metrics.h"
 
-#include <asio/io_context.hpp>
-#include <asio/ip/tcp.hpp>
-#include <asio/read_until.hpp>
-#include <asio/steady_timer.hpp>
-#include <asio/streambuf.hpp>
-#include <asio/write.hpp>
+#include <optional>
+#include <system_error>
+#include <utility>
 
 #include "ExitStatus.h"
 #include "Printable.h"
@@ -14,11 +11,7 @@ namespace ctl {
 
 namespace {
 
-using asio::ip::tcp;
-
-constexpr size_t kMostConnections = 16;
-constexpr size_t kLongestRequest = 8192;
-constexpr auto kLongestTime = std::chrono::seconds(5);
+constexpr uint32_t kLoopback = 0x7F000001;
 
 // A label's value between quotes: no backslash, quote or line feed as it is.
 std::string Label(const std::string& text) {
@@ -30,55 +23,12 @@ std::string Label(const std::string& text) {
   return label;
 }
 
-std::string Answer(const std::string& status, const std::string& type, const std::string& body) {
-  return "HTTP/1.1 " + status + "\r\nContent-Type: " + type +
-         "; charset=utf-8\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nConnection: close\r\n\r\n" + body;
+HttpAnswer MetricsAnswer(std::string_view head, const std::function<std::string()>& text) {
+  if (head.starts_with("GET /metrics ")) {
+    return WholeAnswer("200 OK", "text/plain; version=0.0.4", {}, text());
+  }
+  return Refusal("404 Not Found", "Only GET /metrics is answered here.");
 }
-
-// One request and its answer. Lives as long as something of it is under way.
-class Connection : public std::enable_shared_from_this<Connection> {
- public:
-  Connection(tcp::socket socket, const std::function<std::string()>& text)
-      : socket_(std::move(socket)), text_(text), limit_(socket_.get_executor()) {}
-
-  void Begin() {
-    limit_.expires_after(kLongestTime);
-    limit_.async_wait([self = shared_from_this()](asio::error_code error) {
-      if (!error) self->Close();
-    });
-    asio::async_read_until(
-        socket_, request_, "\r\n\r\n",
-        [self = shared_from_this()](asio::error_code error, size_t) { self->OnRequest(error); });
-  }
-
- private:
-  void OnRequest(const asio::error_code& error) {
-    if (error) return Close();  // also where the request is too long
-    std::string line;
-    std::getline(std::istream(&request_), line);
-    if (line.starts_with("GET /metrics ")) {
-      answer_ = Answer("200 OK", "text/plain; version=0.0.4", text_());
-    } else {
-      answer_ = Answer("404 Not Found", "text/plain", "Only GET /metrics is answered here.\n");
-    }
-    asio::async_write(socket_, asio::buffer(answer_),
-                      [self = shared_from_this()](asio::error_code, size_t) { self->Close(); });
-  }
-
-  void Close() {
-    asio::error_code ignored;
-    limit_.cancel();
-    socket_.shutdown(tcp::socket::shutdown_both, ignored);
-    socket_.close(ignored);
-  }
-
-  tcp::socket socket_;
-  const std::function<std::string()>& text_;
-  asio::steady_timer limit_;
-  asio::streambuf request_{kLongestRequest};
-  std::string answer_;
-};
 
 }  // namespace
 
@@ -125,55 +75,13 @@ std::string MetricsText(const std::vector<Figures>& rows) {
   return text;
 }
 
-struct MetricsServer::Impl {
-  explicit Impl(std::function<std::string()> ask) : text(std::move(ask)) {}
-
-  void Accept() {
-    accepting = true;
-    acceptor.async_accept([this](asio::error_code error, tcp::socket socket) {
-      accepting = false;  // where no descriptor is to be had, until the next Poll
-      if (error) return;
-      std::erase_if(connections, [](const auto& connection) { return connection.expired(); });
-      if (connections.size() < kMostConnections) {
-        const auto connection = std::make_shared<Connection>(std::move(socket), text);
-        connections.push_back(connection);
-        connection->Begin();
-      }
-      Accept();
-    });
-  }
-
-  const std::function<std::string()> text;
-  asio::io_context context;
-  tcp::acceptor acceptor{context};
-  std::vector<std::weak_ptr<Connection>> connections;
-  bool accepting = false;
-};
-
-MetricsServer::MetricsServer(uint16_t port, std::function<std::string()> text)
-    : impl_(std::make_unique<Impl>(std::move(text))) {
-  try {
-    impl_->acceptor.open(tcp::v4());
-    // Else the answers of an earlier watch would keep the port for a minute.
-    impl_->acceptor.set_option(tcp::acceptor::reuse_address(true));
-    impl_->acceptor.bind({asio::ip::address_v4::loopback(), port});
-    impl_->acceptor.listen();
-  } catch (const std::system_error& error) {
-    throw Failure{kNoPort, "can't serve metrics at 127.0.0.1:" + std::to_string(port) + ": " +
-                               error.code().message() + "; name another port with --metrics"};
-  }
-  impl_->Accept();
-}
-
-MetricsServer::~MetricsServer() = default;
-
-uint16_t MetricsServer::Port() const {
-  return impl_->acceptor.local_endpoint().port();
-}
-
-void MetricsServer::Poll() {
-  if (!impl_->accepting) impl_->Accept();
-  impl_->context.poll();
+MetricsServer::MetricsServer(uint16_t port, std::function<std::string()> text) try
+    : server_({kLoopback, port}, [text = std::move(text)](std::string_view head) {
+        return MetricsAnswer(head, text);
+      }) {
+} catch (const std::system_error& error) {
+  throw Failure{kNoPort, "can't serve metrics at 127.0.0.1:" + std::to_string(port) + ": " +
+                             error.code().message() + "; name another port with --metrics"};
 }
 
 }  // namespace ctl

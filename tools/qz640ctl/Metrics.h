@@ -1,13 +1,12 @@
-// The figures of "watch" for Prometheus, over HTTP on this machine's own address: bounded in
-// connections, bytes and time, whatever is sent there.
+// The figures of "watch" for Prometheus, over HTTP on this machine's own address.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "HttpServer.h"
 #include "Watched.h"
 
 namespace ctl {
@@ -20,18 +19,14 @@ class MetricsServer {
  public:
   // `text` is asked for each answer. Port 0 takes a free one. Throws Failure (kNoPort).
   MetricsServer(uint16_t port, std::function<std::string()> text);
-  ~MetricsServer();
-  MetricsServer(const MetricsServer&) = delete;
-  MetricsServer& operator=(const MetricsServer&) = delete;
 
-  uint16_t Port() const;
+  uint16_t Port() const { return server_.Local().port; }
 
   // Answers what has come by now; never waits. To be called some ten times a second.
-  void Poll();
+  void Poll() { server_.Poll(); }
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  HttpServer server_;
 };
 
 }  // namespace ctl
