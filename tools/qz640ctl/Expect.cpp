@@ -252,7 +252,7 @@ bool Expecting::Holds(const Condition& condition) {
     for (size_t i = 0; loan_ && i < inputs_.size(); ++i) {
       if (inputs_[i] == condition.number && now == listeners_.Local(i)) now = loan_->Former(i);
     }
-    seen_ = "input " + number + " goes to " + (now ? now->ToText() : "off");
+    seen_ = "input " + number + " goes to " + ToText(now);
     return now == condition.to;
   }
   if (!loan_) Borrow();

@@ -28,10 +28,6 @@ constexpr auto kPassingTime = milliseconds(500);
 // A unit that comes back after that has been switched off meanwhile, and forgot where it sent.
 constexpr int64_t kForgetAfter = 7 * 24 * 3600;  // seconds
 
-std::string ToText(const Destination& destination) {
-  return destination ? destination->ToText() : "off";
-}
-
 std::string Name(const LoanRecord& loan) {
   return "input " + std::to_string(loan.input) + " of " + PrintableCell(loan.unitId) + " (" +
          loan.control.ToText() + ")";

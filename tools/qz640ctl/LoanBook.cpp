@@ -16,11 +16,6 @@ using wire::Json;
 namespace {
 
 constexpr const wchar_t* kEnding = L".loans";
-constexpr const char* kOff = "off";
-
-std::string ToText(const wire::Destination& destination) {
-  return destination ? destination->ToText() : kOff;
-}
 
 Json ToJson(const LoanRecord& loan, bool returned) {
   Json formers = Json::array();
@@ -49,7 +44,8 @@ LoanRecord ToLoan(const Json& line) {
   loan.input = line.at("input");
   loan.here = ParseAddress(line.at("here"));
   for (const Json& former : line.at("formers")) {
-    loan.formers.push_back(former == kOff ? wire::Destination() : ParseAddress(former));
+    loan.formers.push_back(former == ToText(wire::Destination()) ? wire::Destination()
+                                                                 : ParseAddress(former));
   }
   if (loan.formers.empty()) throw std::invalid_argument("no former destination");
   // Earlier versions wrote neither.

@@ -55,10 +55,6 @@ std::pair<uint32_t, std::string> SplitChange(const std::string& change) {
                             " is changed twice; give one change for each"};
 }
 
-std::string ToText(const Destination& destination) {
-  return destination ? destination->ToText() : "off";
-}
-
 void PrintInputs(const std::vector<Destination>& inputs, Output& out) {
   std::vector<std::vector<std::string>> rows{{"INPUT", "DESTINATION"}};
   for (size_t i = 0; i < inputs.size(); ++i) {

@@ -39,10 +39,6 @@ constexpr size_t kMessages = 60;
 constexpr size_t kMostUnits = 250;
 constexpr uint32_t kMostInputs = 16;  // of a unit, likewise its outputs
 
-std::string ToText(const Destination& destination) {
-  return destination ? destination->ToText() : "off";
-}
-
 // A number to no more places than the page shows.
 double Rounded(double value, double step) {
   return std::round(value / step) * step;

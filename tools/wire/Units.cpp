@@ -5,6 +5,10 @@
 
 namespace wire {
 
+std::string ToText(const Destination& destination) {
+  return destination ? destination->ToText() : "off";
+}
+
 Endpoint Unit::Output(uint32_t output) const {
   return {control.address, static_cast<uint16_t>(rtpPort + 2 * output)};
 }
@@ -38,7 +42,7 @@ Unit ToUnit(const Message& devInfo) {
 Json ToMembers(const std::vector<InputChange>& changes) {
   Json inputs = Json::array();
   for (const InputChange& change : changes) {
-    inputs.push_back(!change.set ? "" : change.to ? change.to->ToText() : "off");
+    inputs.push_back(change.set ? ToText(change.to) : "");
   }
   if (inputs.empty()) return Json::object();
   return Json::object({{"inputs", inputs}});

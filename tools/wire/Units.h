@@ -34,6 +34,7 @@ Unit ToUnit(const Message& devInfo);
 
 // Where an input's stream goes; nothing: the input is off.
 using Destination = std::optional<Endpoint>;
+std::string ToText(const Destination& destination);  // a.b.c.d:port, or "off"
 
 // What "set_inputs" does with one input.
 struct InputChange {
