@@ -158,4 +158,14 @@ std::string WideToUtf8Lossy(std::wstring_view text) {
   return ToUtf8(text, OnBad::Replace);
 }
 
+std::string QuotedForSh(const std::string& text) {
+  constexpr const char* kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.,:/@%+";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) return text;
+  std::string quoted = "'";
+  for (const char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 }  // namespace platform

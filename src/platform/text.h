@@ -22,4 +22,7 @@ namespace platform {
 std::wstring Utf8ToWideLossy(std::string_view text);
 std::string WideToUtf8Lossy(std::wstring_view text);
 
+// UTF-8 as a POSIX shell reads it back as one word, also from a file. Plain words stay as they are.
+std::string QuotedForSh(const std::string& text);
+
 }  // namespace platform

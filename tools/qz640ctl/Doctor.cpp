@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <system_error>
 
 #include "Commands.h"
 #include "EmulatorFile.h"
@@ -12,6 +13,7 @@
 #include "Printable.h"
 #include "Settings.h"
 #include "platform/advice.h"
+#include "platform/errors.h"
 #include "platform/interfaces.h"
 #include "platform/ports.h"
 #include "platform/startup.h"
@@ -43,6 +45,46 @@ std::optional<Endpoint> BroadcastOf(const platform::Interface& interface) {
 
 // How a finding stands to what the user wants.
 enum class Weight { Fine, Hint, Problem };
+
+// What shows that it is so.
+struct Evidence {
+  explicit Evidence(std::string seen) : text(std::move(seen)) {}
+  std::string text;
+};
+
+// What ends it: a command to type, and where that isn't all, what to do with it or instead.
+struct Cure {
+  explicit Cure(std::string toType, std::string further = {})
+      : command(std::move(toType)), remark(std::move(further)) {}
+  std::string ToText() const { return command + (remark.empty() ? "" : "   (" + remark + ")"); }
+
+  std::string command;
+  std::string remark;
+};
+
+// What stands in the way, or may. Nobody is left alone with the cause: there is none without what
+// shows it and what to type against it.
+struct Finding {
+  Finding(std::string what, Evidence seen, Cure against)
+      : cause(std::move(what)), evidence(std::move(seen)), cure(std::move(against)) {}
+
+  std::string cause;
+  Evidence evidence;
+  Cure cure;
+};
+
+// The ports as ranges, for a packet filter: rules with many single ports are refused. What lies
+// between two ports of one unit, which has ten at most, is the unit's own too.
+std::vector<platform::PortRange> RangesOf(std::vector<uint16_t> ports) {
+  constexpr int kUnitPorts = 10;
+  std::sort(ports.begin(), ports.end());
+  std::vector<platform::PortRange> ranges;
+  for (const uint16_t port : ports) {
+    if (ranges.empty() || port - ranges.back().last > kUnitPorts) ranges.push_back({port, port});
+    ranges.back().last = port;
+  }
+  return ranges;
+}
 
 class Doctor {
  public:
@@ -81,40 +123,49 @@ class Doctor {
   void Scheduling();
   int Verdict(bool finished);
 
-  // What was found, what shows it, what to do about it. `fields` are for programs.
-  void Say(const char* topic, Weight weight, const std::string& finding,
-           const std::string& evidence, const std::string& cure, Fields fields = {}) {
-    problems_ += weight == Weight::Problem;
-    hints_ += weight == Weight::Hint;
+  // `fields` are for programs, beyond those that every finding has.
+  void Fine(const char* topic, const std::string& finding, Fields fields = {}) {
+    AddCommon(fields, topic, finding, Weight::Fine);
+    out_.Object(fields);
+    out_.Line("  " + Printable(finding));
+  }
+
+  void Say(const char* topic, Weight weight, const Finding& finding, Fields fields = {}) {
+    (weight == Weight::Problem ? problems_ : hints_) += 1;
+    AddCommon(fields, topic, finding.cause, weight);
+    out_.Object(fields.Add("evidence", finding.evidence.text)
+                    .Add("cure", finding.cure.ToText())
+                    .Add("command", finding.cure.command));
+    out_.Line((weight == Weight::Problem ? out_.Paint(Colour::Red, "! ")
+                                         : out_.Paint(Colour::Yellow, "? ")) +
+              Printable(finding.cause));
+    out_.Line("      seen: " + Printable(finding.evidence.text));
+    out_.Line("      cure: " + Printable(finding.cure.ToText()));
+  }
+
+  static void AddCommon(Fields& fields, const char* topic, const std::string& finding,
+                        Weight weight) {
+    const bool fine = weight == Weight::Fine;
     fields.Add("topic", topic)
         .Add("finding", finding)
-        .Add("weight", std::string(weight == Weight::Fine   ? "fine"
+        .Add("weight", std::string(fine                     ? "fine"
                                    : weight == Weight::Hint ? "hint"
                                                             : "problem"))
         .Add("problem", weight == Weight::Problem ? 1 : 0);
-    if (!evidence.empty()) fields.Add("evidence", evidence);
-    if (!cure.empty()) fields.Add("cure", cure);
-    out_.Object(fields);
-    const std::string mark = weight == Weight::Fine   ? "  "
-                             : weight == Weight::Hint ? out_.Paint(Colour::Yellow, "? ")
-                                                      : out_.Paint(Colour::Red, "! ");
-    out_.Line(mark + Printable(finding));
-    if (!evidence.empty()) out_.Line("      seen: " + Printable(evidence));
-    if (!cure.empty()) out_.Line("      cure: " + Printable(cure));
   }
 
-  void Fine(const char* topic, const std::string& finding, const Fields& fields = {}) {
-    Say(topic, Weight::Fine, finding, {}, {}, fields);
-  }
-
-  // Of the settings file, which is its own evidence.
-  void BadSetting(const std::string& finding, const std::string& cure) {
-    Say("settings", Weight::Problem, finding, path_.string(), cure);
+  // Of the settings file, which is its own evidence; `change` mends it there.
+  void BadSetting(const std::string& finding, const std::string& change) {
+    Say("settings", Weight::Problem, OfFile(finding, change));
   }
 
   // One that is wrong as long as nobody meant it.
-  void OddSetting(const std::string& finding, const std::string& cure) {
-    Say("settings", Weight::Hint, finding, path_.string(), cure);
+  void OddSetting(const std::string& finding, const std::string& change) {
+    Say("settings", Weight::Hint, OfFile(finding, change));
+  }
+
+  Finding OfFile(const std::string& finding, const std::string& change) const {
+    return {finding, Evidence(path_.string()), Cure(platform::CommandEdit(path_.string()), change)};
   }
 
   Session& session_;
@@ -126,13 +177,14 @@ class Doctor {
   files::path path_;      // of the settings file
   bool wanted_ = false;   // the user has named it
   bool exists_ = false;
+  std::string missing_;     // why it doesn't exist, in the system's words
   std::string unreadable_;  // why it can't be taken in
   std::optional<Settings> settings_;
   uint16_t discoveryPort_ = wire::kDiscoveryPort;
   uint32_t addr_ = 0;  // that the units listen on; 0: all
   std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", wire::kDiscoveryPort}};
   std::set<std::string> answered_;  // ids
-  bool runs_ = false;               // the emulator of this file
+  int runs_ = 0;                    // process of the emulator of this file; 0: it doesn't run
 };
 
 int Doctor::Verdict(bool finished) {
@@ -164,7 +216,11 @@ void Doctor::ReadSettings(const std::string& given) {
   path_ = wanted_ ? given : emulator_ + ".json";
   std::error_code error;
   exists_ = (wanted_ || !emulator_.empty()) && files::exists(path_, error);
-  if (!exists_) return;
+  if (!exists_) {
+    missing_ =
+        (error ? error : std::make_error_code(std::errc::no_such_file_or_directory)).message();
+    return;
+  }
   try {
     settings_ = Settings::Read(path_);
   } catch (const BadSettings& bad) {
@@ -210,13 +266,14 @@ void Doctor::Interfaces() {
              .Add("answers", names));
   }
   if (all.empty()) {
-    Say("interfaces", Weight::Problem, "no network interface with an IPv4 address is up",
-        "the system's list is empty", platform::CommandBringInterfaceUp());
+    Say("interfaces", Weight::Problem,
+        {"no network interface with an IPv4 address is up", Evidence("the system's list is empty"),
+         Cure(platform::CommandBringInterfaceUp())});
   } else if (!outside) {
     Say("interfaces", Weight::Hint,
-        "the loopback alone is up: units can be reached from this machine and no other",
-        "the system's list has no other interface with an IPv4 address",
-        platform::CommandBringInterfaceUp());
+        {"the loopback alone is up: units can be reached from this machine and no other",
+         Evidence("the system's list has no other interface with an IPv4 address"),
+         Cure(platform::CommandBringInterfaceUp())});
   }
 }
 
@@ -224,8 +281,11 @@ void Doctor::SettingsFile() {
   out_.Line("settings file");
   if (!exists_) {
     if (wanted_) {
-      Say("settings", Weight::Problem, path_.string() + " doesn't exist", {},
-          "give the path of the file beside the emulator");
+      const std::string own = emulator_.empty() ? "" : platform::Quoted(emulator_ + ".json");
+      Say("settings", Weight::Problem,
+          {path_.string() + " doesn't exist", Evidence(missing_),
+           Cure("qz640ctl doctor" + (own.empty() ? "" : " " + own),
+                "the file stands beside the emulator, as PROGRAM.json, from its first start on")});
     } else if (emulator_.empty()) {
       Fine("settings", "none was named, and no emulator is installed beside this program");
     } else {
@@ -236,8 +296,10 @@ void Doctor::SettingsFile() {
     return;
   }
   if (!settings_) {
-    Say("settings", Weight::Problem, path_.string() + " can't be taken in: " + unreadable_, {},
-        "mend it, or remove it and the emulator writes a new one");
+    Say("settings", Weight::Problem,
+        {path_.string() + " can't be taken in", Evidence(unreadable_),
+         Cure(platform::CommandEdit(path_.string()),
+              "mend it, or remove it and the emulator writes a new one")});
     return;
   }
   Fine("settings", path_.string() + ": " + std::to_string(settings_->units.size()) + " unit(s)");
@@ -337,36 +399,63 @@ void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) 
   const platform::PortOwner* other = nullptr;  // some emulator, and none of this file
   bool own = false;
   bool emulators = true;
+  int process = 0;  // that has it, and whose number is known
   const std::vector<platform::PortOwner> all = platform::UdpPortOwners(port);
   for (const platform::PortOwner& owner : all) {
     owners += (owners.empty() ? "" : ", ") + owner.name;
     if (owner.process != 0) owners += " (" + std::to_string(owner.process) + ")";
-    own = own || IsOfThisFile(owner);
+    if (owner.process != 0) process = owner.process;
+    if (IsOfThisFile(owner)) {
+      own = true;
+      runs_ = owner.process;
+    }
     const bool emulator = owner.name.starts_with("qz640emu");
     if (emulator) other = &owner;
     emulators = emulators && emulator;
   }
-  const bool isFree = IsPortFree({addr_, port});
+  const Endpoint local(addr_, port);
+  const uint32_t refused = BindError(local);
   const std::string text = "UDP " + std::to_string(port) + " (" + name + ") ";
   const std::string change =
       std::string("change ") + (name == "discovery" ? "\"BroadcastPort\"" : "\"BasePort\"");
-  const Fields fields =
-      Fields().Add("port", port).Add("use", name).Add("free", isFree ? 1 : 0).Add("owner", owners);
-  if (isFree) {
+  const Fields fields = Fields()
+                            .Add("port", port)
+                            .Add("use", name)
+                            .Add("free", refused == 0 ? 1 : 0)
+                            .Add("owner", owners);
+  if (refused == 0) {
     Fine("ports", text + "is free" + (owners.empty() ? "" : " here; elsewhere " + owners), fields);
-  } else if (own) {
+    return;
+  }
+  if (own) {
     ++ownEmulator;
     Fine("ports", text + "is in use by the emulator of this file, " + owners, fields);
-  } else if (other && emulators && !settings_) {
+    return;
+  }
+  if (other && emulators && !settings_) {
     Fine("ports", text + "is taken by " + owners, fields);
-  } else if (other && emulators) {
+    return;
+  }
+  const std::string words = std::system_category().message(static_cast<int>(refused));
+  const std::string seen = local.ToText() + " can't be bound: " + words;
+  if (owners.empty() && refused != platform::kAddrInUse) {
+    // Below 1024, or in a range that the system keeps for itself.
     Say("ports", Weight::Problem,
-        text + "is taken by " + owners + ", an emulator with other settings",
-        other->program + ".json", "end that one, or " + change, fields);
+        {text + "is refused by the system", Evidence(seen),
+         settings_ ? Cure(platform::CommandEdit(path_.string()), change)
+                   : Cure(platform::CommandShowPort(port), "shows who has it")},
+        fields);
   } else {
+    const bool known = other && emulators;
     Say("ports", Weight::Problem,
-        text + "is taken by " + (owners.empty() ? "an unknown program" : owners), {},
-        "end that program, or " + change, fields);
+        {text + "is taken by " + (owners.empty() ? "an unknown program" : owners) +
+             (known ? ", an emulator with other settings" : ""),
+         Evidence(known ? other->program + ".json; " + seen : seen),
+         process == 0
+             ? Cure(platform::CommandShowPort(port),
+                    "shows by whom; end that program, or " + change)
+             : Cure(platform::CommandEndProcess(process), "ends that program; or " + change)},
+        fields);
   }
 }
 
@@ -379,13 +468,16 @@ void Doctor::Ports() {
     ++looked;
     Port(name, port, ownEmulator);
   }
-  runs_ = ownEmulator > 0;
-  if (runs_ && ownEmulator < looked) {
-    Say("ports", Weight::Problem, "the emulator of this file runs with other ports than it names",
-        std::to_string(ownEmulator) + " of " + std::to_string(looked) + " are in use by it",
-        "start it anew: it reads the file only then");
+  if (ownEmulator == 0) return;
+  if (ownEmulator < looked) {
+    Say("ports", Weight::Problem,
+        {"the emulator of this file runs with other ports than it names",
+         Evidence(std::to_string(ownEmulator) + " of " + std::to_string(looked) +
+                  " are in use by it"),
+         Cure(platform::CommandEndProcess(runs_),
+              "and start it again: it reads the file only then")});
   }
-  if (runs_) CheckAnswers();
+  CheckAnswers();
 }
 
 // A unit that runs here and answers nowhere is what people come for.
@@ -394,9 +486,11 @@ void Doctor::CheckAnswers() {
   AskAt({at, discoveryPort_});
   for (const UnitSettings& unit : settings_->units) {
     if (answered_.count(unit.id) > 0) continue;
-    Say("ports", Weight::Problem, unit.id + " runs and doesn't answer",
-        "asked at " + Endpoint(at, discoveryPort_).ToText() + " and at every interface",
-        "look into the emulator's log, and start it anew");
+    Say("ports", Weight::Problem,
+        {unit.id + " runs and doesn't answer",
+         Evidence("asked at " + Endpoint(at, discoveryPort_).ToText() + " and at every interface"),
+         Cure(platform::CommandEndProcess(runs_),
+              "and start it again; its log says what it hears")});
   }
 }
 
@@ -411,15 +505,17 @@ void Doctor::PacketFilters() {
   for (const auto& [name, port] : ports_) {
     if (port >= 1 && port <= 65535) ports.push_back(static_cast<uint16_t>(port));
   }
-  const std::string permit = platform::CommandPermitUdp(emulator_, ports);
+  const std::string permit = platform::CommandPermitUdp(emulator_, RangesOf(ports));
   const std::vector<platform::PacketFilter> filters = platform::ReadPacketFilters();
   if (filters.empty()) {
     Fine("filter", "none was found that could be asked; let UDP in if there is one");
   }
   for (const platform::PacketFilter& filter : filters) {
     if (!filter.read) {
-      Say("filter", Weight::Hint, "a packet filter may drop UDP; this user may not see its rules",
-          {}, filter.command + "   shows them, and this lets the units through: " + permit);
+      Say("filter", Weight::Hint,
+          {"a packet filter may drop UDP; its rules can't be judged from here",
+           Evidence(filter.command + ": " + filter.rules),
+           Cure(permit, "lets the units through; first " + filter.command + " shows the rules")});
       continue;
     }
     FilterVerdict worst;
@@ -435,10 +531,10 @@ void Doctor::PacketFilters() {
     }
     const bool sure = worst.kind == FilterVerdict::Kind::Drops;
     Say("filter", sure ? Weight::Problem : Weight::Hint,
-        std::string("the packet filter ") + (sure ? "drops" : "may drop") + " UDP to " +
-            std::to_string(hit.size()) + " of " + std::to_string(ports.size()) + " ports",
-        worst.rule.empty() ? filter.command : worst.rule,
-        platform::CommandPermitUdp(emulator_, hit));
+        {std::string("the packet filter ") + (sure ? "drops" : "may drop") + " UDP to " +
+             std::to_string(hit.size()) + " of " + std::to_string(ports.size()) + " ports",
+         Evidence(worst.rule.empty() ? filter.command : worst.rule),
+         Cure(platform::CommandPermitUdp(emulator_, RangesOf(hit)))});
   }
 }
 
@@ -449,9 +545,10 @@ void Doctor::RealTime() {
     return;
   }
   Say("scheduling", Weight::Hint,
-      "this user has no real-time priority: while the machine is busy, packets leave late",
-      "the system refuses it to this program; the emulator's file may have leave of its own",
-      platform::CommandPermitRealTime(emulator_));
+      {"this user has no real-time priority: while the machine is busy, packets leave late",
+       Evidence(
+           "the system refuses it to this program; the emulator's file may have leave of its own"),
+       Cure(platform::CommandPermitRealTime(emulator_))});
 }
 
 // How late each tick of 4 ms comes, in milliseconds, ascending.
@@ -479,7 +576,11 @@ void Doctor::Scheduling() {
   platform::SetTimeCritical();
   const std::vector<double> late = MeasureTicks(session_.Loop());
   if (late.empty()) {
-    Say("scheduling", Weight::Problem, "not one tick came", {}, "look what keeps the machine busy");
+    Say("scheduling", Weight::Problem,
+        {"not one tick came",
+         Evidence("in " + std::to_string(kClockTestTime.count()) + " s, " +
+                  std::to_string(kClockTestTime / kTick) + " were due"),
+         Cure(platform::CommandShowLoad(), "shows what keeps the machine busy")});
     return;
   }
   const auto at = [&late](double share) {
@@ -494,9 +595,13 @@ void Doctor::Scheduling() {
                             .Add("max_ms", late.back())
                             .Add("ticks", late.size());
   if (at(0.99) > kLateGoodMs) {
-    Say("scheduling", Weight::Problem, figures,
-        "a stream's listeners have room for some 20 ms, and this comes on top of the network's",
-        "end what keeps the machine busy, or: " + platform::CommandPermitRealTime(emulator_),
+    const std::string permit = platform::CommandPermitRealTime(emulator_);
+    Say("scheduling", Weight::Problem,
+        {"ticks come late: a stream's listeners have room for some 20 ms, and this comes on top of "
+         "the network's",
+         Evidence(figures),
+         Cure(platform::CommandShowLoad(), "shows what keeps the machine busy; end that" +
+                                               (permit.empty() ? "" : ", or " + permit))},
         fields);
   } else {
     Fine("scheduling", figures, fields);

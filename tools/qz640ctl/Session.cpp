@@ -60,9 +60,10 @@ std::optional<Endpoint> ControlOf(const std::string& name) {
   return endpoint;
 }
 
-bool IsPortFree(const Endpoint& local) {
+uint32_t BindError(const Endpoint& local) {
   platform::Socket sock;
-  return sock.OpenUdp().Ok() && sock.Bind(ToPlatform(local)).Ok();
+  const platform::SocketResult opened = sock.OpenUdp();
+  return opened.Ok() ? sock.Bind(ToPlatform(local)).error : opened.error;
 }
 
 bool IsLoopback(const Endpoint& endpoint) {

@@ -35,8 +35,9 @@ wire::Endpoint ParseEndpoint(const std::string& text, uint16_t defaultPort);
 // The control port that UNIT gives on a command line; nothing when it is a unit id.
 std::optional<wire::Endpoint> ControlOf(const std::string& name);
 
-// A UDP socket can be bound there now: another program could still take it.
-bool IsPortFree(const wire::Endpoint& local);
+// Why no UDP socket can be bound there, as the system's error number; 0: one can be, for now, as
+// another program could still take it.
+uint32_t BindError(const wire::Endpoint& local);
 
 // 127.a.b.c
 bool IsLoopback(const wire::Endpoint& endpoint);

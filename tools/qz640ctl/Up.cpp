@@ -48,23 +48,12 @@ int32_t FindFreePorts(const std::string& addr, uint32_t count) {
     const uint32_t base = 20'000 + random() % 10'000 / 2 * 2;
     bool allFree = true;
     for (uint32_t port = base; port < base + count && allFree; ++port) {
-      allFree = IsPortFree({local.address, static_cast<uint16_t>(port)});
+      allFree = BindError({local.address, static_cast<uint16_t>(port)}) == 0;
     }
     if (allFree) return static_cast<int32_t>(base);
   }
   throw Failure{kNoPort, "found no " + std::to_string(count) + " free UDP ports in a row on " +
                              addr + "; is that an address of this machine? (qz640ctl doctor)"};
-}
-
-// As a POSIX shell reads it back, also from a file.
-std::string Quoted(const std::string& value) {
-  constexpr const char* kPlain =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.,:/@%+";
-  if (!value.empty() && value.find_first_not_of(kPlain) == std::string::npos) return value;
-  std::string quoted = "'";
-  for (const char c : value)
-    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
 }
 
 // What a failure report of the emulator's log says to people: "ErrType=1 ErrCode=b ErrStr=TEXT
@@ -407,7 +396,7 @@ void Running::WriteEnvironment() {
   const std::string part = options_.envFile + ".part";
   std::ofstream file(part, std::ios::binary);
   for (const auto& [key, value] : Environment())
-    file << key << '=' << Quoted(value) << '\n';
+    file << key << '=' << platform::QuotedForSh(value) << '\n';
   file.close();
   std::error_code error;
   if (file) files::rename(part, options_.envFile, error);

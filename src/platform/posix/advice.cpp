@@ -20,24 +20,52 @@ std::string FindTool(const char* name) {
   return access(fallback.c_str(), X_OK) == 0 ? fallback : std::string();
 }
 
+std::string FirstLine(const std::string& text, const char* otherwise) {
+  const std::string line = text.substr(0, text.find('\n'));
+  return line.empty() ? otherwise : line;
+}
+
 }  // namespace
 
 std::string CommandBringInterfaceUp() {
   return "sudo ip link set NAME up   (ip address lists them)";
 }
 
-std::string CommandPermitRealTime(const std::string& program) {
-  return "sudo setcap cap_sys_nice+ep " + (program.empty() ? "PATH/qz640emu" : program);
+std::string Quoted(const std::string& text) {
+  return QuotedForSh(text);
 }
 
-std::string CommandPermitUdp(const std::string&, const std::vector<uint16_t>& ports) {
+std::string CommandEdit(const std::string& path) {
+  return "${EDITOR:-vi} " + Quoted(path);
+}
+
+std::string CommandEndProcess(int process) {
+  return "kill " + std::to_string(process);
+}
+
+std::string CommandShowPort(uint16_t port) {
+  return "sudo ss -ulpn sport = :" + std::to_string(port);
+}
+
+std::string CommandShowLoad() {
+  return "top";
+}
+
+std::string CommandPermitRealTime(const std::string& program) {
+  return "sudo setcap cap_sys_nice+ep " + (program.empty() ? "PATH/qz640emu" : Quoted(program));
+}
+
+std::string CommandPermitUdp(const std::string&, const std::vector<PortRange>& ports) {
+  const bool iptables = !FindTool("iptables").empty();
   std::string list;
-  for (const uint16_t port : ports)
-    list += (list.empty() ? "" : ",") + std::to_string(port);
-  const bool many = ports.size() > 1;
-  if (!FindTool("iptables").empty()) {
+  for (const PortRange& range : ports) {
+    list += (list.empty() ? "" : ",") + std::to_string(range.first);
+    if (range.last > range.first) list += (iptables ? ":" : "-") + std::to_string(range.last);
+  }
+  if (iptables) {
     return "sudo iptables -I INPUT -p udp " +
-           std::string(many ? "-m multiport --dports " : "--dport ") + list + " -j ACCEPT";
+           std::string(ports.size() > 1 ? "-m multiport --dports " : "--dport ") + list +
+           " -j ACCEPT";
   }
   return "sudo nft insert rule inet filter input udp dport { " + list + " } accept";
 }
@@ -66,6 +94,7 @@ std::vector<PacketFilter> ReadPacketFilters() {
     for (std::string bytes = tool.ReadOutput(); !bytes.empty(); bytes = tool.ReadOutput())
       filter.rules += bytes;
     filter.read = tool.Wait(UINT32_MAX) == 0;
+    if (!filter.read) filter.rules = FirstLine(filter.rules, "it ends with an error");
     filters.push_back(filter);
   }
   return filters;
