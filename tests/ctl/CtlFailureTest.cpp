@@ -7,6 +7,7 @@ namespace {
 TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
   const TestFile exists("x.wav");
   exists.Write("no audio");
+  ASSERT_EQ(Run({"set-inputs", "tuner-b", "3=127.0.0.1:9001"}).status, 0);
   const std::string nobody = OwnAddress() + ":9";
   const std::string taken = emulator_.Control().ToText();
   const std::string port = std::to_string(emulator_.Discovery().port);
@@ -32,6 +33,7 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"set-inputs", "studio-a", "0=off", "0=1.2.3.4:5"}, 2, "input 0 is changed twice"},
       {{"fm", "tuner-b", "1=98700", "1=98800"}, 2, "tuner 1 is changed twice"},
       {{"info", emulator_.Control().Ip()}, 2, "did you mean " + taken + " (studio-a)"},
+      {{"soak", "tuner-b"}, 1, "in use: tuner-b 3 (goes to 127.0.0.1:9001); a soak takes"},
       {{"expect", "studio-a", "found", "--within", "999999999min"}, 2, "a year at most"},
       {{"fm", "tuner-b", "4=98700"}, 2, "there is no tuner 4"},
       {{"record", "odd-c", "x.wav"}, 2, "there is no input 0"},
@@ -67,6 +69,12 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"record", "u", "x.wav", "--seconds", "0"}, 2, "\"0\" is no length in seconds"},
       {{"record", "x", "x.wav", "--input", "2x"}, 2, "neither a number nor all"},
       {{"record", "x", "x.wav", "--split", "1y"}, 2, "30min"},
+      {{"record", "x", "x.wav", "--input", "99999999999"}, 2, "neither a number nor all"},
+      {{"watch", "--log", "--exec", "x"}, 2, "--log needs a value, and \"--exec\" is none"},
+      {{"find", "--to="}, 2, "find: --to is empty; give it a value"},
+      {{"up", "--units", ""}, 2, "up: --units is empty"},
+      {{"up", "--seed", "-1"}, 2, "\"-1\" is no whole number"},
+      {{"up", "--units", "9999999999xQZ610", "--emulator", QZ_EMULATOR}, 2, "1 to 500 units"},
       {{"freq", taken, "96000"}, 2, "\"96000\" is none of 48000,44100"},
       {{"send", taken, "x"}, 2, "that is no request: parse error at line 1, column 1"},
       {{"find", "--to", nobody, "--timeout", "300"}, 3, "asked at " + nobody},

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <cstdlib>
 #include <optional>
 #include <sstream>
@@ -163,6 +164,21 @@ std::optional<bool> TakesValue(const CLI::App& app, const std::string& word) {
   return std::nullopt;
 }
 
+Failure IsEmpty(const CLI::App& command, const std::string& name) {
+  return {kUsage, command.get_name() + ": " + name + " is empty; give it a value" +
+                      (name.starts_with('-') ? ", or leave it out" : "") + See(command.get_name())};
+}
+
+// CLI11 would take the next word for the value of "--to=".
+void RefuseMissingValues(const CLI::App& command, const Arguments& arguments) {
+  for (const std::string& word : arguments) {
+    if (word == "--") return;
+    if (word.starts_with("--") && word.ends_with('=') && FindOption(command, word)) {
+      throw IsEmpty(command, NameOf(word));
+    }
+  }
+}
+
 }  // namespace
 
 void UseOwnHelp(CLI::App& app) {
@@ -186,6 +202,17 @@ CLI::Validator OneOf(const std::vector<std::string>& words) {
     return "\"" + word + "\" is none of " + list;
   };
   return CLI::Validator(check, "{" + list + "}");  // as CLI11 itself shows a set
+}
+
+CLI::Validator Natural() {
+  const auto check = [](const std::string& word) {
+    uint64_t number = 0;
+    const char* end = word.data() + word.size();
+    const auto parsed = std::from_chars(word.data(), end, number);
+    if (parsed.ec == std::errc() && parsed.ptr == end) return std::string();
+    return "\"" + word + "\" is no whole number from 0 to 18446744073709551615";
+  };
+  return CLI::Validator(check, "from 0 on");
 }
 
 CLI::Validator Seconds() {
@@ -227,8 +254,25 @@ CLI::App* SelectCommand(CLI::App& app, Arguments& arguments) {
   const auto begin = arguments.begin();
   const auto place = begin + static_cast<std::ptrdiff_t>(at);
   std::rotate(begin, place, place + 1);
+  RefuseMissingValues(*command, arguments);
   NameVariables(*command);
   return command;
+}
+
+void RefuseUnmeantValues(const CLI::App& command) {
+  for (const CLI::Option* option : command.get_options()) {
+    const std::string name = option->get_name();
+    const auto& words = option->results();
+    const bool isFree = name == "COMMAND" && !words.empty() && !words.front().empty();
+    for (const std::string& word : words) {
+      if (word.empty() && !isFree) throw IsEmpty(command, name);
+      const bool isOption = word == "--" || (IsOption(word) && FindOption(command, word));
+      if (!isOption || !option->nonpositional()) continue;
+      throw Failure{kUsage, command.get_name() + ": " + name + " needs a value, and \"" + word +
+                                "\" is none (a file of that name is ./" + word + ")" +
+                                See(command.get_name())};
+    }
+  }
 }
 
 void NameVariables(CLI::App& command) {

@@ -32,6 +32,9 @@ CLI::Validator Between(Number least, Number most) {
   return CLI::Validator(check, range.str());
 }
 
+// The value must be a whole number from 0 to 2^64 - 1. CLI11 alone takes -1 for the largest.
+CLI::Validator Natural();
+
 // The value must be one of these.
 CLI::Validator OneOf(const std::vector<std::string>& words);
 
@@ -46,6 +49,12 @@ CLI::App* FindCommand(CLI::App& app, const std::string& name);
 // no command. Throws Failure (kUsage) for a word that is no command, and for an option that none
 // has.
 CLI::App* SelectCommand(CLI::App& app, Arguments& arguments);
+
+// Once the command line is parsed: throws Failure (kUsage) where an option or a positional has a
+// value that nobody meant. An empty one would count as left out, as of --units "$UNITS" in a script
+// that has no UNITS; and "--log --exec mail" would write a file "--exec". What follows a positional
+// COMMAND is its own affair.
+void RefuseUnmeantValues(const CLI::App& command);
 
 // The environment variables of a command's options: QZ640_TIMEOUT where all commands have the
 // option, QZ640_RECORD_SECONDS where it is the command's own.

@@ -132,6 +132,7 @@ struct SoakOptions {
   double seconds = 60;
   uint64_t seed = 1;
   std::optional<int> pid;  // the emulator's process; none: memory and threads aren't looked at
+  bool intrusive = false;  // units that somebody hears too
 };
 
 int RunFind(Session& session, Output& out);

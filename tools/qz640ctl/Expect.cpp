@@ -115,7 +115,7 @@ Level ParseLevel(std::string text) {
   }
   const char* end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, level.db);
-  if (parsed.ec == std::errc() && parsed.ptr == end) return level;
+  if (parsed.ec == std::errc() && parsed.ptr == end && std::isfinite(level.db)) return level;
   throw Failure{kUsage,
                 "--level must read like -6 or -6\xC2\xB1"
                 "0.5, in dB of full scale"};

@@ -162,6 +162,7 @@ std::vector<UnitSettings> ParseUnits(const std::string& text) {
     if (parsed.ptr != type.data() && parsed.ptr != type.data() + type.size() &&
         *parsed.ptr == 'x') {
       type.erase(0, static_cast<size_t>(parsed.ptr - type.data()) + 1);
+      if (parsed.ec != std::errc()) count = 0;  // more than 32 bits hold
     } else {
       count = 1;  // a digit may begin a name, too
     }

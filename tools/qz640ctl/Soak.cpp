@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "Loan.h"
+#include "Printable.h"
 #include "SoakTraffic.h"
 #include "platform/usage.h"
 #include "wire/Streams.h"
@@ -40,7 +41,8 @@ double Seconds(Clock::duration time) {
   return std::chrono::duration<double>(time).count();
 }
 
-// Takes an input's stream and counts the unit's ticks: one packet each, numbered one by one.
+// Takes an input's stream and counts the unit's ticks: one packet each, numbered one by one. What
+// outputs are flooded with doesn't hasten or hold up a unit's clock, so these ticks are judged too.
 class Ticks {
  public:
   explicit Ticks(Session& session, const Unit& unit)
@@ -103,6 +105,7 @@ class Soak {
 
  private:
   void FindUnits();
+  void LeaveAloneThoseInUse();
   void TakeInputs();
   void RunFloods();
   void MeasureQuiet();
@@ -122,8 +125,9 @@ class Soak {
   Output& out_;
 
   std::vector<Unit> units_;
-  std::vector<std::unique_ptr<Ticks>> ticks_;  // of units whose clock follows no stream
+  std::vector<std::unique_ptr<Ticks>> ticks_;  // by the first input of each unit that has one
   std::unique_ptr<wire::UdpPort> sink_;        // for all other inputs
+  std::string notJudged_;                      // the units without, whose audio nobody can judge
   std::vector<std::unique_ptr<InputLoan>> loans_;
   std::unique_ptr<Exchanges> exchanges_;
   std::unique_ptr<Flood> control_;
@@ -138,6 +142,7 @@ class Soak {
 
 int Soak::Run() {
   FindUnits();
+  LeaveAloneThoseInUse();
   out_.Line("soaking " + std::to_string(units_.size()) + " unit(s) for " +
             FormatNumber(options_.seconds, 0) + " s; --seed " + std::to_string(options_.seed) +
             " sends the same again");
@@ -153,8 +158,13 @@ int Soak::Run() {
     out_.Object(Fields().Add("broken", sentence));
     out_.Line("FAILED: " + sentence);
   }
-  out_.Object(Fields().Add("result", broken_.empty() ? "pass" : "fail"));
-  if (broken_.empty()) out_.Line("PASS: all of it held");
+  out_.Object(Fields()
+                  .Add("result", broken_.empty() ? "pass" : "fail")
+                  .Add("audio_not_judged", notJudged_));
+  if (!notJudged_.empty()) {
+    out_.Line("not judged: the audio of " + notJudged_ + ", for want of inputs to hear");
+  }
+  if (broken_.empty()) out_.Line("PASS: all that was judged held");
   return broken_.empty() ? kDone : kRefused;
 }
 
@@ -169,14 +179,52 @@ void Soak::FindUnits() {
   }
 }
 
+// A flood is an outage to whoever hears the unit. One that was named is refused, others are left
+// out; a unit that doesn't say is taken to be in use.
+void Soak::LeaveAloneThoseInUse() {
+  std::vector<std::string> inUse;
+  const auto isInUse = [&](const Unit& unit) {
+    if (unit.inputs == 0) return false;
+    const size_t before = inUse.size();
+    try {
+      const auto inputs = session_.Control(unit).GetInputs();
+      for (uint32_t input = 0; input < inputs.size(); ++input) {
+        if (inputs[input]) inUse.push_back(InUseText(unit, input, inputs[input]));
+      }
+    } catch (const wire::Interrupted&) {
+      throw;
+    } catch (const std::exception&) {
+      inUse.push_back(unit.id + " (doesn't say where its inputs go)");
+    }
+    return inUse.size() > before;
+  };
+  std::vector<Unit> idle;
+  for (const Unit& unit : units_) {
+    if (!isInUse(unit)) idle.push_back(unit);
+  }
+  if (options_.intrusive || inUse.empty()) {
+    session_.Note(InUseLine(InUse::Take, inUse));
+    return;
+  }
+  const std::string line = InUseLine(InUse::LeaveOut, inUse);
+  if (idle.empty() || !options_.units.empty()) {
+    throw Failure{kRefused, line.substr(0, line.rfind(';')) +
+                                "; a soak takes the inputs and floods their units: name others, "
+                                "or give --intrusive"};
+  }
+  session_.Note(line + " with their units; --intrusive soaks all");
+  units_ = idle;
+}
+
 // All inputs of all units send.
 void Soak::TakeInputs() {
   sink_ = std::make_unique<wire::UdpPort>(session_.Loop(), Endpoint(), nullptr);
   for (const Unit& unit : units_) {
     const Endpoint sink(session_.LocalFor(unit).address, sink_->Local().port);
     std::vector<InputLoan::Input> taken;
+    if (unit.inputs == 0) notJudged_ += (notJudged_.empty() ? "" : ", ") + PrintableCell(unit.id);
     for (uint32_t input = 0; input < unit.inputs; ++input) {
-      const bool counted = input == 0 && unit.outputs == 0;
+      const bool counted = input == 0;
       if (counted) ticks_.push_back(std::make_unique<Ticks>(session_, unit));
       taken.push_back({input, counted ? ticks_.back()->Local() : sink, nullptr});
     }
@@ -292,10 +340,12 @@ void Soak::Report() {
   Row("requests asked again", "asked_again", exchanges_->askedAgain);
   Row("acknowledged, not answered", "lost", exchanges_->lost);
   Row("never acknowledged", "unacknowledged", exchanges_->unacknowledged);
-  Row("ticks due", "ticks", due);
-  Row("ticks missed", "ticks_missed", static_cast<uint64_t>(missed));
-  Row("longest pause, ms", "pause_ms", {pause}, 1);
-  Row("packets lost on their way", "packets_lost", onTheWay);
+  if (!ticks_.empty()) {
+    Row("ticks due", "ticks", due);
+    Row("ticks missed", "ticks_missed", static_cast<uint64_t>(missed));
+    Row("longest pause, ms", "pause_ms", {pause}, 1);
+    Row("packets lost on their way", "packets_lost", onTheWay);
+  }
   const double seconds = options_.seconds;
   Row("sent a second: control", "control_rate", {static_cast<double>(control_->Sent()) / seconds},
       0);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <limits>
 #include <set>
 
 #include "CommandTree.h"
@@ -80,6 +81,7 @@ class CommandLine {
       }
       std::reverse(arguments.begin(), arguments.end());  // as CLI11 takes them
       app_.parse(std::move(arguments));
+      if (command) RefuseUnmeantValues(*command);
     } catch (const CLI::CallForHelp&) {
       usage.Write(app_.help());
       return kDone;
@@ -329,7 +331,9 @@ class CommandLine {
     play->add_option("--format", play_.format,
                      "raw: FILE has no header, and is 24 bits little-endian, stereo, at --freq")
         ->check(OneOf({"wav", "raw"}));
-    play->add_option("--output", play_.output, "Output, counted from 0")->capture_default_str();
+    play->add_option("--output", play_.output, "Output, counted from 0")
+        ->check(Between(0, 9999))
+        ->capture_default_str();
     play->add_option("--level", play_.levelDb, "Level of the tone in dB of full scale")
         ->check(Between(-144.0, 0.0))
         ->capture_default_str();
@@ -371,9 +375,11 @@ class CommandLine {
                       "Run this for each alarm, by the shell and without its output; it finds "
                       "QZ640_ALERT, QZ640_ALERT_STATE (begins, ends, happens), QZ640_ALERT_UNIT, "
                       "QZ640_ALERT_INPUT and QZ640_ALERT_TEXT in its environment");
-    watch->add_option("--metrics", watch_.metricsPort,
-                      "Serve the figures for Prometheus at http://127.0.0.1:PORT/metrics; 0 takes "
-                      "a free port");
+    watch
+        ->add_option("--metrics", watch_.metricsPort,
+                     "Serve the figures for Prometheus at http://127.0.0.1:PORT/metrics; 0 takes "
+                     "a free port")
+        ->check(Between(0, 65535));
     AddLocal(watch);
     AddInUse(watch);
   }
@@ -381,7 +387,8 @@ class CommandLine {
   void SetInput(const std::string& text) {
     record_.allInputs = text == "all";
     const char* end = text.data() + text.size();
-    if (record_.allInputs || std::from_chars(text.data(), end, record_.input).ptr == end) return;
+    const auto parsed = std::from_chars(text.data(), end, record_.input);
+    if (record_.allInputs || (parsed.ec == std::errc() && parsed.ptr == end)) return;
     throw CLI::ValidationError("--input", "\"" + text + "\" is neither a number nor all");
   }
 
@@ -408,6 +415,7 @@ class CommandLine {
             [this](Session& session, Output& out) { return RunWeb(session, web_, out); }));
     web->add_option("UNIT", web_.units, "Unit ids or addresses (default: all that answer)");
     web->add_option("--port", web_.port, "TCP port of the page; 0: a free one")
+        ->check(Between(0, 65535))
         ->capture_default_str();
     web->add_option("--at", web_.at, "Own address of the page; anyone who reaches it sees it")
         ->capture_default_str();
@@ -470,6 +478,7 @@ class CommandLine {
                    "The same, a line each, # for comments; read again whenever it changes")
         ->type_name("FILE");
     up->add_option("--seed", up_.seed, "Decides what faults by per cent hit, and jitter")
+        ->check(Natural())
         ->capture_default_str();
     up->footer(up->get_footer() + "\n\n" + std::string(wire::FaultHelp()));
     up->add_option("COMMAND", up_.command,
@@ -504,14 +513,19 @@ class CommandLine {
                     "broadcast too; TARGET a machine with units, or the broadcast address of their "
                     "network. Each unit that answers is seen at LISTEN's address, and all that is "
                     "sent to it there goes on to it. Without a port: 15001");
-    relay->add_option("--seed", relay_.seed, "Decides all faults")->capture_default_str();
+    relay->add_option("--seed", relay_.seed, "Decides all faults")
+        ->check(Natural())
+        ->capture_default_str();
     relay->add_option("--loss", relay_.faults.loss, "Per cent lost")->check(share);
     relay->add_option("--duplicate", relay_.faults.duplicate, "Per cent doubled")->check(share);
     relay->add_option("--reorder", relay_.faults.reorder, "Per cent held back, to be overtaken")
         ->check(share);
     relay->add_option("--corrupt", relay_.faults.corrupt, "Per cent damaged")->check(share);
-    relay->add_option("--delay", relay_.faults.delayMs, "Milliseconds that all are delayed");
-    relay->add_option("--jitter", relay_.faults.jitterMs, "Up to so many milliseconds more");
+    const CLI::Validator upToAMinute = Between(0, 60000);
+    relay->add_option("--delay", relay_.faults.delayMs, "Milliseconds that all are delayed")
+        ->check(upToAMinute);
+    relay->add_option("--jitter", relay_.faults.jitterMs, "Up to so many milliseconds more")
+        ->check(upToAMinute);
   }
 
   void AddTrace() {
@@ -554,7 +568,7 @@ class CommandLine {
         Add("soak",
             "Put units under all that a network can send, and judge them. Floods their control "
             "ports, the discovery port at their addresses and their outputs; takes their inputs "
-            "and gives them back; changes nothing else",
+            "and gives them back; changes nothing else. Leaves units in use alone",
             "qz640ctl soak studio-a --seconds 600",
             [this](Session& session, Output& out) { return RunSoak(session, soak_, out); }));
     judges_.insert(soak);
@@ -562,10 +576,15 @@ class CommandLine {
     soak->add_option("--seconds", soak_.seconds, "Length")
         ->check(Between(4.0, 1e7))
         ->capture_default_str();
-    soak->add_option("--seed", soak_.seed, "Decides what is sent")->capture_default_str();
+    soak->add_option("--seed", soak_.seed, "Decides what is sent")
+        ->check(Natural())
+        ->capture_default_str();
     soak->add_option("--pid", soak_.pid,
                      "The emulator's process: its memory, threads and descriptors are judged too "
-                     "(default: the one that \"up\" has started)");
+                     "(default: the one that \"up\" has started)")
+        ->check(Between(1, std::numeric_limits<int>::max()));
+    soak->add_flag("--intrusive", soak_.intrusive,
+                   "Units in use too: who hears them misses them meanwhile");
     AddLocal(soak);
   }
 
