@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "ExitStatus.h"
 
@@ -96,15 +97,19 @@ std::optional<CapturedDatagram> ToDatagram(const CapturedFrame& frame) {
   return datagram;
 }
 
-CaptureReader::CaptureReader(const std::string& path) : path_(path), file_(path, std::ios::binary) {
-  if (!file_)
+CaptureReader::CaptureReader(const std::string& path)
+    : CaptureReader(path, std::make_unique<std::ifstream>(path, std::ios::binary)) {}
+
+CaptureReader::CaptureReader(const std::string& path, std::unique_ptr<std::istream> file)
+    : path_(path), file_(std::move(file)) {
+  if (!*file_)
     throw Failure{kUsage, "can't open \"" + path + "\"; is it there, and may you read it?"};
   const auto magic = Read(4);
   if (!magic) Fail("it has no four bytes");
   const uint32_t number = BigEndian(*magic, 0, 4);
   if (number == kSectionHeader) {
     isPcapng_ = true;
-    file_.seekg(0);
+    file_->seekg(0);
     return;
   }
   // The magic number of a pcap file says its byte order and whether times are in nanoseconds.
@@ -128,8 +133,8 @@ void CaptureReader::Fail(const std::string& why) const {
 // Nothing where the file ends before.
 std::optional<Bytes> CaptureReader::Read(size_t count) {
   Bytes bytes(count);
-  file_.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
-  if (static_cast<size_t>(file_.gcount()) != count) return std::nullopt;
+  file_->read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
+  if (static_cast<size_t>(file_->gcount()) != count) return std::nullopt;
   return bytes;
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <fstream>
+#include <istream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +38,9 @@ class CaptureReader {
   // Throws Failure (kUsage) for a file that can't be read or is no capture.
   explicit CaptureReader(const std::string& path);
 
+  // Reads what `file` gives, which failures call `path`.
+  CaptureReader(const std::string& path, std::unique_ptr<std::istream> file);
+
   // The next frame; nothing at the end. Throws Failure (kUsage) where the file is broken.
   std::optional<CapturedFrame> Next();
 
@@ -54,7 +59,7 @@ class CaptureReader {
   Interface ToInterface(const wire::Bytes& body) const;
 
   const std::string path_;
-  std::ifstream file_;
+  const std::unique_ptr<std::istream> file_;
   bool isPcapng_ = false;
   bool bigEndian_ = false;
   std::vector<Interface> interfaces_;  // of the pcapng section; a pcap file has one
