@@ -21,6 +21,9 @@ using PartSet = std::bitset<kPartCount>;
 // (kUsage).
 PartSet ParseParts(const std::vector<std::string>& names);
 
+// How a verdict stands on a terminal.
+Colour ColourOf(Verdict verdict);
+
 // "12.3 ms".
 std::string MsText(double ms);
 double ToMs(wire::Clock::duration time);
@@ -74,6 +77,10 @@ class CheckReport {
   std::string part_;
   wire::Clock::time_point lineBegan_ = wire::Clock::now();
 };
+
+// The control half of the tour: discovery, connection, requests, tuners. When `careful` it changes
+// nothing at the unit, and adds what it leaves out as not tested.
+void CheckControl(Session& session, const wire::Unit& unit, CheckReport& report, bool careful);
 
 // The audio half of the tour: format, rate, jitter and loss of every input, loop-back of output 0.
 // Gives the inputs back as they were. An input that somebody has begun to hear since is passed on,
