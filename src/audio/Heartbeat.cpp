@@ -161,8 +161,8 @@ void Heartbeat::Remove(IBeatClient& client) {
       break;
     }
   }
-  // Outside, so that others come and go meanwhile. A thread without clients ends here, with
-  // whoever lets go of it last.
+  // Outside the lock, so that other clients come and go meanwhile. A beat thread without clients
+  // ends with the last of these references to it.
   if (thread) thread->WaitForCallOf(client);
 }
 

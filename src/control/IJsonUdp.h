@@ -72,7 +72,7 @@ class IJsonUdpConnect : public IJsonUdpManager {
   // Queues a message, which is then repeated until the peer acknowledges it or five transmissions
   // are over. Never waits. Takes the message over: its attachment is cut into segments when it is
   // longer than one datagram. Destinations that acknowledge are served first. Fails, and leaves the
-  // attachment, when 256 datagrams wait for `to` already, or 4,096 in all; in the latter case
+  // attachment, when 256 datagrams wait for `to` already, or 4,096 in all; and for the second limit
   // messages to destinations that acknowledge less well make room first.
   virtual ErrInfo Send(const std::shared_ptr<JsonMsg>& msg, const NetAddr& to) = 0;
 

@@ -24,8 +24,8 @@ struct JsonMsg {
   JsonMsg& operator=(const JsonMsg&) = delete;
 
   // Lets the numbers of this process go on from `number`; before the first message. They begin at 1
-  // otherwise. A unit takes a message with the number of the one before for a repeat, whoever sent
-  // it, so a controller that runs anew for each request begins anywhere.
+  // otherwise. A unit takes a message with the number of the one before for a repeat, whichever
+  // peer sent it, so a controller that runs anew for each request begins anywhere.
   static void StartNumbersAt(uint32_t number);
 
   // Add this message's keys to `out`, take its fields from `in`. A derived one calls the base

@@ -159,7 +159,7 @@ void PassThreads::WaitForWork(std::unique_lock<std::mutex>& lock, Worker& self) 
   lock.unlock();
   self.event.Wait(wait);
   lock.lock();
-  std::erase(idle_, &self);  // whoever woke it has done so already
+  std::erase(idle_, &self);  // done already where another thread woke it
 }
 
 void PassThreads::WakeOneWorker() {

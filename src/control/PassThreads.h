@@ -59,7 +59,7 @@ class PassThreads {
     Dues::node_type dueNode_;        // its place in dues_, unless it stands there
   };
 
-  // The ones of this process: made for the first who asks, ended with the last who lets go. Not to
+  // The ones of this process: made for the first caller, ended when the last lets go. Not to
   // be let go of from a pass.
   static std::shared_ptr<PassThreads> OfProcess();
 

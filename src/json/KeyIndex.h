@@ -26,7 +26,7 @@ class KeyIndex {
   // Adds a key that is absent. Takes time in proportion to the number of keys.
   void Insert(std::wstring_view key, uint64_t index);
 
-  // For a reader who meets many keys, some of them perhaps twice: Append takes no notice of the
+  // For a parser that meets many keys, some of them perhaps twice: Append takes no notice of the
   // order, Settle then sorts once, and of a key's indexes the largest stays. In between, Find is
   // slow and ForEach makes a copy.
   void Append(std::wstring_view key, uint64_t index);

@@ -15,7 +15,7 @@ namespace platform {
 // numbers), allows as many open sockets as the system permits, makes writing to a broken pipe or
 // beyond a limit of the file size an error instead of the process's end, and reserves the signals
 // that ask the program to stop (Ctrl-C, SIGTERM, a closed console or terminal) for WaitForInput. On
-// POSIX systems Ctrl-C and SIGHUP stay ignored where whoever started the program ignores them.
+// POSIX systems Ctrl-C and SIGHUP stay ignored where this program was started with them ignored.
 void Startup();
 
 // Waits on the calling thread for one character on standard input, the end of input, or a signal
@@ -71,7 +71,7 @@ PipeResult ReadBytes(void* buffer, uint32_t size, uint32_t milliseconds);
 PipeResult WriteBytes(std::string_view bytes);
 
 // Gives the memory that the program has freed back to the system, as far as that can be had. May
-// hold up whoever allocates meanwhile, for about a millisecond each ten megabytes.
+// hold up threads that allocate meanwhile, for about a millisecond each ten megabytes.
 void ReturnFreeMemory();
 
 // Between the two calls sleeps and timed waits of the process are exact to about a millisecond.

@@ -81,7 +81,7 @@ struct LogToConsoleSniffer::Output {
     changed.notify_all();
   }
 
-  // Where no thread is to be had, who shows a line writes it.
+  // Where no thread is to be had, the thread that shows a line writes it.
   void WriteUnlessThread() {
     if (!hasThread) platform::WriteOutput(Take());
   }

@@ -15,7 +15,7 @@ namespace {
 constexpr std::chrono::seconds kDrainLimit{2};
 
 // Lines seldom come alone. For so long after some have come the writer looks for more by itself, as
-// waking it costs who writes a line some 10 us, a hundred times the rest of the call.
+// waking it costs the caller some 10 us, a hundred times the rest of what adding a line costs.
 constexpr uint32_t kGatherMs = 5;
 
 // After so many lines a quiet second is used to give back the memory that they took while they

@@ -1,6 +1,6 @@
 // The program's log: queues a line on the caller's thread, and on a writer thread of its own shows
 // it to the sniffer and stores it in the log files. Where no thread is to be had, the lines wait
-// until the sniffer or the log goes, and whoever ends it shows and stores them.
+// until the sniffer or the log goes, and the thread that ends it shows and stores them.
 //
 // Locks, all leaves: queueLock_ (queue, counts, flags), snifferLock_ (the sniffer and its calls).
 #pragma once

@@ -30,8 +30,8 @@ class Dir {
   // grammar without regard to case; one that is malformed throws std::regex_error.
   Dir(const std::wstring& directory, const std::wstring& pattern, uint32_t flags);
 
-  // By full path: the normalised directory, one separator, the name. Whoever keeps a copy of the
-  // pointer keeps the listing.
+  // By full path: the normalised directory, one separator, the name. A copy of the pointer keeps
+  // the listing alive.
   std::shared_ptr<Files> files;
 
   // Why the listing ended: platform::kNoMoreFiles if it is complete, else the system's error.

@@ -1,6 +1,6 @@
-// The lines of the log that wait for its writer, in blocks of memory: as a rule a line costs who
-// writes it a copy and no allocation, and a queue that grows never moves the lines it holds. No
-// lock of its own.
+// The lines of the log that wait for its writer, in blocks of memory: as a rule adding a line
+// costs a copy and no allocation, and a queue that grows never moves the lines it holds. No lock of
+// its own.
 #pragma once
 
 #include <algorithm>

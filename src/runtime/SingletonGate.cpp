@@ -34,8 +34,8 @@ void SingletonGate::Acquire() {
 bool SingletonGate::Release() {
   if (refs.fetch_sub(1) != 1) return false;
   Enter(gateState, kDeletingMutex);
-  // This was the last reference, and who locks the mutex holds one: so the mutex is free and stays
-  // free. It isn't locked here, as a locked mutex must not be deleted.
+  // This was the last reference, and a caller that locks the mutex holds one: so the mutex is free
+  // and stays free. It isn't locked here, as a locked mutex must not be deleted.
   delete mutex.exchange(nullptr);
   gateState.store(kIdle);
   return true;

@@ -20,8 +20,8 @@ enum class NetWorker {
 
 // Any thread may call these. A created socket is closed until its Open. When the manager has been
 // destroyed, no callback of its sockets runs and none can start, and the sockets that nobody else
-// holds are closed. So it mustn't be destroyed in such a callback, and who destroys it holds no
-// lock that one takes.
+// holds are closed. So it mustn't be destroyed in such a callback, and the thread that destroys
+// it holds no lock that one of them takes.
 class INetManager {
  public:
   virtual ~INetManager() = default;

@@ -56,8 +56,8 @@ class SocketWorker {
   // A worker for one client alone. Throws std::system_error when the system has no room for it.
   static std::shared_ptr<SocketWorker> Own();
 
-  // One of the few that all clients in this process share who ask for that: at most one a core, the
-  // one with the fewest clients. Throws as Own does.
+  // One of the few that clients in this process share, at most one a core: the one with the fewest
+  // clients. Throws as Own does.
   static std::shared_ptr<SocketWorker> Shared();
 
   SocketWorker();

@@ -168,7 +168,7 @@ std::optional<CapturedFrame> CaptureReader::NextOfPcapng() {
     const auto head = Read(8);
     if (!head) return std::nullopt;
     if (BigEndian(*head, 0, 4) == kSectionHeader) {
-      // The byte order stands behind the length, which is read by it.
+      // The length can be read only by the byte order, which stands after it.
       const auto order = Read(4);
       if (!order) return std::nullopt;
       bigEndian_ = BigEndian(*order, 0, 4) == kByteOrder;
@@ -271,7 +271,7 @@ void CaptureWriter::Write(const CapturedFrame& frame) {
   Block(kEnhancedPacket, std::move(body));
 }
 
-// Whole at once, so that who reads the file meanwhile finds whole blocks but for the last.
+// Whole at once, so that a reader of the growing file finds whole blocks but for the last.
 void CaptureWriter::Block(uint32_t type, Bytes body) {
   body.resize((body.size() + 3) / 4 * 4);
   Bytes block;

@@ -172,7 +172,7 @@ size_t Columns(std::string_view text) {
   return columns;
 }
 
-// Colours behind the cut stay in: one of them ends what began before it.
+// Colours after the cut stay in: one of them ends what began before the cut.
 std::string CutToColumns(std::string_view text, size_t most) {
   std::string cut;
   size_t columns = 0;

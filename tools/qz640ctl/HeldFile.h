@@ -8,7 +8,7 @@
 
 namespace ctl {
 
-// Shares reading and not writing: whoever has the file open so is alone, others get
+// Shares reading and not writing: one process at a time has the file open so, others get
 // platform::kBusy.
 platform::OpenOptions Alone(platform::Disposition disposition);
 

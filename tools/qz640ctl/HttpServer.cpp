@@ -142,7 +142,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
         });
   }
 
-  // Who was answered closes the connection, as the answer asks for. Were it closed from here, the
+  // The client closes the connection, as the answer asks for. Were it closed from here, the
   // port would stay taken for a minute after this program has ended (RFC 9293, TIME-WAIT).
   void End() {
     if (viewing_) return Close();

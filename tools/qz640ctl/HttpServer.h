@@ -1,4 +1,4 @@
-// Answers GET requests over HTTP/1.1, and sends server-sent events to who asked for them. Bounded
+// Answers GET requests over HTTP/1.1, and sends server-sent events to pages that ask. Bounded
 // in connections, bytes and time, whatever is sent there. It has no thread of its own: it serves on
 // the one that is in Run or Poll.
 #pragma once
@@ -54,8 +54,8 @@ class HttpServer {
   // Connections that get events now. On any thread.
   size_t Viewers() const;
 
-  // Sends a line to all of them, from any thread. Who hasn't taken the previous one yet gets the
-  // latest alone, and who takes nothing for ten seconds is let go.
+  // Sends a line to all of them, from any thread. A page that hasn't taken the previous one
+  // yet gets the latest alone, and one that takes nothing for ten seconds is let go.
   void Publish(std::string line);
 
   struct Impl;

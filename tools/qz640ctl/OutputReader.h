@@ -28,7 +28,7 @@ class OutputReader {
   // False when time is over before the output has ended.
   bool WaitEnd(uint32_t milliseconds);
 
-  // The latest lines, for who wants to know how it ended; empty if there are none.
+  // The latest lines, to show how the output ended; empty if there are none.
   std::string Tail();
 
   // Nobody waits for lines any more: all but the latest are forgotten.

@@ -45,7 +45,8 @@ bool CanBeTimeCritical() {
   const int slack = prctl(PR_GET_TIMERSLACK);
   if (pthread_getschedparam(pthread_self(), &policy, &param) != 0 || !SetRealTime()) return false;
   pthread_setschedparam(pthread_self(), policy, &param);
-  // Linux from 6.12 on gives who comes back from real time the default, whatever it had before.
+  // Linux from 6.12 on gives a thread that comes back from real time the default slack, whatever it
+  // had before.
   if (slack > 0) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(slack));
   return true;
 }

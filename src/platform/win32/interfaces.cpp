@@ -5,7 +5,7 @@
 
 #include "platform/text.h"
 #include "platform/win32/win.h"
-// Behind winsock2.h, whose types it uses.
+// After winsock2.h, whose types it uses.
 #include <iphlpapi.h>
 
 namespace platform {

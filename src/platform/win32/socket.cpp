@@ -210,8 +210,8 @@ Socket::Events Socket::Pending() {
     impl_->closeError = static_cast<uint32_t>(reported.iErrorCode[FD_CLOSE_BIT]);
   }
   if (impl_->closeWaits) {
-    // A peer that has sent and closed: its data is received first. Behind a broken connection it
-    // isn't looked at any more.
+    // A peer that has sent and closed: its data is received first. After a broken connection
+    // nothing is received any more.
     if (impl_->closeError != 0) events.events &= ~uint32_t{kSocketRead};
     const bool drained = impl_->closeError != 0 || !impl_->HasData();
     events.events |= drained ? kSocketClose : kSocketRead;
