@@ -6,13 +6,12 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "Fields.h"
 #include "control/JsonMsgs.h"
 
 using namespace Network;
 
 namespace {
-
-constexpr size_t kDatagram = 1432;
 
 JsonMsgDevInfo& Describe(JsonMsgDevInfo& msg) {
   msg.unit_id = L"QZ820-000001";
@@ -47,15 +46,6 @@ void BM_MessageFromDatagram(benchmark::State& state) {
 BENCHMARK(BM_MessageFromDatagram);
 
 // The same text by nlohmann/json, from fields to a datagram and back, in UTF-8 throughout.
-constexpr const char* kNumbers[] = {"msg_id",   "hardware",       "firmware",
-                                    "software", "audio_protocol", "control_protocol",
-                                    "rtp_port", "inputs",         "outputs"};
-
-struct Fields {
-  std::string msg = "dev_info", unit_id = "QZ820-000001", unit_type = "QZ820";
-  uint32_t numbers[std::size(kNumbers)] = {1, 1, 1, 1, 1, 1, 8002, 4, 0};
-};
-
 void BM_NlohmannToDatagram(benchmark::State& state) {
   const Fields fields;
   char datagram[kDatagram];

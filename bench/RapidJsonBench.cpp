@@ -9,17 +9,9 @@
 #include <memory>
 #include <string>
 
+#include "Fields.h"
+
 namespace {
-
-constexpr size_t kDatagram = 1432;
-constexpr const char* kNumbers[] = {"msg_id",   "hardware",       "firmware",
-                                    "software", "audio_protocol", "control_protocol",
-                                    "rtp_port", "inputs",         "outputs"};
-
-struct Fields {
-  std::string msg = "dev_info", unit_id = "QZ820-000001", unit_type = "QZ820";
-  uint32_t numbers[std::size(kNumbers)] = {1, 1, 1, 1, 1, 1, 8002, 4, 0};
-};
 
 size_t Write(const Fields& fields, char* datagram) {
   rapidjson::StringBuffer text;
