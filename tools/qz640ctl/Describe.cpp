@@ -580,7 +580,7 @@ Register-ArgumentCompleter -Native -CommandName qz640ctl, qz640ctl.exe -ScriptBl
   } elseif ($word -like '-*') {
     $all = $commands[$command]
   } elseif ($units -contains $command) {
-    $program = "$($line.CommandElements[0])"
+    $program = $line.GetCommandName()  # without the quotes that a path with blanks has
     $all = @(& $program generate units 2>$null)
   } else {
     return
