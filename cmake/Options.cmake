@@ -4,6 +4,9 @@
 function(qz_option name what)
   set(${name} AUTO CACHE STRING "${what}: AUTO, ON or OFF")
   set_property(CACHE ${name} PROPERTY STRINGS AUTO ON OFF)
+  if(NOT "${${name}}" MATCHES "^(AUTO|ON|OFF)$")
+    message(FATAL_ERROR "${name} is \"${${name}}\"; it takes AUTO, ON or OFF")
+  endif()
 endfunction()
 
 qz_option(QZ_TOOLS "qz640ctl, on CLI11, Asio and nlohmann/json")
