@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <exception>
+#include <stdexcept>
 
 #include "json/Parser.h"
 #include "json/ParsingBuilder.h"
@@ -269,8 +270,11 @@ ErrInfo EmuSettings::FromFile(std::wstring path) {
     ErrInfo err = fs::ReadWholeFile(path.c_str(), text);
     if (!err.IsOk()) return err;
   } catch (const std::exception& e) {
+    // Bytes that are no UTF-8, or a file for which there is no memory.
+    const bool noText = dynamic_cast<const std::range_error*>(&e) != nullptr;
     return ERR_HERE("Network::EmuSettings::FromFile")
-        .SetText(platform::Utf8ToWideLossy(e.what()) + L", not UTF-8" + InFile(path) + kLeftAlone);
+        .SetText(platform::Utf8ToWideLossy(e.what()) + (noText ? L", not UTF-8" : L"") +
+                 InFile(path) + kLeftAlone);
   }
   const std::wstring fault = FaultOf(text);
   ErrInfo err = fault.empty() ? FromString(text) : ParseError(fault);
