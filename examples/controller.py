@@ -61,7 +61,7 @@ transmit((host, int(port)), {"msg": "dev_find", "msg_id": number})
 units = {}
 end = time.monotonic() + 0.5
 while time.monotonic() < end:
-    message, sender = receive(end - time.monotonic())
+    message, sender = receive(max(0.001, end - time.monotonic()))
     if message and message["msg"] == "dev_info":
         units[sender] = message
 for unit, info in units.items():

@@ -312,6 +312,8 @@ std::string Remarks(const CLI::Option& option) {
   const auto add = [&remarks](const std::string& remark) {
     if (!remark.empty()) remarks += (remarks.empty() ? "" : "; ") + remark;
   };
+  // A positional that is needed stands without brackets in the usage line; an option doesn't.
+  if (option.get_required() && option.nonpositional()) add("required");
   const std::string type = option.get_type_name();
   const size_t colon = type.find(':');
   std::string range = colon == std::string::npos ? "" : type.substr(colon + 1);

@@ -363,8 +363,9 @@ void Soak::Judge() {
         std::max(early * kMemoryGrowth, early + kMemoryNoise)) {
       Broken("the memory grew by more than 5 % and 1 MiB" + when);
     }
-    if (quiet_[i].threads != quiet_[0].threads) Broken("the number of threads changed" + when);
-    if (quiet_[i].handles != quiet_[0].handles) Broken("the file descriptors changed" + when);
+    // Fewer are no leak: the thread that clears old logs away may just have ended.
+    if (quiet_[i].threads > quiet_[0].threads) Broken("there were more threads" + when);
+    if (quiet_[i].handles > quiet_[0].handles) Broken("there were more file descriptors" + when);
   }
   if (static_cast<double>(peak_) > kPeak) {
     Broken("the program took more than 256 MiB: what it has to do piles up");

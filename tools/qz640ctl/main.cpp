@@ -218,7 +218,7 @@ class CommandLine {
             [this](Session& session, Output& out) { return RunListen(session, listen_, out); });
     NeedsNoTimeout(listen);
     listen->add_flag("--explain", listen_.explain, "Say of each datagram what is wrong with it");
-    listen->add_option("--at", listen_.at, "Own address and port (default: any free one)")
+    listen->add_option("--at", listen_.at, "Own address and port; without a port, a free one")
         ->capture_default_str();
   }
 
@@ -535,6 +535,7 @@ class CommandLine {
             "stream and second, and what is lost, late, repeated, refused or bad of it",
             "qz640ctl trace --on lo -w evening.pcapng\n  qz640ctl trace -r evening.pcapng",
             [this](Session&, Output& out) { return RunTrace(trace_, out); });
+    NeedsNoTimeout(trace);
     auto* on = trace->add_option("--on", trace_.on, "Listen on this interface, or on \"any\"");
     trace
         ->add_option("-w,--write", trace_.write,
