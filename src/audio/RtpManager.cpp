@@ -96,7 +96,7 @@ ErrInfo RtpManager::Start() {
 void RtpManager::Stop() {
   started_ = false;
   sendSeries_.Flush();
-  // The worker goes on and samples this one under the lock.
+  // The worker still receives, and adds to this series under the lock.
   ScopedLock lock(recvChansLock_);
   recvSeries_.Flush();
 }

@@ -16,7 +16,7 @@ constexpr wchar_t kBeginBanner[] =
 constexpr wchar_t kEndBanner[] =
     L"-------------------------<<< END LOG >>>-------------------------";
 
-// Keeps the disk free for others while files go.
+// Between two deletions, so that other programs get their turn at the disk.
 constexpr uint32_t kDeletePauseMs = 100;
 
 constexpr size_t kGatheredBytes = 65536;
@@ -83,7 +83,7 @@ uint32_t LogFiles::PrepareDir() const {
   return made != 0 ? made : platform::PathCheckOwnDir(dir);
 }
 
-// One sentence for each reason, however often it is tried.
+// A reason is reported once, however often the file is tried after that.
 void LogFiles::NoFile(const std::wstring& reason) {
   std::wstring trouble = Format(L"No log file in \"%s\": %s. It is tried again every second.",
                                 params_.dir.empty() ? L"." : params_.dir, reason);

@@ -277,7 +277,7 @@ std::string SpacingPlot(const StreamTrace& trace) {
   std::map<int64_t, double> late;
   for (const Arrival& arrival : trace.arrivals)
     late.emplace(arrival.place, arrival.lateMs);
-  std::vector<double> apart;  // than they should be
+  std::vector<double> apart;  // ms farther than one packet's time; negative: nearer
   double worst = 0;
   for (const auto& [place, ms] : late) {
     const auto before = late.find(place - 1);

@@ -326,8 +326,8 @@ std::string Remarks(const CLI::Option& option) {
   return remarks;
 }
 
-// CLI11 says what a value is missing or wrong. It knows nothing of the words that are near, so what
-// is left over comes first: an option that isn't known makes a value of its own into a positional.
+// CLI11 says which value is missing or wrong, but suggests no word that was meant. So words that it
+// couldn't place are reported first: of an unknown option it takes the value for a positional.
 std::string UsageText(const CLI::App& app, const CLI::ParseError& error) {
   const auto parsed = app.get_subcommands();
   if (parsed.empty()) return "a command is needed" + See("");

@@ -102,7 +102,7 @@ Words CommandsWith(CLI::App& app, Kind kind) {
 
 // -- Manual pages. --
 
-// A text that troff takes for itself. UTF-8 goes by its code points.
+// A text as troff shows it unchanged. UTF-8 goes by its code points.
 std::string Roff(const std::string& text) {
   std::string out;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -189,7 +189,7 @@ bool IsCommon(const CLI::Option& option) {
   return std::find(common.begin(), common.end(), NameOf(option)) != common.end();
 }
 
-// A command's help ends in `notes` and, where there is more to say, in that.
+// What a command's help says at its end beside `notes`, which all of them have.
 std::string OwnFooter(const CLI::App& command, const std::string& notes) {
   std::string footer = Replace(command.get_footer(), notes, "");
   while (footer.ends_with('\n'))
@@ -222,7 +222,7 @@ std::string BashPlace(const Value& value) {
   return "any" + end;
 }
 
-// In brackets and between colons, as _arguments of zsh takes it.
+// A text that stands in brackets or between colons for _arguments of zsh.
 std::string ZshText(const std::string& text) {
   std::string out;
   for (const char c : text) {

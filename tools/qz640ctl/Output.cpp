@@ -32,7 +32,7 @@ void WriteError(const std::string& text) {
 
 }  // namespace
 
-// A level or a time is no better than that, and a person can still read it.
+// To six digits: no level or time is measured more exactly, and a person can still read it.
 Fields& Fields::Add(const char* key, double number) {
   char text[32];
   const auto written =
@@ -43,7 +43,7 @@ Fields& Fields::Add(const char* key, double number) {
   return *this;
 }
 
-// What isn't ASCII goes as \u escapes: names from the network hold whatever steers a terminal.
+// What isn't ASCII goes as \u escapes: names from the network may hold what steers a terminal.
 std::string Fields::ToText() const {
   return object_.dump(-1, ' ', true, wire::Json::error_handler_t::replace);
 }
@@ -133,7 +133,7 @@ void Output::Error(const std::string& text) {
   try {
     Object(Fields().Add("error", text));
   } catch (const OutputClosed&) {
-    // Said above already.
+    // Standard error has it; nobody reads objects any more.
   } catch (const Failure& failure) {
     WriteNote(failure.text);
   }

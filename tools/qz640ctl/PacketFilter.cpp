@@ -93,7 +93,8 @@ bool IsOtherProtocol(const std::string& word) {
   return std::find(all.begin(), all.end(), word) != all.end();
 }
 
-// One rule of "nft list ruleset". What isn't known restricts it in ways that aren't known.
+// One rule of "nft list ruleset". A word that isn't known here is taken for a condition that may or
+// may not hold.
 Rule ParseNft(const Words& words, uint16_t port) {
   Rule rule;
   for (size_t i = 0; i < words.size(); ++i) {
@@ -234,7 +235,8 @@ Chains ParseIptablesChains(const std::string& text, uint16_t port) {
   return chains;
 }
 
-// Walks the rules as the filter does. What can't be decided lets the verdict only be unclear.
+// Walks the rules as the filter does. Where a rule that can't be decided could make the difference,
+// the verdict is "unclear".
 class Walk {
  public:
   explicit Walk(const Chains& chains) : chains_(chains) {}

@@ -272,9 +272,9 @@ Bytes Flood::BrokenJson() {
 }
 
 // Mostly a head with a few segments, sometimes nearly a whole mebibyte; never the last segment.
-// Whatever message comes next is lost with it. 15 times in 16 that is one of this flood, which
-// nobody answers. The others wait for somebody else's: without the difference every second request
-// of an honest peer were lost, ten in a row once in a thousand times.
+// The message that comes next is lost with it. 15 times in 16 that is one of this flood, which
+// nobody answers; the other times it is somebody else's. Were it always somebody else's, an honest
+// peer would lose every second request, and ten in a row once in a thousand times.
 void Flood::SendHalfAnAssembly(const Endpoint& to) {
   const uint64_t segments = Below(1000) == 0 ? 800 : 2 + Below(3);
   const uint32_t leader = nextId_++;

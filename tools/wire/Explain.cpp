@@ -121,9 +121,9 @@ void ReplaceSurrogateEscapes(std::string& text) {
   }
 }
 
-// Of an object that is JSON: the digits of a number that no unit reads, as each row of them (before
-// the point, after it, of the exponent) has to fit in 64 bits, also under a key that it doesn't
-// know. Empty: there are none.
+// The digits in a JSON object that no unit reads: in a number each run of digits (before the point,
+// after it, of the exponent) has to fit in 64 bits, also under a key that the unit doesn't know.
+// Empty where there are none.
 std::string TooLongDigits(std::string_view object) {
   constexpr std::string_view kDigits = "0123456789";
   constexpr std::string_view kMost = "9223372036854775807";
@@ -137,7 +137,7 @@ std::string TooLongDigits(std::string_view object) {
     digits.remove_prefix(std::min(digits.find_first_not_of('0'), digits.size()));
     const bool fits =
         digits.size() < kMost.size() || (digits.size() == kMost.size() && digits <= kMost);
-    // An integer reaches one farther below zero.
+    // The lowest 64-bit integer is one farther from zero than the highest.
     const bool negative = i >= 2 && object[i - 1] == '-' && (object[i - 2] | 0x20) != 'e';
     if (!fits && !(negative && digits == "9223372036854775808")) return std::string(digits);
     i = end - 1;

@@ -222,8 +222,8 @@ void Link::OnDatagram(const Datagram& datagram) {
   }
 }
 
-// A message goes to whoever waits once it is whole. Between head and segments nothing else may come
-// from the same sender.
+// Once a message is whole, the call that waits for it gets it. Between head and segments nothing
+// else may come from the same sender.
 void Link::Accept(const Message& message) {
   const auto open = assemblies_.find(message.from);
   if (message.type == "attach") {
@@ -247,7 +247,7 @@ void Link::Accept(const Message& message) {
 void Link::Assemble(Assembly& assembly, const Message& segment) {
   const Endpoint from = segment.from;
   const size_t held = assembly.head.attachment.size();
-  // What lacks one of these is no segment, and ends no assembly.
+  // A message that lacks one of these three is no segment, and ends no assembly.
   const uint32_t leader = NumberAt(segment.body, "leader_id");
   const uint32_t number = NumberAt(segment.body, "seg_number");
   const uint32_t count = NumberAt(segment.body, "seg_count");
