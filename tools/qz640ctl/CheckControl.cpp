@@ -31,8 +31,8 @@ constexpr auto kAckBears = milliseconds(20);
 constexpr auto kRepeatsBear = milliseconds(8);
 constexpr auto kCountsBear = milliseconds(100);
 
-// The control protocol's checks. Each asks for one thing and reports one line. The link is of its
-// own, as it also leaves unacknowledged what it should.
+// The control protocol's checks. Each asks for one thing and reports one line. The tour has a link
+// of its own, which for one check leaves the unit's messages unacknowledged.
 class ControlTour {
  public:
   // With `careful` nothing is changed.
@@ -70,8 +70,8 @@ class ControlTour {
   void FmRefused(const char* name, const char* request, const Json& members, uint32_t code);
   Finding Segments();
 
-  // Sends a request, once and without waiting for its acknowledgement, and gives the answer as
-  // `understand` takes it; nothing, with the reason in `why_`, when none comes that it takes.
+  // Sends a request, once and without waiting for its acknowledgement, and gives what `understand`
+  // makes of the answer. Nothing, with the reason in `why_`, where no answer comes or it throws.
   template <typename Understand>
   auto Ask(const char* request, const char* answer, Understand understand,
            const Json& members = Json::object())

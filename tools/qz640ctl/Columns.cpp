@@ -114,8 +114,8 @@ bool IsIn(const Range (&ranges)[count], uint32_t point) {
   return after != std::begin(ranges) && point <= std::prev(after)->last;
 }
 
-// The length of the UTF-8 sequence that `text` begins with; 0 if it begins with none. What is
-// overlong or no character slips through: it moves no terminal.
+// The length of the UTF-8 sequence that `text` begins with; 0 if it begins with none. Overlong
+// forms and numbers of no character are let through: they move no cursor.
 size_t SequenceLength(std::string_view text) {
   const auto first = static_cast<uint8_t>(text.front());
   const size_t length = first < 0x80   ? 1

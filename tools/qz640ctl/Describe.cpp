@@ -139,7 +139,8 @@ std::string Italic(const std::string& text) {
   return "\\fI" + Roff(text) + "\\fR";
 }
 
-// Lines as they stand. An empty one would be a paragraph to a strict reader.
+// Lines that troff doesn't fill. An empty line goes as .sp: strict readers of manual pages complain
+// about it otherwise.
 std::string Block(const std::string& text) {
   std::string out = ".nf\n";
   std::istringstream lines(text);

@@ -51,7 +51,7 @@ bool IsAddressOrLocal(std::string_view host) {
   return EqualsIgnoringCase(host.substr(0, colon), "localhost");
 }
 
-// Unguessable, for the one answer that it stands in.
+// Can't be guessed, and serves one answer alone.
 std::string MakeNonce() {
   std::random_device random;
   std::string nonce;

@@ -17,7 +17,8 @@ struct Way {
   wire::Endpoint target;
 };
 
-// "A=B": what arrives at A goes to B. `port` where an address has none; 0: it must have one.
+// "A=B": what arrives at A goes to B. An address without a port gets `port`, or is refused where
+// `port` is 0.
 Way ParseWay(const std::string& text, uint16_t port) {
   const size_t equals = text.find('=');
   if (equals == std::string::npos) {
@@ -78,7 +79,7 @@ void PrintUnit(const wire::Unit& real, const wire::Unit& shown, Output& out) {
            " is at " + shown.control.ToText() + ", RTP port " + std::to_string(shown.rtpPort));
 }
 
-// Ways that begin at the same place are one relay's.
+// All ways with the same LISTEN belong to one relay.
 int RelayDiscovery(Session& session, const RelayOptions& options, Output& out) {
   std::map<wire::Endpoint, wire::DiscoveryRelayInfo> infos;
   for (const std::string& text : options.ways) {

@@ -23,7 +23,7 @@ namespace {
 // After its acknowledgement a request that has no answer is done or refused within this.
 constexpr auto kRefusalTime = milliseconds(100);
 
-// The requests, with what answers them; empty: nothing does, unless it is refused.
+// Each request with the type of its answer; empty for one that is answered only by a refusal.
 const std::map<std::string, std::string>& Answers() {
   static const std::map<std::string, std::string> kAnswers{{"get_dev_info", "dev_info"},
                                                            {"get_inputs", "inputs"},
@@ -103,7 +103,7 @@ std::vector<std::string> Differences(const Json& then, const Json& now) {
   return all;
 }
 
-// Those of one unit: the one that is named, or the only one.
+// The exchanges with one unit: the unit that is named, or the only one in the capture.
 std::vector<Exchange> Choose(std::vector<Exchange> all, const ReplayOptions& options) {
   std::set<Endpoint> units;
   for (const Exchange& exchange : all)
@@ -121,7 +121,8 @@ std::vector<Exchange> Choose(std::vector<Exchange> all, const ReplayOptions& opt
   return all;
 }
 
-// What comes now; nothing: no acknowledgement, or no answer to a request that has one.
+// Sends the request once more and gives today's answer; nothing where the unit doesn't acknowledge,
+// or doesn't answer a request that has an answer.
 std::optional<Json> Again(Session& session, const Endpoint& unit, const Exchange& exchange) {
   wire::Link& link = session.Link();
   link.Clear();

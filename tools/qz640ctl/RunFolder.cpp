@@ -69,8 +69,8 @@ std::vector<files::path> RunFolder::Places() {
   return places;
 }
 
-// The number is no secret, only new: where a folder of that name is there already, whoever made it,
-// the next number is taken.
+// The number has to be new, not secret: where there is a folder of that name already, the next
+// number is taken.
 std::unique_ptr<RunFolder> RunFolder::MakeIn(const files::path& place) {
   std::random_device random;
   std::error_code missing;
@@ -111,8 +111,8 @@ std::unique_ptr<RunFolder> RunFolder::Open(const files::path& path) {
   return folder;
 }
 
-// The lock of a folder that stays is left there: removed, it could be the one that the next run has
-// just taken.
+// The lock file of a folder that stays is left there: by the time that it was removed, the next run
+// could have locked it.
 RunFolder::~RunFolder() {
   if (lock_ == platform::kNoFile && stays_) return;
   std::error_code ignored;

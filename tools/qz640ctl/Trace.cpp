@@ -18,7 +18,7 @@ namespace {
 
 using Fate = TracedMessage::Fate;
 
-// What comes later than a sender waits for, so that it repeats.
+// An acknowledgement that comes later than this makes the sender repeat its message.
 constexpr double kLateMs = std::chrono::duration<double, std::milli>(wire::kAckTimeout).count();
 
 // Frames of several threads of the system may come in somewhat mixed order.

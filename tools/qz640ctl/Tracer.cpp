@@ -65,7 +65,7 @@ void Tracer::TakeMessage(const CapturedDatagram& datagram) {
     return;
   }
   if (message.type == "ack") {
-    // From whoever it was sent to. A question to a broadcast address is answered from another one.
+    // From the address that the message went to. A broadcast is answered from another address.
     const uint32_t id = wire::NumberAt(message.body, "ack_msg_id");
     const auto found = pending_.find({datagram.to, datagram.from, id});
     if (found == pending_.end() || found->second.fate == TracedMessage::Fate::Acknowledged) return;

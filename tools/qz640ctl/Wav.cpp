@@ -135,7 +135,7 @@ void SampleDecoder::ReadFormat(std::string_view chunk) {
   hasFormat_ = true;
 }
 
-// A length of 0 is what a program leaves that writes the true one at its end and didn't get there.
+// A program that writes the length when it ends, and was killed before, leaves a length of 0.
 void SampleDecoder::BeginSamples(uint64_t size) {
   inSamples_ = true;
   if (size == 0 || size == kUnknown) return;

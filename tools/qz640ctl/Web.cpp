@@ -1,5 +1,5 @@
-// The command "web": a page that shows units to who opens it. Units are looked at only as long as
-// somebody does: the last page that is closed gives back what was borrowed.
+// The command "web": a page that shows units in a browser. Units are looked at only as long as a
+// page is open: the last page that is closed gives back what was borrowed.
 #include <algorithm>
 #include <cmath>
 #include <deque>
@@ -35,7 +35,7 @@ constexpr auto kDiscoverPause = milliseconds(3000);
 constexpr auto kDiscoverRound = milliseconds(150);
 constexpr size_t kMessages = 60;
 
-// Whoever answers a discovery may say anything.
+// An answer to a discovery may say anything.
 constexpr size_t kMostUnits = 250;
 constexpr uint32_t kMostInputs = 16;  // of a unit, likewise its outputs
 
@@ -59,7 +59,7 @@ std::string TimeOfDay() {
 struct Input {
   std::optional<size_t> listener;        // its number; nothing: in use and left alone
   Destination home;                      // where it goes when nobody looks
-  std::optional<Destination> elsewhere;  // where somebody has sent it since it is heard here
+  std::optional<Destination> elsewhere;  // where another controller has sent it meanwhile
   wire::StreamStats stats;
   double rate = 0;    // packets a second
   uint32_t freq = 0;  // Hz; 0: nothing has come yet
