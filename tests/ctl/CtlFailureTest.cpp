@@ -38,6 +38,7 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"fm", "tuner-b", "4=98700"}, 2, "there is no tuner 4"},
       {{"record", "odd-c", "x.wav"}, 2, "there is no input 0"},
       {{"play", "tuner-b", "--pattern"}, 2, "there is no output 0"},
+      {{"play", "studio-a", "--pattern", "--freq", "44100"}, 1, "--pattern --freq 48000"},
       {{"info", "no-such-unit", "--timeout", "500"}, 3, "studio-a, tuner-b, odd-c"},
   };
   for (const auto& failure : failures) {

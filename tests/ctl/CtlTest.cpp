@@ -52,13 +52,18 @@ TEST_F(CtlTest, EveryCommandAnswersPeopleAndPrograms) {
        "failed",
        "0"},
       {{"play", "studio-a", file.Text()}, "sent 25 packets", 1, "packets", "25"},
-      {{"play", "studio-a", other.Text(), "--freq", "44100"}, "sent 23 packets", 1, "silent", "0"},
+      {{"play", "studio-a", other.Text(), "--freq", "44100", "--force"},
+       "sent 23 packets",
+       1,
+       "silent",
+       "0"},
       {{"watch", "tuner-b", "--seconds", "1.2"},
        "####################  ####################",
        4,
        "lost",
        "0"},
       {{"freq", "studio-a", "44100"}, "acknowledged 44100 Hz", 1, "device_freq", "44100"},
+      {{"play", "studio-a", "--tone", "440", "--seconds", "0.1"}, "sent 23 p", 1, "packets", "23"},
   };
   for (const auto& command : commands) {
     const Result plain = Run(command.arguments);

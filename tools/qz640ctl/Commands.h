@@ -20,8 +20,9 @@ struct PlayOptions {
   std::optional<double> toneHz;
   double levelDb = -20;
   bool pattern = false;
-  double seconds = 5;  // of a tone or the pattern
-  uint32_t sampleFreq = 48000;
+  double seconds = 5;                  // of a tone or the pattern
+  std::optional<uint32_t> sampleFreq;  // Hz; none: the unit's own
+  bool force = false;                  // at that, whatever the unit runs at
   double ppm = 0;
 };
 

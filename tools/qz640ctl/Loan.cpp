@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "Columns.h"
 #include "Commands.h"
 #include "Printable.h"
 #include "platform/clock.h"
@@ -113,6 +114,7 @@ std::vector<Destination> FormersOf(const LoanRecord& loan, const Destination& no
 
 InputLoan::InputLoan(Session& session, const wire::Unit& unit, std::vector<Input> inputs)
     : session_(session), unit_(unit), inputs_(std::move(inputs)) {
+  const LoanBook::Exchange exchange;
   const std::vector<Destination> now = session_.Control(unit_).GetInputs();
   const std::vector<LoanRecord> running = LoanBook::Running();
   std::vector<wire::InputChange> changes(unit_.inputs);
@@ -185,6 +187,7 @@ void InputLoan::Return() {
 
 void InputLoan::GiveBack() {
   const wire::Loop::Shield shield(session_.Loop());
+  std::optional<LoanBook::Exchange> exchange(std::in_place);
   const std::vector<Destination> now = session_.Control(unit_).GetInputs();
   const std::vector<LoanRecord> running = LoanBook::Running();
   std::vector<wire::InputChange> changes(unit_.inputs);
@@ -202,6 +205,7 @@ void InputLoan::GiveBack() {
   if (any) Set(changes);
   for (const LoanRecord& loan : loans_)
     session_.Loans().Returned(loan);
+  exchange.reset();
   for (const auto& [loan, to] : elsewhere)
     Note(*loan, to);
   const bool passedOnToHere = std::any_of(elsewhere.begin(), elsewhere.end(), [&](const auto& one) {
@@ -234,22 +238,25 @@ std::string InUseText(const wire::Unit& unit, uint32_t input, const Destination&
          ")";
 }
 
-std::string InUseLine(InUse how, const std::vector<std::string>& inputs) {
+std::string InUseLine(InUse how, const std::vector<std::string>& inputs, size_t columns) {
   constexpr size_t kNamed = 8;
   if (inputs.empty()) return "no input was in use";
-  std::string line = "in use: ";
-  for (size_t i = 0; i < std::min(inputs.size(), kNamed); ++i)
-    line += (i == 0 ? "" : ", ") + inputs[i];
-  if (inputs.size() > kNamed) line += " and " + std::to_string(inputs.size() - kNamed) + " more";
-  switch (how) {
-    case InUse::PassOn:
-      return line + "; heard here and passed on to there";
-    case InUse::Take:
-      return line + "; taken from there until this command ends";
-    case InUse::LeaveOut:
-      return line + "; left out";
+  std::string fate = "; left out";
+  if (how == InUse::PassOn) fate = "; heard here and passed on to there";
+  if (how == InUse::Take) fate = "; taken from there until this command ends";
+  for (size_t named = std::min(inputs.size(), kNamed); named > 0; --named) {
+    std::string line = "in use: ";
+    for (size_t i = 0; i < named; ++i)
+      line += (i == 0 ? "" : ", ") + inputs[i];
+    if (inputs.size() > named) line += " and " + std::to_string(inputs.size() - named) + " more";
+    line += fate;
+    if (Columns(line) <= columns) return line;
   }
-  return line;
+  const std::string line = std::to_string(inputs.size()) + " in use" + fate;
+  if (Columns(line) <= columns) return line;
+  return std::to_string(inputs.size()) + (how == InUse::PassOn ? " passed on"
+                                          : how == InUse::Take ? " taken"
+                                                               : " left out");
 }
 
 namespace {

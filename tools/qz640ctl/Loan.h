@@ -59,8 +59,8 @@ class InputLoan {
 // "tuner-b 0 (127.0.0.1:9001)", for the line that says what becomes of inputs in use.
 std::string InUseText(const wire::Unit& unit, uint32_t input, const wire::Destination& destination);
 
-// That line.
-std::string InUseLine(InUse how, const std::vector<std::string>& inputs);
+// That line. Where it is to fit so many columns, it names fewer of them.
+std::string InUseLine(InUse how, const std::vector<std::string>& inputs, size_t columns = SIZE_MAX);
 
 // Gives back what processes that have ended had borrowed from these units and is still sent to
 // them, and notes it. To be called with units that have just answered, so that a command never

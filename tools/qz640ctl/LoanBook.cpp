@@ -1,8 +1,10 @@
 #include "LoanBook.h"
 
 #include <algorithm>
+#include <chrono>
 #include <random>
 #include <stdexcept>
+#include <thread>
 
 #include "HeldFile.h"
 #include "StateFiles.h"
@@ -16,6 +18,10 @@ using wire::Json;
 namespace {
 
 constexpr const wchar_t* kEnding = L".loans";
+
+// A second in all.
+constexpr int kExchangeAttempts = 200;
+constexpr auto kExchangePause = std::chrono::milliseconds(5);
 
 Json ToJson(const LoanRecord& loan, bool returned) {
   Json formers = Json::array();
@@ -159,6 +165,28 @@ std::vector<LoanBook::Left> LoanBook::LeftBehind() {
 
 void LoanBook::Remove(const Left& left) {
   platform::PathRemove(left.file.c_str());
+}
+
+LoanBook::Exchange::Exchange() {
+  if (depth_++ > 0) return;
+  const std::wstring folder = StateFolder();
+  if (folder.empty()) return;
+  MakeStateFolder();
+  const std::wstring path = folder + L"borrow.lock";
+  for (int attempt = 0; attempt < kExchangeAttempts; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(kExchangePause);
+    const uint32_t error =
+        platform::FileOpen(path.c_str(), Alone(platform::Disposition::OpenAlways), &file_, nullptr);
+    if (error == 0) return;
+    file_ = platform::kNoFile;
+    if (error != platform::kBusy) return;
+  }
+}
+
+LoanBook::Exchange::~Exchange() {
+  if (--depth_ > 0 || file_ == platform::kNoFile) return;
+  platform::FileClose(file_);
+  file_ = platform::kNoFile;
 }
 
 LoanBook::Turn::Turn() {

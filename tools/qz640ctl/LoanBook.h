@@ -59,6 +59,20 @@ class LoanBook {
   static std::vector<Left> LeftBehind();
   static void Remove(const Left& left);
 
+  // Between reading where an input goes and setting it, one process at a time. The others wait, but
+  // for a second at most, as one may have been stopped in between. May be nested. On one thread.
+  class Exchange {
+   public:
+    Exchange();
+    ~Exchange();
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+
+   private:
+    static inline int depth_ = 0;
+    static inline platform::FileHandle file_ = platform::kNoFile;
+  };
+
   // Gives back what was left, one process at a time: held as long as it lives.
   class Turn {
    public:

@@ -7,6 +7,7 @@
 
 #include "AudioFile.h"
 #include "Commands.h"
+#include "Loan.h"
 #include "Resampler.h"
 #include "platform/startup.h"
 #include "platform/thread.h"
@@ -26,6 +27,9 @@ constexpr size_t kAhead = 48000;
 constexpr size_t kBegin = 12000;
 
 constexpr auto kTurn = milliseconds(10);
+
+constexpr uint32_t kUsualFreq = 48000;
+constexpr auto kFirstPacket = milliseconds(300);
 
 // Between a file or pipe, which has frames when it has, and the stream, which takes them at the
 // unit's pace.
@@ -70,6 +74,39 @@ class ReadAhead {
   bool ended_ = false;
 };
 
+// What a unit runs at, in Hz, or why that can't be known.
+struct UnitRate {
+  uint32_t hertz = 0;
+  std::string unknown = {};
+};
+
+// No message says it, but the packets of an input do. One that is off is sent here until the first
+// has come; nobody else's is touched. Other commands that borrow wait meanwhile.
+UnitRate HearRate(Session& session, const wire::Unit& unit) {
+  const LoanBook::Exchange exchange;
+  try {
+    const std::vector<wire::Destination> now = session.Control(unit).GetInputs();
+    const size_t count = std::min<size_t>(now.size(), unit.inputs);
+    const auto end = now.begin() + static_cast<ptrdiff_t>(count);
+    const auto off = std::find(now.begin(), end, wire::Destination());
+    if (count == 0) return {.unknown = "it has no input to hear that by"};
+    if (off == end) return {.unknown = "its inputs are in use"};
+    const auto input = static_cast<uint32_t>(off - now.begin());
+    wire::AudioReceiver receiver(session.Loop(), session.LocalFor(unit));
+    InputLoan loan(session, unit, {{input, receiver.Local(), nullptr}});
+    receiver.WaitCount(1, kFirstPacket);
+    loan.Return();
+    for (const wire::StreamPacket& packet : receiver.Packets()) {
+      if (packet.FrameCount() > 0) return {wire::SampleFreqOf(packet.Header().payloadType)};
+    }
+    return {.unknown = "its input " + std::to_string(input) + " can't be heard here"};
+  } catch (const wire::Interrupted&) {
+    throw;
+  } catch (const std::exception& error) {
+    return {.unknown = session.ToFailure(error).text};
+  }
+}
+
 class Playing {
  public:
   Playing(Session& session, const PlayOptions& options, Output& out)
@@ -78,6 +115,7 @@ class Playing {
   int Run();
 
  private:
+  void ChooseFreq(const wire::Unit& unit);
   wire::AudioSender::Source OpenSource();
   void OpenFile();
   std::string Progress(uint64_t sent) const;
@@ -86,6 +124,8 @@ class Playing {
   Session& session_;
   const PlayOptions& options_;
   Output& out_;
+  uint32_t freq_ = kUsualFreq;       // Hz
+  bool heard_ = false;               // the unit runs at that
   std::unique_ptr<ReadAhead> file_;  // null for a tone and the pattern
   std::optional<uint64_t> frames_;   // of all, at the unit's frequency, as far as that is known
 };
@@ -93,6 +133,7 @@ class Playing {
 int Playing::Run() {
   const wire::Unit unit = session_.FindUnit(options_.unit);
   CheckOutput(unit, options_.output);
+  ChooseFreq(unit);
   wire::AudioSender::Source source = OpenSource();
 
   const wire::Endpoint to = unit.Output(options_.output);
@@ -100,8 +141,7 @@ int Playing::Run() {
   // From here on the loop moves audio: this thread, the only one, goes before those that needn't be
   // in time. Where the user may not ask for that, nothing happens.
   platform::SetTimeCritical();
-  wire::AudioSender sender(session_.Loop(), to, options_.sampleFreq, options_.ppm,
-                           std::move(source));
+  wire::AudioSender sender(session_.Loop(), to, freq_, options_.ppm, std::move(source));
   auto lastShown = wire::Clock::now();
   while (!sender.WaitEnd(kTurn) && !platform::WaitForStop(0)) {
     if (file_) file_->Fill();
@@ -115,43 +155,70 @@ int Playing::Run() {
   return sender.Failed() == 0 ? kDone : kRefused;
 }
 
+// Refuses a frequency that the unit is heard not to run at.
+void Playing::ChooseFreq(const wire::Unit& unit) {
+  freq_ = options_.sampleFreq.value_or(kUsualFreq);
+  if (options_.force) return;
+  const UnitRate rate = HearRate(session_, unit);
+  heard_ = rate.hertz != 0;
+  if (!heard_) {
+    if (options_.sampleFreq) return;
+    session_.Note(unit.id + " is taken to run at " + std::to_string(freq_) +
+                  " Hz: " + rate.unknown + "; --freq says what it runs at");
+    return;
+  }
+  if (options_.sampleFreq && freq_ != rate.hertz) {
+    const std::string what = options_.toneHz    ? "--tone " + FormatNumber(*options_.toneHz, 0)
+                             : options_.pattern ? "--pattern"
+                                                : "\"" + options_.file + "\"";
+    throw Failure{kRefused, unit.id + " runs at " + std::to_string(rate.hertz) +
+                                " Hz and would play " + std::to_string(freq_) +
+                                " Hz at another pitch; this does it right: qz640ctl play " +
+                                options_.unit + " " + what + " --freq " +
+                                std::to_string(rate.hertz) + " (with --force it is sent as it is)"};
+  }
+  freq_ = rate.hertz;
+}
+
 wire::AudioSender::Source Playing::OpenSource() {
-  const auto frames = static_cast<uint64_t>(std::llround(options_.seconds * options_.sampleFreq));
+  const auto frames = static_cast<uint64_t>(std::llround(options_.seconds * freq_));
   if (options_.file.empty()) frames_ = frames;
   if (options_.pattern) return wire::PatternSource(frames);
   if (options_.toneHz) {
-    return wire::ToneSource(*options_.toneHz, options_.levelDb, options_.sampleFreq, frames);
+    return wire::ToneSource(*options_.toneHz, options_.levelDb, freq_, frames);
   }
   OpenFile();
   return [this] { return file_->Next(); };
 }
 
 // A unit takes a stream at either frequency and plays it at its own, so one at another would be
-// heard at another pitch. What the unit runs at it doesn't say.
+// heard at another pitch.
 void Playing::OpenFile() {
-  auto reader = OpenToRead(options_.file, options_.format, options_.sampleFreq);
+  auto reader = OpenToRead(options_.file, options_.format, freq_);
   const std::string has = std::to_string(reader->SampleFreq());
-  const std::string wanted = std::to_string(options_.sampleFreq);
+  const std::string wanted = std::to_string(freq_);
   std::unique_ptr<Resampler> resampler;
   frames_ = reader->FrameCount();
-  if (reader->SampleFreq() != options_.sampleFreq) {
+  if (reader->SampleFreq() != freq_) {
     const std::string what =
         (IsPipe(options_.file) ? "standard input" : options_.file) + " has " + has + " Hz";
     const bool takes = reader->SampleFreq() == 44100 || reader->SampleFreq() == 48000;
     const std::string asIs =
-        takes ? "for a unit that runs at " + has + " Hz give --freq " + has : "";
-    resampler = Resampler::Create(reader->SampleFreq(), options_.sampleFreq);
+        takes && !heard_ ? "for a unit that runs at " + has + " Hz give --freq " + has : "";
+    resampler = Resampler::Create(reader->SampleFreq(), freq_);
     if (!resampler) {
       const std::string in = IsPipe(options_.file) ? "-" : "\"" + options_.file + "\"";
-      throw Failure{kRefused, what + ", the unit is taken to run at " + wanted +
-                                  " Hz, and this qz640ctl was built without libsamplerate, which "
-                                  "converts; convert it first: ffmpeg -i " +
-                                  in + " -ar " + wanted + " -c:a pcm_s24le out.wav" +
-                                  (takes ? "; or " + asIs : "")};
+      throw Failure{kRefused,
+                    what + (heard_ ? ", the unit runs at " : ", the unit is taken to run at ") +
+                        wanted +
+                        " Hz, and this qz640ctl was built without libsamplerate, which "
+                        "converts; convert it first: ffmpeg -i " +
+                        in + " -ar " + wanted + " -c:a pcm_s24le out.wav" +
+                        (asIs.empty() ? "" : "; or " + asIs)};
     }
-    session_.Note(what + ", converted to " + wanted + " Hz" + (takes ? "; " + asIs : ""));
+    session_.Note(what + ", converted to " + wanted + " Hz" + (asIs.empty() ? "" : "; " + asIs));
     if (frames_) {
-      const double ratio = static_cast<double>(options_.sampleFreq) / reader->SampleFreq();
+      const double ratio = static_cast<double>(freq_) / reader->SampleFreq();
       frames_ = static_cast<uint64_t>(std::llround(static_cast<double>(*frames_) * ratio));
     }
   }
@@ -170,6 +237,7 @@ void Playing::ShowResult(const wire::AudioSender& sender, const std::string& to)
   const uint64_t silent = file_ ? file_->Silent() : 0;
   out_.Object(Fields()
                   .Add("to", to)
+                  .Add("sample_freq", freq_)
                   .Add("packets", sender.Sent())
                   .Add("failed", sender.Failed())
                   .Add("silent", silent));

@@ -313,8 +313,8 @@ class CommandLine {
 
     CLI::App* play = Add(
         "play",
-        "Send audio to an output. What somebody else sends there at the same time breaks both; a "
-        "unit doesn't say its frequency, --freq has to be it",
+        "Send audio to an output. What somebody else sends there at the same time breaks both. To "
+        "learn the unit's frequency an input that is off is sent here for a moment",
         "qz640ctl play studio-a --output 0 --tone 1000 --seconds 3\n"
         "  ffmpeg -i song.mp3 -c:a pcm_s24le -f wav - | qz640ctl play studio-a -",
         [this](Session& session, Output& out) { return RunPlay(session, play_, out); });
@@ -341,9 +341,11 @@ class CommandLine {
         ->check(Seconds())
         ->capture_default_str();
     play->add_option("--freq", play_.sampleFreq,
-                     "The unit's sample frequency, to which a file is converted")
-        ->check(OneOf({"48000", "44100"}))
-        ->capture_default_str();
+                     "The unit's sample frequency, to which a file is converted (default: as heard "
+                     "at an input that is off; 48000 where none is)")
+        ->check(OneOf({"48000", "44100"}));
+    play->add_flag("--force", play_.force,
+                   "Send at --freq whatever the unit runs at, and touch no input");
     play->add_option("--ppm", play_.ppm, "Let the sender's clock run fast by so many millionths")
         ->check(Between(-100000.0, 100000.0));
     play->callback([this] {
