@@ -160,7 +160,7 @@ TEST_F(LiveViewTest, FitsEverySize) {
     size_t lines;
   } sizes[] = {{80, 24, " ORDER TEST", "q quit", 15},
                {120, 12, " ORDER TEST", "3 more  q quit", 12},
-               {46, 8, " LOST LATE", "6 more  q quit", 8},
+               {46, 8, " LOST LATE", "6 more  q quit s unit p r j", 8},
                {20, 2, "", "12 more  q quit", 2}};
   for (const auto& size : sizes) {
     SCOPED_TRACE(size.columns);

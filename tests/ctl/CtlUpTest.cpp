@@ -1,4 +1,7 @@
 // An emulator of one's own: what it takes, where it runs, and how it ends.
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+
 #include "ctl/CtlFixture.h"
 
 namespace wire {
@@ -74,6 +77,28 @@ TEST_F(CtlUp, RunsUntilCtrlCAndStopsItsEmulator) {
   Interrupt(up->Id());
   EXPECT_EQ(up->WaitExit(), 0) << up->ErrorOutput();
   EXPECT_EQ(Ctl({"info", control, "--timeout", "500"}).status, 3);
+}
+
+TEST_F(CtlUp, ShowsAPageForAsLongAsItRuns) {
+  Process up(QZ_CTL, {.arguments = {"up", "--web", "--units", "QZ610", "--addr", OwnAddress(),
+                                    "--emulator", QZ_EMULATOR},
+                      .environment = {{"QZ640_WEB_PORT", "0"}}});
+  const std::string url = "http://127.0.0.1:";
+  const auto at = [&] { return up.ErrorOutput().find(url); };
+  ASSERT_TRUE(TestLoop().RunUntil([&] { return at() != std::string::npos; }, kPatience));
+  ASSERT_TRUE(up.WaitLine("running until")) << up.ErrorOutput();
+  const int port = std::stoi(up.ErrorOutput().substr(at() + url.size()));
+  const auto isShown = [port] {
+    asio::io_context context;
+    asio::ip::tcp::socket socket(context);
+    asio::error_code error;
+    socket.connect({asio::ip::address_v4::loopback(), static_cast<uint16_t>(port)}, error);
+    return !error;
+  };
+  EXPECT_TRUE(isShown());
+  Interrupt(up.Id());
+  EXPECT_EQ(up.WaitExit(), 0) << up.ErrorOutput();
+  EXPECT_FALSE(isShown());
 }
 
 // A typing error gives no deaf unit, and nothing starts.

@@ -1,4 +1,4 @@
-// What Prometheus is given, and what it takes to be given it.
+// What Prometheus is given, and what it takes to be given it; what the view holds on to.
 #include "Metrics.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +7,8 @@
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/write.hpp>
+
+#include "LiveView.h"
 
 namespace ctl {
 namespace {
@@ -66,6 +68,20 @@ TEST_F(MetricsTest, AnswersAndSurvivesWhateverIsSent) {
   }
   server_.Poll();
   EXPECT_EQ(Ask("GET /metrics HTTP/1.1\r\n\r\n").find("HTTP/1.1 200"), 0U);
+}
+
+// A peak is over before anybody has read it.
+TEST(Watched, HoldsAPeakThatHasPassed) {
+  Watched input({}, 0);
+  const wire::Frames loud(wire::kPacketFrames, {wire::kFullScale / 2, wire::kFullScale / 2});
+  input.Add({wire::StreamPacket{EncodePacket({.payloadType = 100}, loud), {}, {}}});
+  input.Take();
+  input.Add({});
+  const Figures now = input.Take();
+  EXPECT_EQ(now.channels[0].peak, 0);
+  const std::string row = LevelTable({now}, 0, Output({.noColour = true})).at(1);
+  EXPECT_NE(row.find(" .................|.. "), std::string::npos) << row;
+  EXPECT_NE(row.find(" -6.0 "), std::string::npos) << row;
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ std::string CountText(uint64_t count) {
 // A text cut to its column, with dots where that cut it.
 std::string Fit(const std::string& text, size_t width) {
   if (Columns(text) <= width) return text;
-  return CutToColumns(text, width - 3) + "...";
+  return CutToColumns(text, width - std::min<size_t>(width, 3)) + "...";
 }
 
 std::string Pad(const std::string& text, size_t width, bool left) {
@@ -245,7 +245,8 @@ std::vector<std::string> DelayTable(const std::vector<Figures>& rows, size_t col
   return table.Lines(columns);
 }
 
-LiveView::LiveView(Output& out, std::string title) : out_(out), title_(std::move(title)) {
+LiveView::LiveView(Output& out, std::function<std::string(size_t)> title)
+    : out_(out), title_(std::move(title)) {
   out_.Write(kTakeScreen);
   out_.HoldNotes();
 }
@@ -311,14 +312,24 @@ std::vector<Figures> LiveView::Sorted() const {
   return rows;
 }
 
-std::string LiveView::Footer(size_t hidden) const {
+// The longest of its forms that fits. What the view is short of goes before what the keys do.
+std::string LiveView::Footer(size_t hidden, size_t columns) const {
   static constexpr const char* kOrders[] = {"unit", "level", "faults", "jitter"};
-  std::string text = hidden > 0 ? std::to_string(hidden) + " more  " : "";
-  if (paused_) text += "PAUSED  ";
-  if (showsDelays_) text += "% of packets by ms of delay  ";
-  if (!keys_.Ok()) return text + "Ctrl-C ends";
-  return text + "q quit  p pause  r reset  s sort: " + kOrders[static_cast<size_t>(order_)] +
-         (showsDelays_ ? "  j levels" : "  j jitter");
+  const std::string more = hidden > 0 ? std::to_string(hidden) + " more  " : "";
+  const std::string state = more + (paused_ ? "PAUSED  " : "");
+  const std::string whole = state + (showsDelays_ ? "% of packets by ms of delay  " : "");
+  const std::string brief = state + (showsDelays_ ? "% by ms  " : "");
+  if (!keys_.Ok()) return whole + "Ctrl-C ends";
+  const std::string order = kOrders[static_cast<size_t>(order_)];
+  const std::string other = showsDelays_ ? "levels" : "jitter";
+  const std::string words = "q quit  p pause  r reset  s sort: " + order + "  j " + other;
+  const std::string fewer = "q quit p pause r reset s " + order + " j " + other;
+  for (const std::string& text :
+       {whole + words, brief + words, brief + fewer, brief + "q quit s " + order + " p r j",
+        state + "q quit p r s j"}) {
+    if (Columns(text) <= columns) return text;
+  }
+  return state + "q quit";
 }
 
 // Short of the right edge: in the last column, erasing to the line's end would erase what stands
@@ -333,13 +344,14 @@ void LiveView::Draw() {
 
   std::vector<std::string> lines;
   if (size.rows >= kRowsForTitle) {
-    lines.push_back(out_.HeldNote().empty() ? title_ : out_.HeldNote());
+    const std::string& note = out_.HeldNote();
+    lines.push_back(Fit(note.empty() ? title_(columns) : note, columns));
   }
   const size_t room = size.rows - std::min<size_t>(size.rows, lines.size() + 1);  // and the footer
   const size_t hidden = table.size() - std::min(table.size(), room);
   table.resize(table.size() - hidden);
   lines.insert(lines.end(), table.begin(), table.end());
-  lines.push_back(Footer(std::min(hidden, rows.size())));
+  lines.push_back(Footer(std::min(hidden, rows.size()), columns));
 
   std::string bytes = "\033[H";
   for (size_t i = 0; i < lines.size(); ++i)

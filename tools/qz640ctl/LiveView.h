@@ -2,6 +2,7 @@
 // change it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,8 +25,9 @@ std::vector<std::string> DelayTable(const std::vector<Figures>& rows, size_t col
 // and the keys as they were. Notes wait until then.
 class LiveView {
  public:
-  // `title` stands in the first line until there is a note.
-  LiveView(Output& out, std::string title);
+  // `title` says what stands in the first line, until there is a note: printable, and as wide as
+  // the columns that it is given where it can.
+  LiveView(Output& out, std::function<std::string(size_t columns)> title);
   ~LiveView();
   LiveView(const LiveView&) = delete;
   LiveView& operator=(const LiveView&) = delete;
@@ -43,10 +45,10 @@ class LiveView {
 
   void Draw();
   std::vector<Figures> Sorted() const;
-  std::string Footer(size_t hidden) const;
+  std::string Footer(size_t hidden, size_t columns) const;
 
   Output& out_;
-  const std::string title_;
+  const std::function<std::string(size_t)> title_;
   platform::Keys keys_;
   std::vector<Figures> rows_;
   bool paused_ = false;

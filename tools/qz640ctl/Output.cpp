@@ -78,12 +78,17 @@ void Output::Write(const std::string& bytes) {
                               std::system_category().message(static_cast<int>(error))};
 }
 
-// Short of the last column, where some terminals wrap at once. What the line before showed beyond
+// Short of the last column, where some terminals wrap at once.
+size_t Output::ProgressColumns() const {
+  const auto size = platform::SizeOf(platform::Stream::Error);
+  return std::max<size_t>(size ? size->columns : kUsualColumns, 2) - 1;
+}
+
+// What the line before showed beyond
 // the new one's end is erased with blanks, if the terminal is still as wide.
 void Output::Progress(const std::string& text) {
   if (!errTerminal_ || json_ || quiet_) return;
-  const auto size = platform::SizeOf(platform::Stream::Error);
-  const size_t most = (size ? size->columns : kUsualColumns) - 1;
+  const size_t most = ProgressColumns();
   std::string line = "\r" + CutToColumns(text, most);
   const size_t width = std::min(Columns(text), most);
   const size_t before = std::min(progressWidth_, most);

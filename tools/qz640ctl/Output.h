@@ -86,6 +86,9 @@ class Output {
   // Elsewhere nothing: a log file has no use for it.
   void Progress(const std::string& text);
 
+  // What that line has room for.
+  size_t ProgressColumns() const;
+
   // Ends the line that Progress draws on.
   void EndProgress();
 

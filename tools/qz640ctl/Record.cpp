@@ -3,6 +3,7 @@
 #include <cmath>
 #include <deque>
 #include <memory>
+#include <string_view>
 
 #include "AudioFile.h"
 #include "Commands.h"
@@ -26,10 +27,26 @@ namespace {
 
 constexpr auto kPoll = milliseconds(50);
 constexpr auto kRefresh = milliseconds(200);
-constexpr size_t kMeterWidth = 20;
+constexpr size_t kWidestMeter = 20;
+constexpr size_t kNarrowMeter = 8;  // before it gets narrower, words get shorter
 
 std::string Decibel(double peak) {
   return FormatNumber(ToDecibel(peak), 1) + " dB";
+}
+
+// In `columns`: a cut meter would show less than there is, a cut count another number.
+std::string ProgressLine(const std::string& packets, const std::string& lost,
+                         const std::string& late, const double (&peaks)[2], size_t columns) {
+  std::string line = packets + " packets, lost " + lost + ", late " + late + "  L ";
+  constexpr std::string_view kBetween = " R ";
+  const auto meter = [&] {
+    const size_t room = columns - std::min(columns, line.size() + kBetween.size());
+    return std::min(room / 2, kWidestMeter);
+  };
+  if (meter() < kNarrowMeter) line = packets + " lost " + lost + " late " + late + " L ";
+  if (meter() == 0) return packets + " lost " + lost + " late " + late;
+  const size_t width = meter();
+  return line + FormatMeter(peaks[0], width) + std::string(kBetween) + FormatMeter(peaks[1], width);
 }
 
 void AddStats(Fields& fields, const StreamStats& stats) {
@@ -329,10 +346,8 @@ void Recording::ShowProgress() {
     for (int channel = 0; channel < 2; ++channel)
       peaks[channel] = std::max(peaks[channel], take.TakePeak(channel));
   }
-  // What a narrow terminal cuts off is the end of a meter, and no count.
-  out_.Progress(std::to_string(packets) + " packets, lost " + std::to_string(lost) + ", late " +
-                std::to_string(late) + "  L " + FormatMeter(peaks[0], kMeterWidth) + " R " +
-                FormatMeter(peaks[1], kMeterWidth));
+  out_.Progress(ProgressLine(std::to_string(packets), std::to_string(lost), std::to_string(late),
+                             peaks, out_.ProgressColumns()));
 }
 
 void Recording::ShowResult() {

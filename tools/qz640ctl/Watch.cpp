@@ -8,7 +8,6 @@
 #include "LiveView.h"
 #include "Loan.h"
 #include "Metrics.h"
-#include "Printable.h"
 #include "Watched.h"
 #include "platform/startup.h"
 #include "platform/terminal.h"
@@ -62,14 +61,16 @@ class Watching {
 int Watching::Run(const WatchOptions& options) {
   Prepare(options);
   OpenAll(options);
-  const std::string inUse = InUseLine(session_.Common().inUse, inUse_);
-  session_.Note(inUse);
+  const auto inUse = [this](size_t columns) {
+    return InUseLine(session_.Common().inUse, inUse_, columns);
+  };
+  session_.Note(inUse(SIZE_MAX));
 
   // Ctrl-C is the ordinary end.
   const wire::Loop::Shield shield(session_.Loop());
   if (out_.Live()) {
     {
-      LiveView view(out_, Printable(inUse));
+      LiveView view(out_, inUse);
       Watch(options, &view);
     }
     Print(latest_);  // what stood there stays to be read
