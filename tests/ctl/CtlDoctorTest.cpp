@@ -28,6 +28,7 @@ TEST(CtlDoctor, FindsWhatStandsInTheWay) {
 
   file.Write(R"({"AddrStr":")" + own + R"(","units":[{"UnitType":"QZ610"}],"BasePort":)" + port +
              "}");
+  EXPECT_EQ(Ctl({"doctor", "no-such-file"}).status, 1);
   const Result json = Ctl({"doctor", file.Text(), "--json"});
   EXPECT_EQ(json.status, 1);
   hasAll(json.out, {"UDP " + port + " (emulator1 control) is taken by ctl_tests"});

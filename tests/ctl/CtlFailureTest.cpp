@@ -87,7 +87,6 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"check", nobody, "--timeout", "300"}, 3, "firewall"},
       {{"relay", taken + "=" + nobody}, 4, "free port"},
       {{"relay", "nonsense"}, 2, "LISTEN=TARGET"},
-      {{"doctor", "no-such-file"}, 1, ""},
       {{"up", "--emulator", QZ_CTL}, 1, "it said last"},
       {{"up", "--units", ",", "--emulator", QZ_EMULATOR}, 2, "2xQZ820,QZ610"},
       {{"up", "--emulator", QZ_EMULATOR, "--", "no-such-command"}, 2, "in PATH"},
