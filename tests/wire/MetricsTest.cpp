@@ -84,5 +84,17 @@ TEST(Watched, HoldsAPeakThatHasPassed) {
   EXPECT_NE(row.find(" -6.0 "), std::string::npos) << row;
 }
 
+TEST_F(MetricsTest, LeavesThePortFreeThoughAClientStaysConnected) {
+  tcp::socket client(context_);
+  uint16_t port = 0;
+  {
+    MetricsServer first(0, [] { return std::string(); });
+    port = first.Port();
+    client.connect({asio::ip::address_v4::loopback(), port});
+    first.Poll();
+  }
+  EXPECT_NO_THROW(MetricsServer(port, [] { return std::string(); }));
+}
+
 }  // namespace
 }  // namespace ctl

@@ -202,7 +202,13 @@ HttpServer::HttpServer(const wire::Endpoint& local, Answerer answerer)
   impl_->Accept();
 }
 
-HttpServer::~HttpServer() = default;
+// Each connection is closed by name: where a socket is merely destroyed, Asio takes back how it was
+// to be closed, and the port would stay taken.
+HttpServer::~HttpServer() {
+  for (const auto& one : impl_->connections) {
+    if (const auto connection = one.lock()) connection->Close();
+  }
+}
 
 void HttpServer::Run() {
   impl_->context.run();
