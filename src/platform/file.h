@@ -98,6 +98,10 @@ struct MoveOptions {
 };
 uint32_t PathMove(const wchar_t* from, const wchar_t* to, const MoveOptions& options);
 
+// Gives the program `from` the second name `to`, under which it runs and can be removed while it
+// runs under the first. kNotSupported where the system can't do that: a copy has to do.
+uint32_t PathLinkProgram(const wchar_t* from, const wchar_t* to);
+
 // Puts the file `from` in the place of `to` in one step, so that at any moment `to` is either the
 // old file or the new one, also after a crash. An existing `to` hands on its access rights.
 uint32_t PathReplace(const wchar_t* from, const wchar_t* to);

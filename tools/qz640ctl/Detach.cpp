@@ -19,6 +19,7 @@ namespace {
 
 constexpr uint32_t kLookMs = 50;
 constexpr uint32_t kEndMs = 20'000;  // an "up" gives its emulator ten seconds
+constexpr uint32_t kTidyMs = 3'000;  // and its folder two
 
 }  // namespace
 
@@ -78,6 +79,9 @@ int RunDown(Session& session, const DownOptions& options, Output& out) {
     if (!session.Loop().RunUntil(stopped, std::chrono::milliseconds(kEndMs))) {
       throw Failure{kRefused, "the run in " + run.string() + " hasn't ended within 20 s"};
     }
+    // The next command finds nothing of it. Where something stays, the next "up" removes it.
+    session.Loop().RunUntil([&run] { return RunFolder::IsLeft(run); },
+                            std::chrono::milliseconds(kTidyMs));
     out.Line("ended " + run.string());
     out.Object(Fields().Add("run", run.string()).Add("ended", 1));
   }

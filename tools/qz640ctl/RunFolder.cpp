@@ -1,8 +1,10 @@
 #include "RunFolder.h"
 
+#include <chrono>
 #include <fstream>
 #include <random>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "HeldFile.h"
@@ -20,6 +22,10 @@ constexpr const char* kPrefix = "qz640ctl-up-";
 constexpr const char* kLock = "up.lock";
 constexpr const char* kDetached = "up.detached";
 constexpr const char* kStop = "up.stop";
+constexpr auto kPatience = std::chrono::seconds(2);
+constexpr auto kStep = std::chrono::milliseconds(20);
+
+using Clock = std::chrono::steady_clock;
 
 std::wstring Wide(const files::path& path) {
   return platform::Utf8ToWideLossy(path.string());
@@ -44,16 +50,26 @@ std::vector<files::path> Folders() {
   return folders;
 }
 
-// The lock goes last: where something can't be removed yet, as a program that has only just ended
-// can't on Windows, a later sweep still knows the folder by it.
-void Remove(const files::path& path) {
+// A file, or a folder of a run. Its lock goes last: where something can't be removed yet, a later
+// sweep still knows the folder by it. Empty for success.
+std::error_code Remove(const files::path& path) {
   std::error_code error;
   for (files::directory_iterator at(path, error), end; !error && at != end; at.increment(error)) {
     if (at->path().filename() == kLock) continue;
     files::remove_all(at->path(), error);
-    if (error) return;
+    if (error) return error;
   }
   files::remove_all(path, error);
+  return error;
+}
+
+// Windows removes no program that runs, has only just ended, or is looked at by a virus scanner, so
+// some tries follow until `limit`.
+std::error_code RemoveUntil(const files::path& path, Clock::time_point limit) {
+  std::error_code error;
+  while ((error = Remove(path)) && Clock::now() < limit)
+    std::this_thread::sleep_for(kStep);
+  return error;
 }
 
 }  // namespace
@@ -111,18 +127,25 @@ std::unique_ptr<RunFolder> RunFolder::Open(const files::path& path) {
   return folder;
 }
 
+RunFolder::~RunFolder() {
+  Leave();
+}
+
 // The lock file of a folder that stays is left there: by the time that it was removed, the next run
 // could have locked it.
-RunFolder::~RunFolder() {
-  if (lock_ == platform::kNoFile && stays_) return;
-  std::error_code ignored;
+std::string RunFolder::Leave() {
+  if (left_) return {};
+  left_ = true;
+  if (lock_ == platform::kNoFile && stays_) return {};
   if (lock_ != platform::kNoFile) platform::FileClose(lock_);
-  if (stays_) {
-    for (const char* own : {kStop, kDetached})
-      files::remove(path_ / own, ignored);
-  } else {
-    Remove(path_);
+  if (!stays_) {
+    const std::error_code error = RemoveUntil(path_, Clock::now() + kPatience);
+    return error ? error.message() : std::string();
   }
+  std::error_code ignored;
+  for (const char* own : {kStop, kDetached})
+    files::remove(path_ / own, ignored);
+  return {};
 }
 
 uint32_t RunFolder::Lock() {
@@ -140,9 +163,10 @@ files::path RunFolder::Install(const files::path& emulator, const std::string& s
   if (files::equivalent(emulator.parent_path(), path_, error)) {
     throw Unusable(path_.string() + " is the emulator's own folder, where nothing is written");
   }
-  files::remove(installed, error);
-  files::create_hard_link(emulator, installed, error);
-  if (error) files::copy_file(emulator, installed, error);
+  RemoveUntil(installed, Clock::now() + kPatience);
+  error.clear();
+  if (platform::PathLinkProgram(Wide(emulator).c_str(), Wide(installed).c_str()) != 0)
+    files::copy_file(emulator, installed, error);
   if (error) {
     throw Unusable(path_.string() + " takes no copy of " + emulator.string() + " (" +
                    error.message() + ")");
@@ -163,11 +187,13 @@ bool RunFolder::IsStopAsked() const {
   return files::exists(path_ / kStop, error);
 }
 
-// A folder without a lock belongs to a run that has made it this very moment.
+// A folder without a lock belongs to a run that has made it this very moment. The emulator of a run
+// that was killed just now may still be ending.
 void RunFolder::Sweep() {
   std::error_code ignored;
+  const auto limit = Clock::now() + kPatience;
   for (const files::path& path : Folders()) {
-    if (files::exists(path / kLock, ignored) && !IsRunning(path)) Remove(path);
+    if (files::exists(path / kLock, ignored) && !IsRunning(path)) RemoveUntil(path, limit);
   }
 }
 
@@ -182,6 +208,12 @@ std::vector<files::path> RunFolder::Detached() {
 
 bool RunFolder::IsRunning(const files::path& path) {
   return IsHeld(Wide(path / kLock));
+}
+
+bool RunFolder::IsLeft(const files::path& path) {
+  std::error_code ignored;
+  if (path.filename().string().starts_with(kPrefix)) return !files::exists(path, ignored);
+  return !IsRunning(path) && !files::exists(path / kStop, ignored);
 }
 
 bool RunFolder::AskToStop(const files::path& path) {

@@ -30,7 +30,7 @@ class RunFolder {
   // That one, made if need be, which stays. Throws Unusable, also when another run has it.
   static std::unique_ptr<RunFolder> Open(const std::filesystem::path& path);
 
-  ~RunFolder();
+  ~RunFolder();  // leaves it
   RunFolder(const RunFolder&) = delete;
   RunFolder& operator=(const RunFolder&) = delete;
 
@@ -42,6 +42,11 @@ class RunFolder {
   std::filesystem::path Install(const std::filesystem::path& emulator,
                                 const std::string& settings) const;
 
+  // Lets go of the folder and removes it, unless it stays: nothing may run there any more. Waits
+  // for up to two seconds where the system still refuses to remove something. Empty for success,
+  // else the system's reason.
+  std::string Leave();
+
   // For Detached of others.
   void MarkDetached() const;
 
@@ -50,13 +55,17 @@ class RunFolder {
 
   // -- Runs of other processes --
 
-  // Removes the folders below Places() that this user's killed runs have left.
+  // Removes the folders below Places() that this user's killed runs have left. Waits like Leave,
+  // for all of them together.
   static void Sweep();
 
   // Of this user's detached runs below Places().
   static std::vector<std::filesystem::path> Detached();
 
   static bool IsRunning(const std::filesystem::path& path);
+
+  // Whether a run that was asked to stop has ended and tidied up.
+  static bool IsLeft(const std::filesystem::path& path);
 
   // False where this user may not.
   static bool AskToStop(const std::filesystem::path& path);
@@ -69,6 +78,7 @@ class RunFolder {
   const std::filesystem::path path_;
   const bool stays_;
   platform::FileHandle lock_ = platform::kNoFile;
+  bool left_ = false;
 };
 
 }  // namespace ctl

@@ -107,8 +107,8 @@ class Running {
   bool endReported_ = false;  // that the emulator ended by itself
   bool wroteEnvironment_ = false;
   std::unique_ptr<RunFolder> folder_;
-  std::optional<platform::Child> emulator_;  // ends before its folder goes
-  platform::Child web_;                      // runs with --web alone
+  std::optional<platform::Child> emulator_;
+  platform::Child web_;  // runs with --web alone
 };
 
 Running::Running(Session& session, const UpOptions& options, Output& out)
@@ -121,6 +121,12 @@ Running::Running(Session& session, const UpOptions& options, Output& out)
 Running::~Running() {
   std::error_code ignored;
   if (wroteEnvironment_) files::remove(options_.envFile, ignored);
+  emulator_.reset();
+  if (!folder_) return;
+  const std::string reason = folder_->Leave();
+  if (reason.empty()) return;
+  out_.Error("can't remove " + folder_->Path().string() + " (" + reason +
+             "); close what looks at it: the next \"up\" tries again");
 }
 
 // The file stays as it is: the emulator, which rewrites its settings, gets a text of its own.

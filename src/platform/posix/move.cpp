@@ -133,6 +133,13 @@ uint32_t PathMove(const wchar_t* from, const wchar_t* to, const MoveOptions& opt
   return error;
 }
 
+uint32_t PathLinkProgram(const wchar_t* from, const wchar_t* to) {
+  std::string source;
+  std::string target;
+  if (!ToNative(from, source) || !ToNative(to, target)) return kNoTranslation;
+  return link(source.c_str(), target.c_str()) == 0 ? 0 : Error();
+}
+
 uint32_t PathReplace(const wchar_t* from, const wchar_t* to) {
   std::string source;
   std::string target;

@@ -65,6 +65,78 @@ std::wstring Environment(const ChildOptions& options) {
   return all + L'\0';
 }
 
+// The streams that a child gets. None of its own: those of this program's console.
+struct Streams {
+  HANDLE input = nullptr;
+  HANDLE output = nullptr;
+  HANDLE errors = nullptr;  // may be `output` once more
+
+  Streams() = default;
+  Streams(const Streams&) = delete;
+  Streams& operator=(const Streams&) = delete;
+  ~Streams() {
+    if (errors != output) CloseIfOpen(errors);
+    CloseIfOpen(input);
+    CloseIfOpen(output);
+  }
+
+  bool Any() const { return input || output || errors; }
+};
+
+// A second handle for a child to inherit. Null where there is no first one.
+HANDLE Inheritable(HANDLE own) {
+  HANDLE copy = nullptr;
+  const HANDLE self = GetCurrentProcess();
+  if (own == nullptr || own == INVALID_HANDLE_VALUE) return nullptr;
+  DuplicateHandle(self, own, self, &copy, 0, TRUE, DUPLICATE_SAME_ACCESS);
+  return copy;
+}
+
+// A pipe whose end `childs` a child inherits. The system's error number.
+uint32_t MakePipe(HANDLE* reading, HANDLE* writing, HANDLE* childs) {
+  if (!CreatePipe(reading, writing, nullptr, 0)) return GetLastError();
+  return SetHandleInformation(*childs, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT) ? 0
+                                                                                 : GetLastError();
+}
+
+// Starts `command` with those streams and no other handle of this program. Without that list a
+// child would inherit all that can be, among them the pipes that this program has itself been
+// given: who waits for their end would wait for the child too. The system's error number.
+uint32_t StartWith(Streams& given, DWORD flags, std::wstring command, std::wstring environment,
+                   PROCESS_INFORMATION* started) {
+  STARTUPINFOEXW startup{};
+  startup.StartupInfo.cb = sizeof(startup);
+  std::vector<HANDLE> inherited;
+  std::vector<char> list;
+  if (given.Any()) {
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = given.input;
+    startup.StartupInfo.hStdOutput = given.output;
+    startup.StartupInfo.hStdError = given.errors;
+    // No handle may come twice.
+    for (const HANDLE each : {given.input, given.output, given.errors}) {
+      if (each && std::find(inherited.begin(), inherited.end(), each) == inherited.end())
+        inherited.push_back(each);
+    }
+    SIZE_T size = 0;
+    InitializeProcThreadAttributeList(nullptr, 1, 0, &size);  // says how long the list is
+    list.resize(size);
+    startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list.data());
+    if (!InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size) ||
+        !UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST,
+                                   inherited.data(), inherited.size() * sizeof(HANDLE), nullptr,
+                                   nullptr)) {
+      return GetLastError();
+    }
+  }
+  const BOOL ok = CreateProcessW(nullptr, command.data(), nullptr, nullptr, given.Any(),
+                                 flags | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT,
+                                 environment.data(), nullptr, &startup.StartupInfo, started);
+  const DWORD error = ok ? 0 : GetLastError();
+  if (startup.lpAttributeList) DeleteProcThreadAttributeList(startup.lpAttributeList);
+  return error;
+}
+
 }  // namespace
 
 struct Child::Impl {
@@ -87,49 +159,31 @@ Child::~Child() {
   CloseIfOpen(impl_->process);
 }
 
-// A child inherits all inheritable handles or none, so this program's own ends of the pipes are
-// made uninheritable again: the child's input would never end while the child itself held its other
-// end. With pipes it gets a process group of its own, which Terminate's CTRL_BREAK reaches and the
-// console's Ctrl-C doesn't.
+// With pipes the child gets a process group of its own, which Terminate's CTRL_BREAK reaches and
+// the console's Ctrl-C doesn't.
 uint32_t Child::Start(const ChildOptions& options) {
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  HANDLE childInput = nullptr;
-  HANDLE childOutput = nullptr;
-  HANDLE childErrors = nullptr;
+  Streams given;
   if (options.piped) {
-    SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    if (!CreatePipe(&childInput, &impl_->input, &inherited, 0) ||
-        !CreatePipe(&impl_->output, &childOutput, &inherited, 0) ||
-        (options.errorsPiped && !CreatePipe(&impl_->errors, &childErrors, &inherited, 0))) {
-      const DWORD error = GetLastError();
-      CloseIfOpen(childInput);
-      CloseIfOpen(childOutput);
-      return error;
-    }
-    if (impl_->errors) SetHandleInformation(impl_->errors, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(impl_->input, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(impl_->output, HANDLE_FLAG_INHERIT, 0);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = childInput;
-    startup.hStdOutput = childOutput;
-    startup.hStdError = childErrors              ? childErrors
-                        : options.errorsToOutput ? childOutput
-                                                 : GetStdHandle(STD_ERROR_HANDLE);
+    uint32_t error = MakePipe(&given.input, &impl_->input, &given.input);
+    if (error == 0) error = MakePipe(&impl_->output, &given.output, &given.output);
+    if (error == 0 && options.errorsPiped)
+      error = MakePipe(&impl_->errors, &given.errors, &given.errors);
+    if (error != 0) return error;
+    if (options.errorsToOutput) given.errors = given.output;
+    if (!given.errors) given.errors = Inheritable(GetStdHandle(STD_ERROR_HANDLE));
   }
   if (options.outputToError) {
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    given.input = Inheritable(GetStdHandle(STD_INPUT_HANDLE));
+    given.output = given.errors = Inheritable(GetStdHandle(STD_ERROR_HANDLE));
   }
   if (options.silent) {
     SECURITY_ATTRIBUTES inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    childInput =
+    const HANDLE null =
         CreateFileW(L"NUL", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                     &inherited, OPEN_EXISTING, 0, nullptr);
-    if (childInput == INVALID_HANDLE_VALUE) return GetLastError();
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = startup.hStdOutput = startup.hStdError = childInput;
+    if (null == INVALID_HANDLE_VALUE) return GetLastError();
+    given.output = given.errors = null;
+    given.input = Inheritable(null);
   }
   std::wstring command;
   // With /s the shell takes the outer quotes off and leaves all that stands between them.
@@ -139,18 +193,12 @@ uint32_t Child::Start(const ChildOptions& options) {
   for (const std::string& argument : options.command) {
     command += (command.empty() ? L"" : L" ") + Quoted(argument);
   }
-  std::wstring environment = Environment(options);
   PROCESS_INFORMATION started{};
   const bool apart = options.piped || options.silent;
-  const DWORD flags = CREATE_UNICODE_ENVIRONMENT | (apart ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0) |
-                      (options.detached ? DWORD{DETACHED_PROCESS} : 0);
-  const BOOL ok =
-      CreateProcessW(nullptr, command.data(), nullptr, nullptr, apart || options.outputToError,
-                     flags, environment.data(), nullptr, &startup, &started);
-  const DWORD error = ok ? 0 : GetLastError();
-  CloseIfOpen(childInput);
-  CloseIfOpen(childOutput);
-  CloseIfOpen(childErrors);
+  const uint32_t error = StartWith(
+      given,
+      (apart ? DWORD{CREATE_NEW_PROCESS_GROUP} : 0) | (options.detached ? DETACHED_PROCESS : 0u),
+      command, Environment(options), &started);
   if (error != 0) return error;
   CloseHandle(started.hThread);
   impl_->detached = options.detached;

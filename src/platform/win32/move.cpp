@@ -20,6 +20,11 @@ uint32_t PathMove(const wchar_t* from, const wchar_t* to, const MoveOptions& opt
   return Result(MoveFileExW(from, to, flags));
 }
 
+// There are links, but none of them can be removed as long as the file runs under any of its names.
+uint32_t PathLinkProgram(const wchar_t*, const wchar_t*) {
+  return kNotSupported;
+}
+
 uint32_t PathReplace(const wchar_t* from, const wchar_t* to) {
   // Keeps the access rights and attributes of `to`, but needs one that is there.
   if (ReplaceFileW(to, from, nullptr, REPLACEFILE_IGNORE_MERGE_ERRORS, nullptr, nullptr)) return 0;
