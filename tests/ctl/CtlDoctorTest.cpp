@@ -48,6 +48,8 @@ TEST(CtlDoctor, FindsWhatStandsInTheWay) {
 TEST(CtlDoctor, KnowsTheEmulatorOfTheFileFromAnother) {
   EmulatorProcess emulator({{.id = "studio-a"}}, 8100, 15101);
   emulator.StartAndWait();
+  // Wine knows who has a socket once something has come through it.
+  Ctl({"play", "studio-a", "--pattern", "--seconds", "0.1", "--to", emulator.Discovery().ToText()});
   const Result its = Ctl({"doctor", emulator.SettingsPath().string()});
   EXPECT_NE(its.out.find("UDP 15101 (discovery) is in use by the emulator of this file"),
             std::string::npos)
