@@ -22,6 +22,11 @@ struct ChildOptions {
   // outside the terminal's reach: Ctrl-C goes to this program alone.
   bool piped = false;
 
+  // Without pipes: one in place of this program's own standard input alone, for WriteInput and
+  // CloseInput. A child that ends with its input can so be asked to end where it can't be reached
+  // by a signal, as on Windows without a console.
+  bool inputPiped = false;
+
   // With pipes: a third one in place of this program's own standard error.
   bool errorsPiped = false;
 
@@ -50,7 +55,8 @@ class Child {
   // The operating system's error number, 0 for success.
   uint32_t Start(const ChildOptions& options);
 
-  // With pipes: gives bytes to the child, or ends its input. False once it reads no more.
+  // With pipes, or one for input: gives bytes to the child, or ends its input. False once it reads
+  // no more.
   bool WriteInput(std::string_view bytes);
   void CloseInput();
 

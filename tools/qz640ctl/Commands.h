@@ -48,6 +48,7 @@ struct WebOptions {
   std::vector<std::string> units;  // empty: all that answer
   std::string at = "127.0.0.1";    // own address to be asked at
   uint16_t port = 6400;            // 0: a free one
+  bool untilEof = false;           // ends with standard input
 };
 
 struct CheckOptions {

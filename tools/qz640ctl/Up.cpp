@@ -464,7 +464,8 @@ int Running::RunCommand(OutputReader& reader) {
 void Running::StartWeb() {
   platform::ChildOptions start;
   start.command = {platform::WideToUtf8Lossy(platform::ModuleFile(nullptr)), "web", "--to",
-                   discovery_.ToText()};
+                   discovery_.ToText(), "--until-eof"};
+  start.inputPiped = true;
   start.outputToError = true;
   const uint32_t error = web_.Start(start);
   if (error == 0) return;
@@ -475,7 +476,7 @@ void Running::StartWeb() {
 bool Running::Stop() {
   // It gives back what it has borrowed, so the units have to be there still.
   if (options_.web) {
-    web_.Terminate();
+    web_.CloseInput();
     if (!web_.Wait(kStopMs)) web_.Kill();
   }
   emulator_->WriteInput("\n");

@@ -319,7 +319,9 @@ int RunWeb(Session& session, const WebOptions& options, Output& out) {
   PageServer server(local, WebPage());
   const std::string url = "http://" + server.Local().ToText() + "/";
   out.Object(Fields().Add("url", url));
-  out.Line("the page stands at " + url + " until Ctrl-C");
+  out.Line("the page stands at " + url +
+           (options.untilEof ? " until standard input ends" : " until Ctrl-C"));
+  if (options.untilEof) platform::StopAtEndOfInput();
   if (local.address >> 24 != 127) {
     session.Note("anyone who reaches " + local.Ip() + " can see the units there");
   }

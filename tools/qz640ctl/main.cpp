@@ -421,6 +421,7 @@ class CommandLine {
         ->capture_default_str();
     web->add_option("--at", web_.at, "Own address of the page; anyone who reaches it sees it")
         ->capture_default_str();
+    web->add_flag("--until-eof", web_.untilEof, "End with standard input");
     AddLocal(web);
     AddInUse(web);
   }

@@ -109,8 +109,10 @@ uint32_t Child::Start(const ChildOptions& options) {
   int input[2] = {-1, -1};
   int output[2] = {-1, -1};
   int errors[2] = {-1, -1};
-  if (options.piped && (pipe2(input, O_CLOEXEC) != 0 || pipe2(output, O_CLOEXEC) != 0 ||
-                        (options.errorsPiped && pipe2(errors, O_CLOEXEC) != 0))) {
+  const bool inputPiped = options.piped || options.inputPiped;
+  if ((inputPiped && pipe2(input, O_CLOEXEC) != 0) ||
+      (options.piped && pipe2(output, O_CLOEXEC) != 0) ||
+      (options.piped && options.errorsPiped && pipe2(errors, O_CLOEXEC) != 0)) {
     const int error = errno;
     for (int* end : {&input[0], &input[1], &output[0], &output[1]})
       CloseIfOpen(*end);
@@ -120,8 +122,8 @@ uint32_t Child::Start(const ChildOptions& options) {
   posix_spawnattr_t attributes;
   posix_spawn_file_actions_init(&actions);
   posix_spawnattr_init(&attributes);
+  if (inputPiped) posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
   if (options.piped) {
-    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     if (options.errorsPiped) posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
     if (options.errorsToOutput) {

@@ -163,9 +163,12 @@ Child::~Child() {
 // the console's Ctrl-C doesn't.
 uint32_t Child::Start(const ChildOptions& options) {
   Streams given;
+  if (options.piped || options.inputPiped) {
+    const uint32_t error = MakePipe(&given.input, &impl_->input, &given.input);
+    if (error != 0) return error;
+  }
   if (options.piped) {
-    uint32_t error = MakePipe(&given.input, &impl_->input, &given.input);
-    if (error == 0) error = MakePipe(&impl_->output, &given.output, &given.output);
+    uint32_t error = MakePipe(&impl_->output, &given.output, &given.output);
     if (error == 0 && options.errorsPiped)
       error = MakePipe(&impl_->errors, &given.errors, &given.errors);
     if (error != 0) return error;
@@ -173,7 +176,7 @@ uint32_t Child::Start(const ChildOptions& options) {
     if (!given.errors) given.errors = Inheritable(GetStdHandle(STD_ERROR_HANDLE));
   }
   if (options.outputToError) {
-    given.input = Inheritable(GetStdHandle(STD_INPUT_HANDLE));
+    if (!given.input) given.input = Inheritable(GetStdHandle(STD_INPUT_HANDLE));
     given.output = given.errors = Inheritable(GetStdHandle(STD_ERROR_HANDLE));
   }
   if (options.silent) {
