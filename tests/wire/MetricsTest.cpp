@@ -70,11 +70,15 @@ TEST_F(MetricsTest, AnswersAndSurvivesWhateverIsSent) {
   EXPECT_EQ(Ask("GET /metrics HTTP/1.1\r\n\r\n").find("HTTP/1.1 200"), 0U);
 }
 
+wire::StreamPacket Loud(uint16_t sequence) {
+  const wire::Frames loud(wire::kPacketFrames, {wire::kFullScale / 2, wire::kFullScale / 2});
+  return {EncodePacket({.payloadType = 100, .sequence = sequence}, loud), {}, {}};
+}
+
 // A peak is over before anybody has read it.
 TEST(Watched, HoldsAPeakThatHasPassed) {
   Watched input({}, 0);
-  const wire::Frames loud(wire::kPacketFrames, {wire::kFullScale / 2, wire::kFullScale / 2});
-  input.Add({wire::StreamPacket{EncodePacket({.payloadType = 100}, loud), {}, {}}});
+  input.Add({Loud(0)});
   input.Take();
   input.Add({});
   const Figures now = input.Take();
@@ -82,6 +86,24 @@ TEST(Watched, HoldsAPeakThatHasPassed) {
   const std::string row = LevelTable({now}, 0, Output({.noColour = true})).at(1);
   EXPECT_NE(row.find(" .................|.. "), std::string::npos) << row;
   EXPECT_NE(row.find(" -6.0 "), std::string::npos) << row;
+}
+
+// Alarms are judged once a second: a silence in between is one too, but not the wait for the first
+// sound.
+TEST(Watched, RemembersASilenceThatHasPassed) {
+  Watched input({}, 0);
+  const auto soundAfterSilence = [&](uint16_t sequence) {
+    while (input.Take().silentSeconds < 0.01) {
+    }
+    input.Add({Loud(sequence)});
+    return input.Take();
+  };
+  const Figures first = soundAfterSilence(0);
+  EXPECT_EQ(first.longestSilence, first.silentSeconds);
+  EXPECT_GE(soundAfterSilence(1).longestSilence, 0.01);
+  input.ForgetSilences();
+  const Figures last = input.Take();
+  EXPECT_EQ(last.longestSilence, last.silentSeconds);
 }
 
 TEST_F(MetricsTest, LeavesThePortFreeThoughAClientStaysConnected) {

@@ -47,11 +47,12 @@ std::optional<double> ParseLimit(Kind kind, std::string text, const std::string&
   return number;
 }
 
-// What is held against the limit.
-double ValueOf(Kind kind, const Figures& row) {
+// What is held against the limit. `holds`: it was at the limit when judged before; else a silence
+// counts that has come and gone since then.
+double ValueOf(Kind kind, const Figures& row, bool holds) {
   switch (kind) {
     case Kind::Silence:
-      return row.silentSeconds;
+      return holds ? row.silentSeconds : row.longestSilence;
     case Kind::Clip:
       return static_cast<double>(row.channels[0].clipped + row.channels[1].clipped);
     case Kind::Lost:
@@ -69,7 +70,7 @@ double ValueOf(Kind kind, const Figures& row) {
 std::string ValueText(Kind kind, double value) {
   switch (kind) {
     case Kind::Silence:
-      return "silent for " + FormatNumber(value, 0) + " s";
+      return "silent for " + FormatNumber(value, value < 10 ? 1 : 0) + " s";
     case Kind::Clip:
       return "clipped in " + FormatNumber(value, 0) + " packets";
     case Kind::Lost:
@@ -135,7 +136,7 @@ void Alerts::Judge(const std::vector<Figures>& rows) {
 }
 
 void Alerts::JudgeOne(const AlertRule& rule, const Figures& row, State& state) {
-  const double value = ValueOf(rule.kind, row);
+  const double value = ValueOf(rule.kind, row, state.holds);
   if (rule.Lasts()) {
     const double limit = rule.limit * (state.holds ? kHysteresis : 1);
     const bool holds = std::fabs(value) >= limit;

@@ -78,7 +78,9 @@ int32_t ParseFreq(const std::string& change, const std::string& text) {
   const char* end = text.data() + text.size();
   const auto parsed = std::from_chars(text.data(), end, freq);
   if (parsed.ec == std::errc() && parsed.ptr == end && freq != 0) return freq;
-  throw Failure{kUsage, "\"" + change + "\": give a frequency that isn't 0, as in 2=98700"};
+  throw Failure{kUsage, "\"" + change +
+                            "\": give a whole number of at most 2147483647 that isn't 0, as in "
+                            "2=98700"};
 }
 
 }  // namespace

@@ -136,6 +136,8 @@ void Watching::Watch(const WatchOptions& options, LiveView* view) {
       lastShown = Clock::now();
       if (lastShown - lastJudged >= kJudge) {
         alerts_->Judge(latest_);
+        for (Watched& row : rows_)
+          row.ForgetSilences();
         lastJudged = lastShown;
       }
       view ? view->Show(latest_) : Print(latest_);

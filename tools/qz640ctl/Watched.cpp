@@ -13,6 +13,10 @@ constexpr double kSilence = 1e-4;  // -80 dB: real units have noise
 constexpr auto kHoldTime = std::chrono::seconds(2);
 constexpr auto kWaitForLost = std::chrono::seconds(1);
 
+double SecondsBetween(Clock::time_point from, Clock::time_point to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
 }  // namespace
 
 void Watched::Add(const std::deque<wire::StreamPacket>& packets) {
@@ -24,7 +28,11 @@ void Watched::Add(const std::deque<wire::StreamPacket>& packets) {
     peaks_[channel] = std::max(peaks_[channel], peak);
     Hold& hold = holds_[channel];
     if (peak >= hold.peak || now - hold.since > kHoldTime) hold = {peak, now};
-    if (peak >= kSilence) lastSound_ = now;
+    if (peak < kSilence) continue;
+    // Until the first sound the input is on its way here, which is no silence of the unit.
+    if (heard_) endedSilence_ = std::max(endedSilence_, SecondsBetween(lastSound_, now));
+    heard_ = true;
+    lastSound_ = now;
   }
   if (now - lostAsked_ < kWaitForLost) return;
   // A packet that comes after a later one was missing for a moment.
@@ -58,7 +66,8 @@ Figures Watched::Take() {
   figures.duplicates = stats_.duplicates;
   figures.outOfOrder = stats_.outOfOrder;
   figures.pattern = stats_.HasPattern();
-  figures.silentSeconds = std::chrono::duration<double>(Clock::now() - lastSound_).count();
+  figures.silentSeconds = SecondsBetween(lastSound_, Clock::now());
+  figures.longestSilence = std::max(endedSilence_, figures.silentSeconds);
   figures.delays = stats_.Timing().Delays();
   return figures;
 }

@@ -36,7 +36,8 @@ struct Figures {
   uint64_t duplicates = 0;
   uint64_t outOfOrder = 0;
   bool pattern = false;
-  double silentSeconds = 0;  // how long below -80 dB of full scale, or without a packet
+  double silentSeconds = 0;   // how long below -80 dB of full scale, or without a packet
+  double longestSilence = 0;  // the same, or of one that has ended since ForgetSilences if longer
   std::array<uint64_t, wire::StreamTiming::kLimitsMs.size() + 1> delays{};
 
   uint64_t Faults() const { return lost + late + duplicates + outOfOrder; }
@@ -57,6 +58,9 @@ class Watched {
   // Begins the next stretch of peaks and rate.
   Figures Take();
 
+  // From here on only those silences count that end later.
+  void ForgetSilences() { endedSilence_ = 0; }
+
  private:
   struct Hold {
     double peak = 0;
@@ -70,6 +74,8 @@ class Watched {
   double peaks_[2] = {0, 0};
   Hold holds_[2];
   wire::Clock::time_point lastSound_ = wire::Clock::now();
+  bool heard_ = false;       // any sound yet
+  double endedSilence_ = 0;  // seconds, the longest since ForgetSilences
   wire::Clock::time_point lostAsked_ = wire::Clock::now();
   uint64_t lostBefore_ = 0;  // at that time
   uint64_t lostForGood_ = 0;
