@@ -58,5 +58,6 @@ if(QZ_SANITIZE)
     # bug 105562). The builds without sanitizers keep the warning.
     target_compile_options(qz_options INTERFACE -Wno-maybe-uninitialized)
   endif()
+  target_compile_definitions(qz_options INTERFACE QZ_SANITIZED)  # compilers have a macro each
   target_link_options(qz_options INTERFACE -fsanitize=${QZ_SANITIZE})
 endif()

@@ -59,6 +59,13 @@ apt_get() {
 
 need_compiler() { need cmake=cmake ninja=ninja-build g++=g++; }
 
+# clang, and its sanitizers and libFuzzer, which Debian has in a package of their own.
+need_clang() {
+  command -v clang++ >/dev/null &&
+    [[ -e $(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a ]] ||
+    install_packages clang libclang-rt-dev
+}
+
 # The headers that the tools are written on.
 need_tools() {
   need /usr/include/CLI/CLI.hpp=libcli11-dev /usr/include/asio.hpp=libasio-dev \

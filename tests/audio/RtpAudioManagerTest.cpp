@@ -81,8 +81,8 @@ TEST_F(RtpAudioManagerTest, APacketOfAnotherSizeFailsAndLeavesItsPairAlone) {
   uint16_t seq = 5;
   // 238 fill the largest datagram that a socket takes; one more than the tick's would already end
   // up in the neighbouring buffer.
-  for (const size_t samples : {96, 191, 193, 238}) {
-    for (size_t channel : {0, 2})
+  for (const size_t samples : {96u, 191u, 193u, 238u}) {
+    for (size_t channel : {0u, 2u})
       Deliver(channel, seq, wire::Pattern());
     Deliver(1, seq++, wire::Frames(samples));
     Buffers buffers(3);

@@ -84,7 +84,7 @@ TEST(RtpStress, ChannelsAndManagersGoWhilePacketsComeIn) {
     Target target;
     Network::RtpAudioManager manager(L"Unit", &net);
     manager.AddTarget(&target);
-    for (const uint32_t bufSize : {30, 2, 9}) {
+    for (const uint32_t bufSize : {30u, 2u, 9u}) {
       ASSERT_TRUE(manager.Init(MakeInfo(bufSize)).IsOk());
       traffic.Wait(1);
       manager.RecvAudio(buffers, 192);

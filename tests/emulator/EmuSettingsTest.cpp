@@ -102,7 +102,7 @@ TEST(EmuSettings, FileIsWrittenOnlyWhenItChanges) {
   const auto file = dir.File("emu.json");
   EmuSettings settings;
   ASSERT_TRUE(settings.FromString(L"{}").IsOk());
-  for (const size_t blanks : {0, 5000}) {
+  for (const size_t blanks : {0u, 5000u}) {
     dir.Write("emu.json", std::string(blanks, ' ') + kDefaultUnitFile);
     const auto longAgo = std::filesystem::last_write_time(file) - std::chrono::hours(1);
     std::filesystem::last_write_time(file, longAgo);

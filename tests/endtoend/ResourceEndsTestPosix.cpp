@@ -20,7 +20,7 @@ std::string LargeSettings(int basePort = 8000) {
 // With more and more descriptors: whatever can't be opened, the run says so and ends in good order,
 // and as soon as it comes up, it serves.
 TEST_F(ResourceEnds, WithoutDescriptorsTheStartFailsAndSaysSo) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(QZ_SANITIZED)
   GTEST_SKIP() << "the sanitizers look at memory through pipes of their own, and report all that "
                   "they can't look at";
 #endif

@@ -139,7 +139,7 @@ TEST(HandleTableTest, PlacesAreUsedAgainGoingRound) {
   EXPECT_EQ(enter(), 2u);
   handles[1].reset();
   handles[7].reset();  // two places before 1
-  for (const uint64_t expected : {7, 1, 4})
+  for (const uint64_t expected : {7u, 1u, 4u})
     EXPECT_EQ(enter(), expected);
   EXPECT_EQ(table.Size(), 8u);
 }

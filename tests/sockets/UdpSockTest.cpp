@@ -45,7 +45,7 @@ TEST_F(UdpSock, DeliversABurstWholeAndInTurnWithItsNeighbour) {
   auto second = OpenUdp(kPort + 2, &recorder);
   WhileTheWorkerIsHeld([&] {
     for (const uint32_t port : {kPort, kPort + 2})
-      for (int i = 0; i < 100; ++i)
+      for (uint32_t i = 0; i < 100; ++i)
         Send(std::to_string(port + i), port);
   });
   ASSERT_TRUE(recorder.WaitDatagrams(200));

@@ -65,7 +65,7 @@ class Links : public testing::Test {
 };
 
 TEST_F(Links, CarryMessagesOfEveryLengthOnce) {
-  for (const size_t size : {0, 1, 1300, 1301, 2600, 4000}) {
+  for (const size_t size : {0u, 1u, 1300u, 1301u, 2600u, 4000u}) {
     Bytes attachment(size);
     for (size_t i = 0; i < size; ++i)
       attachment[i] = static_cast<uint8_t>(i * 7);

@@ -225,7 +225,7 @@ TEST_F(FaultyUnitsTest, HitStreamsAsTheSeedWillHaveIt) {
     return numbers;
   };
   std::vector<std::vector<uint16_t>> runs;
-  for (const uint64_t seed : {3, 3, 4}) {
+  for (const uint64_t seed : {3u, 3u, 4u}) {
     faulty.reset();
     faulty = MakeRelay(seed);
     Set("output 0: lost 50%");

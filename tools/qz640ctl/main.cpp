@@ -155,7 +155,7 @@ class CommandLine {
 
   void AddRequests() {
     AddTo(Add("find", "Find the units of the network", "qz640ctl find --to 127.0.0.1",
-              [this](Session& session, Output& out) { return RunFind(session, out); }));
+              [](Session& session, Output& out) { return RunFind(session, out); }));
     AddForUnit("info", "What a unit says of itself", "qz640ctl info 127.0.0.1:8000",
                [this](Session& session, Output& out) { return RunInfo(session, unit_, out); });
     AddForUnit("inputs", "Where a unit's inputs go", "qz640ctl inputs studio-a",
