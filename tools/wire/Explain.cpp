@@ -121,6 +121,24 @@ void ReplaceSurrogateEscapes(std::string& text) {
   }
 }
 
+// A unit takes 1e400, as infinity, which the library doesn't. It is no whole number either way,
+// which is all that is asked of it here.
+std::string WithoutOverflow(std::string text) {
+  bool inText = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '"') inText = !inText;
+    if (inText && text[i] == '\\') ++i;
+    if (inText || i == 0 || (text[i] | 0x20) != 'e' || text[i - 1] < '0' || text[i - 1] > '9')
+      continue;
+    const size_t begin = std::min(text.find_first_not_of("+0", i + 1), text.size());
+    const size_t end = std::min(text.find_first_not_of("0123456789", begin), text.size());
+    // With the 19 digits that may stand before it 10^280 is within a double.
+    if (end - begin > 3 || (end - begin == 3 && text.compare(begin, 3, "280") > 0))
+      text.replace(begin, end - begin, "280");
+  }
+  return text;
+}
+
 // The digits in a JSON object that no unit reads: in a number each run of digits (before the point,
 // after it, of the exponent) has to fit in 64 bits, also under a key that the unit doesn't know.
 // Empty where there are none.
@@ -212,7 +230,7 @@ Explanation Explain(const Bytes& datagram) {
   if (HasLowerCaseEscape(text)) result.refused.push_back("lower-case \\u digits");
   ReplaceSurrogateEscapes(text);
   Json object;
-  std::istringstream stream(text);
+  std::istringstream stream(WithoutOverflow(text));
   try {
     stream >> object;
   } catch (const Json::exception& error) {
