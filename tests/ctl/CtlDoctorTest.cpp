@@ -61,6 +61,17 @@ TEST(CtlDoctor, KnowsTheEmulatorOfTheFileFromAnother) {
   const Result others = Ctl({"doctor", other.Text()});
   EXPECT_EQ(others.status, 1);
   EXPECT_NE(others.out.find("an emulator with other settings"), std::string::npos) << others.out;
+
+  // At other ports than the file has: all that it names are free then, and nobody answers there.
+  const std::string moved = SettingsText(OwnAddress(), 8300, 15301, {{.id = "studio-a"}});
+  other.Write(moved);
+  const std::string elsewhere = Ctl({"doctor", other.Text()}).out;
+  EXPECT_NE(elsewhere.find("another emulator runs"), std::string::npos) << elsewhere;
+  emulator.WriteSettings(moved);
+  const Result changed = Ctl({"doctor", emulator.SettingsPath().string()});
+  EXPECT_EQ(changed.status, 1);
+  EXPECT_NE(changed.out.find("runs with other ports than it names"), std::string::npos)
+      << changed.out;
   emulator.Stop();
 }
 

@@ -117,6 +117,7 @@ class Doctor {
   void Ports();
   void Port(const std::string& name, int64_t number, size_t& ownEmulator);
   bool IsOfThisFile(const platform::PortOwner& owner) const;
+  void OtherEmulators();
   void CheckAnswers();
   void PacketFilters();
   void RealTime();
@@ -183,8 +184,9 @@ class Doctor {
   uint16_t discoveryPort_ = wire::kDiscoveryPort;
   uint32_t addr_ = 0;  // that the units listen on; 0: all
   std::vector<std::pair<std::string, int64_t>> ports_{{"discovery", wire::kDiscoveryPort}};
-  std::set<std::string> answered_;  // ids
-  int runs_ = 0;                    // process of the emulator of this file; 0: it doesn't run
+  std::set<std::string> answered_;           // ids
+  std::vector<platform::PortOwner> owners_;  // of all UDP ports in use
+  int runs_ = 0;  // process of the emulator of this file; 0: it doesn't run
 };
 
 int Doctor::Verdict(bool finished) {
@@ -393,6 +395,10 @@ bool Doctor::IsOfThisFile(const platform::PortOwner& owner) const {
   return !owner.program.empty() && files::equivalent(owner.program + ".json", path_, error);
 }
 
+bool IsEmulator(const platform::PortOwner& owner) {
+  return owner.name.starts_with("qz640emu");
+}
+
 void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) {
   const auto port = static_cast<uint16_t>(number);
   std::string owners;
@@ -400,8 +406,8 @@ void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) 
   bool own = false;
   bool emulators = true;
   int process = 0;  // that has it, and whose number is known
-  const std::vector<platform::PortOwner> all = platform::UdpPortOwners(port);
-  for (const platform::PortOwner& owner : all) {
+  for (const platform::PortOwner& owner : owners_) {
+    if (owner.port != port) continue;
     owners += (owners.empty() ? "" : ", ") + owner.name;
     if (owner.process != 0) owners += " (" + std::to_string(owner.process) + ")";
     if (owner.process != 0) process = owner.process;
@@ -409,7 +415,7 @@ void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) 
       own = true;
       runs_ = owner.process;
     }
-    const bool emulator = owner.name.starts_with("qz640emu");
+    const bool emulator = IsEmulator(owner);
     if (emulator) other = &owner;
     emulators = emulators && emulator;
   }
@@ -461,6 +467,7 @@ void Doctor::Port(const std::string& name, int64_t number, size_t& ownEmulator) 
 
 void Doctor::Ports() {
   out_.Line("ports");
+  owners_ = platform::UdpPortOwners();
   size_t looked = 0;
   size_t ownEmulator = 0;
   for (const auto& [name, port] : ports_) {
@@ -468,7 +475,8 @@ void Doctor::Ports() {
     ++looked;
     Port(name, port, ownEmulator);
   }
-  if (ownEmulator == 0) return;
+  OtherEmulators();
+  if (runs_ == 0) return;
   if (ownEmulator < looked) {
     Say("ports", Weight::Problem,
         {"the emulator of this file runs with other ports than it names",
@@ -478,6 +486,33 @@ void Doctor::Ports() {
               "and start it again: it reads the file only then")});
   }
   CheckAnswers();
+}
+
+// Those that run at none of the ports that were looked at: units of which nothing was heard so far.
+void Doctor::OtherEmulators() {
+  std::map<int, std::vector<const platform::PortOwner*>> running;  // by process
+  for (const platform::PortOwner& owner : owners_) {
+    if (owner.process != 0 && IsEmulator(owner)) running[owner.process].push_back(&owner);
+  }
+  for (const auto& [process, owners] : running) {
+    const auto isLookedAt = [this](const platform::PortOwner* owner) {
+      return std::any_of(ports_.begin(), ports_.end(),
+                         [owner](const auto& each) { return each.second == owner->port; });
+    };
+    if (std::any_of(owners.begin(), owners.end(), isLookedAt)) continue;
+    if (IsOfThisFile(*owners.front())) {
+      runs_ = process;
+      continue;
+    }
+    std::string ports;
+    for (const platform::PortOwner* owner : owners)
+      ports += (ports.empty() ? "" : ", ") + std::to_string(owner->port);
+    const std::string file = owners.front()->program + ".json";
+    Say("ports", Weight::Hint,
+        {"another emulator runs (" + std::to_string(process) +
+             "), whose units aren't looked for here",
+         Evidence("it has UDP " + ports), Cure("qz640ctl doctor " + platform::Quoted(file))});
+  }
 }
 
 // A unit that runs here and answers nowhere is what people come for.

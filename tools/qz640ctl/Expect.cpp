@@ -68,6 +68,8 @@ std::vector<Condition> ParseConditions(const ExpectOptions& options) {
     if (word == "freq") {
       condition.kind = Kind::Freq;
       condition.value = ToNumber(value);
+      if (condition.value != 48000 && condition.value != 44100)
+        ThrowUsage("no unit runs at " + value + " Hz, but at 48000 or 44100");
     } else if ((word == "tuner" || word == "destination") && equals != std::string::npos) {
       condition.kind = word == "tuner" ? Kind::Tuner : Kind::Destination;
       condition.number = static_cast<uint32_t>(ToNumber(value.substr(0, equals)));

@@ -1,10 +1,12 @@
 #include "Settings.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <system_error>
 
 #include "ExitStatus.h"
 #include "wire/Message.h"
@@ -51,7 +53,9 @@ void AddUnknownKeys(const Json& object, std::initializer_list<std::string_view> 
 
 Settings Settings::Read(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);
-  if (!file) throw BadSettings("it can't be read");
+  if (!file) {
+    throw BadSettings("it can't be read: " + std::generic_category().message(errno));
+  }
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   if (text.starts_with("\xEF\xBB\xBF"))
     throw BadSettings("a byte order mark stands before the text");

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -14,9 +15,10 @@ namespace platform {
 
 namespace {
 
-// The inodes of the sockets on `port`, from the kernel's table (proc(5), /proc/net/udp).
-std::set<std::string> InodesOf(uint16_t port) {
-  std::set<std::string> inodes;
+// The UDP ports in use by the inodes of their sockets, from the kernel's table (proc(5),
+// /proc/net/udp).
+std::map<std::string, uint16_t> PortsByInode() {
+  std::map<std::string, uint16_t> ports;
   std::ifstream table("/proc/net/udp");
   std::string line;
   std::getline(table, line);  // the heading
@@ -28,9 +30,10 @@ std::set<std::string> InodesOf(uint16_t port) {
     if (columns.size() < 10) continue;
     const size_t colon = columns[1].find(':');
     if (colon == std::string::npos) continue;
-    if (std::stoul(columns[1].substr(colon + 1), nullptr, 16) == port) inodes.insert(columns[9]);
+    ports[columns[9]] =
+        static_cast<uint16_t>(std::stoul(columns[1].substr(colon + 1), nullptr, 16));
   }
-  return inodes;
+  return ports;
 }
 
 std::vector<std::string> NamesIn(const std::string& path) {
@@ -49,41 +52,46 @@ std::string LinkTarget(const std::string& path) {
   return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
 }
 
-// Whether the process has one of the sockets; takes those that it has out of `missing`.
-bool HasOne(const std::string& process, const std::set<std::string>& inodes,
-            std::set<std::string>& missing) {
-  bool found = false;
+// The ports of the sockets that the process has; takes those sockets out of `missing`.
+std::set<uint16_t> PortsOf(const std::string& process,
+                           const std::map<std::string, uint16_t>& sockets,
+                           std::map<std::string, uint16_t>& missing) {
+  std::set<uint16_t> ports;
   const std::string descriptors = "/proc/" + process + "/fd";
   for (const std::string& name : NamesIn(descriptors)) {
-    std::string target = LinkTarget(descriptors + "/" + name);
+    const std::string target = LinkTarget(descriptors + "/" + name);
     if (!target.starts_with("socket:[")) continue;
-    target = target.substr(8, target.size() - 9);
-    if (inodes.count(target) == 0) continue;
-    missing.erase(target);
-    found = true;
+    const auto found = sockets.find(target.substr(8, target.size() - 9));
+    if (found == sockets.end()) continue;
+    missing.erase(found->first);
+    ports.insert(found->second);
   }
-  return found;
+  return ports;
 }
 
 }  // namespace
 
-std::vector<PortOwner> UdpPortOwners(uint16_t port) {
+std::vector<PortOwner> UdpPortOwners() {
   std::vector<PortOwner> owners;
-  const std::set<std::string> inodes = InodesOf(port);
-  if (inodes.empty()) return owners;
-  std::set<std::string> missing = inodes;
+  const std::map<std::string, uint16_t> sockets = PortsByInode();
+  std::map<std::string, uint16_t> missing = sockets;
   for (const std::string& process : NamesIn("/proc")) {
     if (!std::all_of(process.begin(), process.end(), [](unsigned char c) { return isdigit(c); })) {
       continue;
     }
-    if (!HasOne(process, inodes, missing)) continue;
     PortOwner owner;
-    owner.process = std::atoi(process.c_str());
-    owner.program = LinkTarget("/proc/" + process + "/exe");
-    std::getline(std::ifstream("/proc/" + process + "/comm"), owner.name);
-    owners.push_back(owner);
+    for (const uint16_t port : PortsOf(process, sockets, missing)) {
+      if (owner.process == 0) {
+        owner.process = std::atoi(process.c_str());
+        owner.program = LinkTarget("/proc/" + process + "/exe");
+        std::getline(std::ifstream("/proc/" + process + "/comm"), owner.name);
+      }
+      owner.port = port;
+      owners.push_back(owner);
+    }
   }
-  if (!missing.empty()) owners.push_back({"another user's program", 0, {}});
+  for (const auto& [inode, port] : missing)
+    owners.push_back({port, "another user's program", 0, {}});
   return owners;
 }
 

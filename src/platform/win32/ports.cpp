@@ -1,6 +1,8 @@
 #include "platform/ports.h"
 
 #include <cstring>
+#include <set>
+#include <utility>
 
 #include "platform/text.h"
 #include "platform/win32/win.h"
@@ -12,7 +14,7 @@ namespace platform {
 namespace {
 
 PortOwner OwnerOf(DWORD process) {
-  PortOwner owner{"another user's program", static_cast<int>(process), {}};
+  PortOwner owner{0, "another user's program", static_cast<int>(process), {}};
   const HANDLE handle = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process);
   if (!handle) return owner;
   wchar_t path[1024];
@@ -28,7 +30,7 @@ PortOwner OwnerOf(DWORD process) {
 
 }  // namespace
 
-std::vector<PortOwner> UdpPortOwners(uint16_t port) {
+std::vector<PortOwner> UdpPortOwners() {
   std::vector<PortOwner> owners;
   DWORD size = 0;
   GetExtendedUdpTable(nullptr, &size, FALSE, AF_INET, UDP_TABLE_OWNER_PID, 0);
@@ -39,11 +41,14 @@ std::vector<PortOwner> UdpPortOwners(uint16_t port) {
     return owners;
   }
   const auto* table = reinterpret_cast<const MIB_UDPTABLE_OWNER_PID*>(bytes.data());
+  std::set<std::pair<DWORD, uint16_t>> seen;  // a program may have a port at several addresses
   for (DWORD i = 0; i < table->dwNumEntries; ++i) {
     const MIB_UDPROW_OWNER_PID& row = table->table[i];
     // In network byte order in the lower half.
-    if (ntohs(static_cast<u_short>(row.dwLocalPort)) != port) continue;
+    const uint16_t port = ntohs(static_cast<u_short>(row.dwLocalPort));
+    if (!seen.insert({row.dwOwningPid, port}).second) continue;
     owners.push_back(OwnerOf(row.dwOwningPid));
+    owners.back().port = port;
   }
   return owners;
 }
