@@ -27,6 +27,7 @@ struct Finding {
   Verdict verdict = Verdict::Fail;
   std::string figure;  // may hold texts from the network
   std::vector<Figure> figures;
+  bool certain = false;  // also where this machine stood still meanwhile
 };
 
 struct CheckLine {
