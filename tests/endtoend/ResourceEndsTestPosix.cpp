@@ -80,6 +80,7 @@ TEST_F(ResourceEnds, AKillAroundTheRewriteLeavesTheSettingsWhole) {
   for (int i = 0; i < 80; ++i) {
     emulator.WriteSettings(before);
     emulator.Start();
+    // No condition to wait for: the kills are to fall on moments all around the rewrite.
     std::this_thread::sleep_for(std::chrono::microseconds(100 * i));
     emulator.Abandon();
     emulator.Child().WaitExit();

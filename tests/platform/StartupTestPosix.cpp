@@ -102,7 +102,7 @@ TEST(Startup, AnInputThatCannotBeReadEndsNothing) {
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDIN_FILENO);
     platform::Startup();
     std::jthread late([] {
-      platform::SystemClock().Sleep(50);
+      platform::SystemClock().Sleep(50);  // a wait that such an input ends has ended by now
       kill(getpid(), SIGTERM);
     });
     platform::WaitForInput();

@@ -68,7 +68,8 @@ std::vector<Condition> ParseConditions(const ExpectOptions& options) {
     if (word == "freq") {
       condition.kind = Kind::Freq;
       condition.value = ToNumber(value);
-      if (condition.value != 48000 && condition.value != 44100)
+      if (condition.value < 0 || condition.value > UINT32_MAX ||
+          wire::PayloadTypeOf(static_cast<uint32_t>(condition.value)) == 0)
         ThrowUsage("no unit runs at " + value + " Hz, but at 48000 or 44100");
     } else if ((word == "tuner" || word == "destination") && equals != std::string::npos) {
       condition.kind = word == "tuner" ? Kind::Tuner : Kind::Destination;
