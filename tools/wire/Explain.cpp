@@ -163,6 +163,22 @@ std::string TooLongDigits(std::string_view object) {
   return {};
 }
 
+// Where the object ends that the text begins with: what comes after it no unit reads.
+size_t EndOfObject(std::string_view text) {
+  const size_t begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string_view::npos || text[begin] != '{') return text.size();
+  size_t open = 0;
+  bool inText = false;
+  for (size_t i = begin; i < text.size(); ++i) {
+    if (text[i] == '"') inText = !inText;
+    if (inText && text[i] == '\\') ++i;
+    if (inText) continue;
+    if (text[i] == '{') ++open;
+    if (text[i] == '}' && --open == 0) return i + 1;
+  }
+  return text.size();
+}
+
 // Of the object alone. Nothing is asked any more once the message isn't known.
 void ExplainObject(const Json& object, Explanation& result) {
   const auto id = object.find("msg_id");
@@ -227,6 +243,9 @@ Explanation Explain(const Bytes& datagram) {
     result.refused.push_back("a byte order mark before the JSON text");
     return result;
   }
+  const size_t end = EndOfObject(text);
+  const std::string rest = text.substr(end);
+  text.resize(end);
   if (HasLowerCaseEscape(text)) result.refused.push_back("lower-case \\u digits");
   ReplaceSurrogateEscapes(text);
   Json object;
@@ -243,10 +262,7 @@ Explanation Explain(const Bytes& datagram) {
     result.refused.push_back("the JSON text is no object");
     return result;
   }
-  std::string rest;
-  std::getline(stream, rest, '\0');
-  const std::string tooLong =
-      TooLongDigits(std::string_view(text).substr(0, text.size() - rest.size()));
+  const std::string tooLong = TooLongDigits(text);
   if (!tooLong.empty()) result.refused.push_back(tooLong + " has more digits than a unit reads");
   try {
     Json(rest).dump();
