@@ -45,6 +45,11 @@ else()
     # keep both warnings.
     target_compile_options(qz_options INTERFACE -Wno-array-bounds -Wno-stringop-overread)
   endif()
+  if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+    # Files that are compiled together count as headers here, whose unnamed namespaces would differ
+    # from one file that includes them to the next. The debug build goes file by file, and has it.
+    target_compile_options(qz_options INTERFACE -Wno-subobject-linkage)
+  endif()
   if(QZ_WERROR)
     target_compile_options(qz_options INTERFACE -Werror)
   endif()

@@ -25,7 +25,7 @@ namespace {
 constexpr int64_t kStepTicks = 40'000;  // 192 samples at 48000 Hz in counter ticks: 4 ms
 
 // Keeps positions and times of the ticks, and may take its time over them.
-class Target final : public ISyncTarget {
+class TickTarget final : public ISyncTarget {
  public:
   void OnSync(ISyncSource*, int64_t pos, uint32_t freq) override {
     std::lock_guard lock(mutex_);
@@ -123,7 +123,7 @@ class SyncManagerTest : public testing::Test {
   }
 
   ManualClock clock_;
-  Target target_;
+  TickTarget target_;
   SyncManager sync_;
   double sourceSeconds_ = 100;
 };
@@ -206,7 +206,7 @@ TEST(SyncBeat, TicksComeAQuarterMillisecondLateAtMost) {
     ManualClock clock;
     clock.SetCounter(kYears);
     clock.leapEnd = INT64_MAX;
-    Target listener;
+    TickTarget listener;
     SyncManager sync(L"unit");
     sync.SetSyncFreq(freq, 192);
     sync.SetSpeed(speed);
@@ -228,7 +228,7 @@ TEST(SyncBeat, TicksComeAQuarterMillisecondLateAtMost) {
 TEST(SyncBeat, SeriesTellOfLooksAndTicks) {
   ManualClock clock;
   clock.SetCounter(kYears);
-  Target listener;
+  TickTarget listener;
   listener.takes = [&] { clock.AdvanceMs(2); };
   SyncManager sync(L"unit");
   sync.SetSyncFreq(48000, 192);
@@ -252,7 +252,7 @@ TEST(SyncBeat, SeriesTellOfLooksAndTicks) {
 TEST(SyncBeat, LateTicksComeBackToBackAndHoldNobodyUp) {
   ManualClock clock;
   clock.leapEnd = INT64_MAX;
-  Target held;
+  TickTarget held;
   held.takes = [&] { clock.AdvanceMs(79); };
   held.slowTick = 3;
   {
@@ -263,7 +263,7 @@ TEST(SyncBeat, LateTicksComeBackToBackAndHoldNobodyUp) {
       EXPECT_EQ(times[i], times[2] + 790'000) << "missed tick " << i;
     EXPECT_GT(times[22], times[21]);
   }
-  Target slow, other;
+  TickTarget slow, other;
   slow.takes = [&] { clock.AdvanceMs(6); };  // of 4 that it has
   SyncManager behind(L"behind"), sync(L"unit");
   behind.SetSyncFreq(48000, 192);
@@ -368,7 +368,7 @@ TEST_F(SyncManagerTest, ANewRateAndATimeoutForgetTheReports) {
 }
 
 TEST_F(SyncManagerTest, TargetThatThrowsCostsNobodyATick) {
-  Target bad;
+  TickTarget bad;
   bad.takes = [] { throw std::bad_alloc(); };
   sync_.AddTarget(&bad);
   Passes();
@@ -416,7 +416,7 @@ TEST_F(SyncManagerTest, AllSidesAtOnce) {
       }),
       std::thread([&stoppers] {
         while (stoppers != 0) {
-          Target target;
+          TickTarget target;
           SyncManager sync(L"other");
           sync.SetSyncFreq(48000, 192);
           sync.AddTarget(&target);

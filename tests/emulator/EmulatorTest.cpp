@@ -9,8 +9,8 @@
 namespace Network {
 namespace {
 
-const NetAddr kController = Addr(L"10.0.0.9:7000");
-constexpr uint16_t kListener = 16000;
+const NetAddr kAsker = Addr(L"10.0.0.9:7000");
+constexpr uint16_t kDiscovery = 16000;
 constexpr uint16_t kFirst = 8000;  // control ports of the units
 constexpr uint16_t kSecond = 8006;
 constexpr uint16_t kThird = 8016;
@@ -34,21 +34,21 @@ class EmulatorTest : public testing::Test {
 TEST_F(EmulatorTest, HearsFromStartToItsEndAndItsUnitsUntilStop) {
   Make(kThreeUnits);
   ASSERT_TRUE(emulator_->Init().IsOk());
-  for (const uint16_t port : {kFirst, kSecond, kThird, kListener})
+  for (const uint16_t port : {kFirst, kSecond, kThird, kDiscovery})
     EXPECT_FALSE(nets_.Bound(port)) << port;
   ASSERT_TRUE(emulator_->Start().IsOk());
   EXPECT_EQ(nets_.Bound(kSecond)->Info().BindAddr, Addr(L"127.0.0.5:8006"));
-  const auto listener = nets_.Bound(kListener);
+  const auto listener = nets_.Bound(kDiscovery);
   ASSERT_TRUE(listener);
   EXPECT_EQ(listener->Info().BindAddr, Addr(L"127.0.0.5:16000"));
   EXPECT_FALSE(listener->Info().Broadcast);
   EXPECT_EQ(listener->Info().MaxPacketSize, 1432u);
 
   // The units hear a broadcast in their order, so they number their answers in it.
-  nets_.Tell(kListener, JsonMsgDevFind(), kController);
+  nets_.Tell(kDiscovery, JsonMsgDevFind(), kAsker);
   std::map<std::wstring, uint32_t> numbers;
   while (numbers.size() < 3) {
-    const auto info = nets_.NextAnswer<JsonMsgDevInfo>(kFirst, kController);
+    const auto info = nets_.NextAnswer<JsonMsgDevInfo>(kFirst, kAsker);
     ASSERT_TRUE(info);
     numbers[info->unit_id] = info->msg_id;
   }
@@ -57,7 +57,7 @@ TEST_F(EmulatorTest, HearsFromStartToItsEndAndItsUnitsUntilStop) {
 
   ASSERT_TRUE(emulator_->Stop().IsOk());
   EXPECT_EQ(nets_.Open(), std::vector{listener});
-  nets_.Tell(kListener, JsonMsgDevFind(), kController);
+  nets_.Tell(kDiscovery, JsonMsgDevFind(), kAsker);
   ASSERT_TRUE(emulator_->Stop().IsOk());
   emulator_.reset();
   EXPECT_TRUE(nets_.Open().empty());
@@ -90,7 +90,7 @@ TEST_F(EmulatorTest, AFailedInitNamesWhatFailedAndLeavesNothing) {
 
 // Whatever can't start, all units have gone when Start returns, and its failure is what it returns.
 TEST_F(EmulatorTest, AFailedStartEndsAllUnits) {
-  for (const uint16_t port : {kFirst, kThird, kListener}) {
+  for (const uint16_t port : {kFirst, kThird, kDiscovery}) {
     nets_.failPort = port;
     Make(kThreeUnits);
     ASSERT_TRUE(emulator_->Init().IsOk());

@@ -15,7 +15,7 @@ using Network::TcpSockInfo;
 
 namespace {
 
-constexpr uint32_t kPort = 9000;
+constexpr uint32_t kTcpPort = 9000;
 
 class TcpRecorder final : public ITcpReceiver {
  public:
@@ -81,7 +81,7 @@ class TcpSock : public SocketFixture {
   void TearDown() override { manager.reset(); }
 
   void Listen() {
-    listenInfo.BindAddr = OwnAddr(kPort);
+    listenInfo.BindAddr = OwnAddr(kTcpPort);
     listenInfo.ListenReceiver = &acceptor;
     listener = manager->CreateTcpListenSock();
     ASSERT_EQ(FailureOf(listener->Open(listenInfo)).text, L"");
@@ -89,7 +89,7 @@ class TcpSock : public SocketFixture {
 
   // A connection of a bare peer; the socket at this end is the latest of the acceptor's.
   ITcpSock* ConnectPeer(uint32_t receiveBuffer = 0) {
-    peer.Connect(OwnAddr(kPort), receiveBuffer);
+    peer.Connect(OwnAddr(kTcpPort), receiveBuffer);
     EXPECT_TRUE(acceptor.WaitAccepted(1));
     return acceptor.socks.at(0).get();
   }
@@ -100,7 +100,7 @@ class TcpSock : public SocketFixture {
 
   TcpSockInfo InfoFor(ITcpReceiver* receiver) {
     TcpSockInfo info;
-    info.PeerAddr = OwnAddr(kPort);
+    info.PeerAddr = OwnAddr(kTcpPort);
     info.Receiver = receiver;
     return info;
   }
@@ -155,7 +155,7 @@ TEST_F(TcpSock, ReceivesWhatCameBeforeThePeerClosed) {
   Listen();
   const Bytes bytes = Pattern(5000);
   WhileTheWorkerIsHeld([&] {
-    peer.Connect(OwnAddr(kPort));
+    peer.Connect(OwnAddr(kTcpPort));
     EXPECT_TRUE(peer.socket.Send(bytes.data(), bytes.size()).Ok());
     peer.socket.Close();
   });
@@ -172,7 +172,7 @@ TEST_F(TcpSock, RefusesAConnectionAndListensOn) {
   ConnectPeer();
   EXPECT_TRUE(peer.Read(1).empty()) << "the connection is closed, though somebody still holds it";
   Peer second;
-  second.Connect(OwnAddr(kPort));
+  second.Connect(OwnAddr(kTcpPort));
   EXPECT_TRUE(second.socket.Send("taken", 5).Ok());
   EXPECT_TRUE(acceptor.recorder.WaitData(5));
 }
@@ -194,7 +194,7 @@ TEST_F(TcpSock, MayBeDestroyedInItsCallbacks) {
   inConnected.onConnected = [](ITcpSock* self) { self->Destroy(); };
   std::weak_ptr<ITcpSock> sock;
   WhileTheWorkerIsHeld([&] {
-    peer.Connect(OwnAddr(kPort));
+    peer.Connect(OwnAddr(kTcpPort));
     EXPECT_TRUE(peer.socket.Send("x", 1).Ok());
     const auto opened = manager->CreateTcpSock();
     EXPECT_EQ(FailureOf(opened->Open(InfoFor(&inConnected))).text, L"");
@@ -214,7 +214,7 @@ TEST_F(TcpSock, MayBeDestroyedInItsCallbacks) {
 TEST_F(TcpSock, DrainsItsQueueWithoutAReceiver) {
   platform::Socket bareListener;
   ASSERT_TRUE(bareListener.OpenTcp().Ok());
-  ASSERT_TRUE(bareListener.Bind(OwnAddr(kPort).Raw()).Ok());
+  ASSERT_TRUE(bareListener.Bind(OwnAddr(kTcpPort).Raw()).Ok());
   ASSERT_TRUE(bareListener.Listen().Ok());
   auto sock = manager->CreateTcpSock();
   const Bytes bytes = Pattern(100000);

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <fstream>
+#include <iostream>
 #include <regex>
 #include <sstream>
 
@@ -82,6 +84,10 @@ EmulatorProcess::EmulatorProcess(const std::vector<UnitSpec>& units, int basePor
 }
 
 EmulatorProcess::~EmulatorProcess() {
+  // A test that ends by an exception says nothing of what the emulator did meanwhile.
+  if (running_ && std::uncaught_exceptions() != 0) {
+    std::cerr << "The emulator wrote:\n" << child_->Output() << child_->ErrorOutput();
+  }
   if (running_) Stop();
   std::error_code ignored;
   files::remove_all(folder_, ignored);

@@ -30,7 +30,7 @@ constexpr double kJitterBadMs = 20.0;
 constexpr double kUnevenMs = 8.0;
 constexpr double kOverrunMs = 500.0;
 
-Figure Packets(const char* name, uint64_t count) {
+Figure PacketCount(const char* name, uint64_t count) {
   return {name, static_cast<double>(count), "packets"};
 }
 
@@ -217,8 +217,9 @@ void StreamTour::Input(uint32_t input) {
        std::to_string(stats.packets) + " packets, lost " + std::to_string(stats.Lost()) +
            ", out of order " + std::to_string(stats.outOfOrder) + ", duplicates " +
            std::to_string(stats.duplicates),
-       {Packets("packets", stats.packets), Packets("lost", stats.Lost()),
-        Packets("out of order", stats.outOfOrder), Packets("duplicates", stats.duplicates)}});
+       {PacketCount("packets", stats.packets), PacketCount("lost", stats.Lost()),
+        PacketCount("out of order", stats.outOfOrder),
+        PacketCount("duplicates", stats.duplicates)}});
 }
 
 // Where the machine stands still, this program's packets come late and in a bunch, or the unit's
@@ -273,9 +274,9 @@ void StreamTour::LoopBack() {
   Add("loop-back", returned.altered == 0 && returned.unevenMs > kUnevenMs, returned.unevenMs,
       {returned.IsGood() ? Verdict::Pass : Verdict::Fail,
        figure,
-       {Packets("exact", returned.exact), Packets("altered", returned.altered),
-        Packets("reordered", returned.reordered), Packets("repeated", returned.repeated),
-        Packets("lost", returned.Lost())}});
+       {PacketCount("exact", returned.exact), PacketCount("altered", returned.altered),
+        PacketCount("reordered", returned.reordered), PacketCount("repeated", returned.repeated),
+        PacketCount("lost", returned.Lost())}});
 }
 
 }  // namespace

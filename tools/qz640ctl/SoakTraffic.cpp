@@ -14,7 +14,7 @@ using wire::Json;
 
 namespace {
 
-constexpr auto kLook = std::chrono::milliseconds(5);
+constexpr auto kPace = std::chrono::milliseconds(5);
 constexpr auto kAskAgain = std::chrono::milliseconds(250);
 constexpr auto kGiveUp = std::chrono::seconds(10);
 constexpr auto kPatience = std::chrono::seconds(20);
@@ -76,7 +76,7 @@ Exchanges::Exchanges(wire::Loop& loop, const std::vector<wire::Unit>& units)
   }
   for (Peer& peer : peers_)
     Begin(peer);
-  timer_.At(Clock::now() + kLook);
+  timer_.At(Clock::now() + kPace);
 }
 
 void Exchanges::Pause(bool yes) {
@@ -169,7 +169,7 @@ void Exchanges::Repeat() {
       Transmit(peer);
     }
   }
-  timer_.At(now + kLook);
+  timer_.At(now + kPace);
 }
 
 Flood::Flood(Kind kind, uint64_t seed, std::vector<Endpoint> targets)
@@ -188,7 +188,7 @@ void Flood::Stop() {
 void Flood::Run() {
   while (!stop_) {
     if (paused_ || targets_.empty()) {
-      loop_.RunFor(kLook);
+      loop_.RunFor(kPace);
     } else if (kind_ == Kind::Control) {
       NextControl();
     } else {

@@ -12,7 +12,6 @@ namespace wire {
 namespace {
 
 constexpr size_t kMostTaken = 1432;
-constexpr uint32_t kMostAttachment = 1 << 20;
 
 enum class Kind { Unsigned, Text, Numbers, List };
 

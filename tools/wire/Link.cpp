@@ -11,9 +11,6 @@ namespace {
 // What a link remembers of the past, so that one that runs for days doesn't grow.
 constexpr size_t kMemory = 10'000;
 
-// An announced attachment above this is no message to a unit either.
-constexpr uint32_t kMostAttachment = 1 << 20;
-
 // A unit knows a repeat by the number alone. Two programs that both began at 1 would be taken for
 // one that repeats itself.
 uint32_t NextId() {

@@ -15,6 +15,9 @@ namespace wire {
 // Keys in ascending order, as units write them. Texts are UTF-8.
 using Json = nlohmann::json;
 
+// Bytes. A message that announces a longer attachment is none, to a unit either.
+constexpr uint32_t kMostAttachment = 1 << 20;
+
 // What isn't a message, or isn't the message that it should be. The text says why.
 struct BadMessage : std::runtime_error {
   using std::runtime_error::runtime_error;
