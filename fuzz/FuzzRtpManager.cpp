@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "Harness.h"
+#include "RingDuel.h"
 #include "runtime/Environment.h"
-#include "support/RingDuel.h"
 
 namespace {
 

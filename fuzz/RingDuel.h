@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "RingModel.h"
 #include "audio/RtpManager.h"
 #include "platform/text.h"
 #include "support/CapturedLog.h"
 #include "support/FakeNetwork.h"
 #include "support/ManualClock.h"
-#include "support/RingModel.h"
 
 class RingDuel final : private Network::ISyncTarget {
  public:
