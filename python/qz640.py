@@ -363,7 +363,8 @@ class Unit:
     def set_frequency(self, rate: int) -> None:
         """Sets the sample frequency, 48000 or 44100, which switches all inputs off.
 
-        The unit gives no answer: the rate of what is heard from an input tells whether it did.
+        The unit gives no answer: the sample frequency of what is heard from an input says whether
+        it did.
         """
         self._tell("set_state", device_freq=rate)
 
@@ -407,7 +408,8 @@ class Input:
     def send_to(self, destination: Optional[Address]) -> None:
         """Sends the stream to an IPv4 address and port, or switches it off with None.
 
-        Raises ValueError on a name: units know none, and would switch the input off. Reads back what the unit made of it: it acknowledges and ignores what it can't take.
+        Raises ValueError on a name: units know none, and would switch the input off. Reads back
+        what the unit made of it: it acknowledges and ignores what it can't take.
         """
         self._set(destination)
         now = self.destination
@@ -578,7 +580,7 @@ class Stream:
         return str(host), int(port)
 
     def send(self, to: Address, frames: Union[bytes, array[int]], rate: int = 48000) -> None:
-        """Sends frames, or an array of samples, in packets at the pace of the rate.
+        """Sends frames, or an array of samples, in packets at the pace of the sample frequency.
 
         Takes as long as the frames last. A second call goes on where the first one ended; the last
         packet is filled with silence. What arrives meanwhile is kept for `receive`.

@@ -38,7 +38,7 @@ TEST_F(CtlTest, ExpectSaysWhetherConditionsHoldAndLeavesInputsAsTheyWere) {
       {{"input", "0", "--tone", "1000", "--level", "-20", "--within", "100ms"}, 1, "peak -6.00 dB"},
       {{"input", "0", "--tone", "1500", "--within", "100ms"}, 1, "0% of the power"},
       {{"input", "0", "silent", "--within", "100ms"}, 1, "peak -6.00 dB still"},
-      {{"freq", "44100", "--within", "1s"}, 1, "the rate is 48000"},
+      {{"freq", "44100", "--within", "1s"}, 1, "the sample frequency is 48000"},
       {{"found", "destination", "0=off", "--within", "300ms"}, 1, "goes to 127.0.0.1:9"},
       {{"gone", "--within", "300ms"}, 1, "studio-a is there"},
       {{"input", "0"}, 2, "input N silent"}};

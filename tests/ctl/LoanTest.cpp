@@ -165,7 +165,7 @@ TEST_F(LoanTest, WhatACommandTouchesIsAskedForAndSaid) {
       {{"watch", Tuner(), "--seconds", "0.6", "--take"}, 0, "taken from there", false},
       {{"watch", Tuner(), "--seconds", "0.6", "--idle"}, 0, "left out", true},
       {{"record", Tuner(), "x.wav", "--idle"}, 1, "without --idle", true},
-      {{"check", Tuner()}, 0, "left out, and tuners and rate", true},
+      {{"check", Tuner()}, 0, "left out, and tuners and sample frequency", true},
       {{"watch", emulator_.Control().ToText(), "--seconds", "0.1"}, 0, "no input was in use", true},
   };
   emulator_.Allow("Protocol error. No ack received");

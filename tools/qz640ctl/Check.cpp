@@ -59,7 +59,7 @@ bool IsInUse(Session& session, const Unit& unit, bool intrusive) {
     session.Note(InUseLine(InUse::PassOn, inUse) + ", but for the noise of the loop-back");
   } else {
     session.Note(InUseLine(InUse::LeaveOut, inUse) +
-                 ", and tuners and rate of the unit with them; --intrusive tests all");
+                 ", and tuners and sample frequency of the unit with them; --intrusive tests all");
   }
   return !inUse.empty();
 }

@@ -311,7 +311,7 @@ bool Expecting::HoldsHeard(const Condition& condition, const Packets& packets) {
   if (packets.empty()) return false;
   const uint32_t freq = wire::SampleFreqOf(packets.back().Header().payloadType);
   if (condition.kind == Kind::Freq) {
-    seen_ = "the rate is " + std::to_string(freq);
+    seen_ = "the sample frequency is " + std::to_string(freq);
     return freq == condition.value;
   }
   if (packets.size() < kHeard) return false;

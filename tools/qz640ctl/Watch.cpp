@@ -1,4 +1,4 @@
-// The command "watch": live levels, rate, jitter and loss of inputs.
+// The command "watch": live levels, packet rate, jitter and loss of inputs.
 #include <algorithm>
 #include <deque>
 #include <memory>

@@ -223,15 +223,15 @@ class CommandLine {
   }
 
   void AddCheck() {
-    CLI::App* check = AddTo(
-        Add("check",
-            "Everything that a unit has to do on the wire, a line a check. A unit in use keeps its "
-            "inputs, tuners and rate: what would touch them is left out, with a line each. Of any "
-            "other unit the inputs are sent here and noise to output 0, for seconds each",
-            "qz640ctl check studio-a\n"
-            "  qz640ctl check --all --repeat 3 --junit check.xml --html check.html\n"
-            "  qz640ctl check studio-a discovery tuners",
-            [this](Session& session, Output& out) { return RunCheck(session, check_, out); }));
+    CLI::App* check = AddTo(Add(
+        "check",
+        "Everything that a unit has to do on the wire, a line a check. A unit in use keeps its "
+        "inputs, tuners and sample frequency: what would touch them is left out, with a line each. "
+        "Of any other unit the inputs are sent here and noise to output 0, for seconds each",
+        "qz640ctl check studio-a\n"
+        "  qz640ctl check --all --repeat 3 --junit check.xml --html check.html\n"
+        "  qz640ctl check studio-a discovery tuners",
+        [this](Session& session, Output& out) { return RunCheck(session, check_, out); }));
     judges_.insert(check);
     check->add_option("UNIT", check_.unit, "Unit id or address:port; with --all none");
     check->add_option("PART", check_.parts, "What to check, as said below (default: all)");
@@ -355,12 +355,12 @@ class CommandLine {
       run_ = [this](Session& session, Output& out) { return RunPlay(session, play_, out); };
     });
 
-    CLI::App* watch =
-        Add("watch",
-            "Live view of inputs: levels, rate, jitter, loss. They are sent here meanwhile, and "
-            "from here on to where they went before",
-            "qz640ctl watch studio-a",
-            [this](Session& session, Output& out) { return RunWatch(session, watch_, out); });
+    CLI::App* watch = Add(
+        "watch",
+        "Live view of inputs: levels, packet rate, jitter, loss. They are sent here meanwhile, and "
+        "from here on to where they went before",
+        "qz640ctl watch studio-a",
+        [this](Session& session, Output& out) { return RunWatch(session, watch_, out); });
     AddTo(watch);
     watch->add_option("UNIT", watch_.units, "Unit ids or addresses (default: all that answer)");
     watch->add_option("--seconds", watch_.seconds, "Length (default: until Ctrl-C)")
