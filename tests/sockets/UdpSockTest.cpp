@@ -184,14 +184,18 @@ TEST_F(UdpSock, CloseWaitsForTheDeliveryThatRuns) {
     std::atomic<int> deliveries{0};
   };
 
-  const std::jthread flood([&](const std::stop_token& stop) {
-    while (!stop.stop_requested())
-      peer.SendTo(BytesOf("flood"), OwnAddr(kPort));
-  });
   auto sock = manager->CreateUdpSock();
+  // What the socket itself sends makes the worker wait for its lock with data in sight, which is
+  // where Close has to come first.
+  const std::jthread flood([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      peer.SendTo(BytesOf("flood"), OwnAddr(kPort));
+      SendFrom(*sock, "flood", OwnAddr(kPort));
+    }
+  });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(700);
   int rounds = 0;
-  for (; rounds < 1000 && std::chrono::steady_clock::now() < deadline; ++rounds) {
+  for (; std::chrono::steady_clock::now() < deadline; ++rounds) {
     auto receiver = std::make_unique<Receiver>();
     UdpSockInfo info;
     info.BindAddr = OwnAddr(kPort);
