@@ -42,7 +42,7 @@ class Watching {
   void Watch(const WatchOptions& options, LiveView* view);
   void Take();
   void Refresh();
-  void TakeFigures();
+  std::vector<Figures> TakeFigures();
   void Print(const std::vector<Figures>& rows);
 
   Session& session_;
@@ -77,6 +77,7 @@ int Watching::Run(const WatchOptions& options) {
   } else {
     Watch(options, nullptr);
   }
+  alerts_->Judge(TakeFigures());  // the last second need not be a whole one
   for (const auto& loan : loans_)
     loan->Return();
   NoteNotPassedOn(session_, listeners_);
@@ -132,7 +133,7 @@ void Watching::Watch(const WatchOptions& options, LiveView* view) {
         row.Reset();
     }
     if (SecondsSince(lastShown) >= period) {
-      TakeFigures();
+      latest_ = TakeFigures();
       lastShown = Clock::now();
       if (lastShown - lastJudged >= kJudge) {
         alerts_->Judge(latest_);
@@ -152,10 +153,11 @@ void Watching::Refresh() {
     loan->Refresh();
 }
 
-void Watching::TakeFigures() {
-  latest_.clear();
+std::vector<Figures> Watching::TakeFigures() {
+  std::vector<Figures> figures;
   for (Watched& row : rows_)
-    latest_.push_back(row.Take());
+    figures.push_back(row.Take());
+  return figures;
 }
 
 void Watching::Print(const std::vector<Figures>& rows) {
