@@ -79,6 +79,7 @@ TEST_F(CtlTest, FailuresHaveTheirStatusAndSayWhatToDo) {
       {{"freq", taken, "96000"}, 2, "\"96000\" is none of 48000,44100"},
       {{"send", taken, "x"}, 2, "that is no request: parse error at line 1, column 1"},
       {{"find", "--to", nobody, "--timeout", "300"}, 3, "asked at " + nobody},
+      {{"find", "--to", "127.0.0.1:0"}, 2, "port 0"},
       {{"watch", "--alert", "drift fast"}, 2, "\"drift 50ppm\""},
       {{"watch", "--alert", "clip", "--log", "no/such/folder"}, 1, "--log"},
       {{"watch", "--to", nobody, "--timeout", "300"}, 3, "qz640ctl doctor"},

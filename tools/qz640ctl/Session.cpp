@@ -108,8 +108,14 @@ wire::Link& Session::Link() {
 
 std::vector<Endpoint> Session::DiscoverAt() const {
   std::vector<Endpoint> all;
-  for (const std::string& text : common_.to)
+  for (const std::string& text : common_.to) {
     all.push_back(ParseEndpoint(text, wire::kDiscoveryPort));
+    if (text.ends_with(":0")) {
+      throw Failure{kUsage, "--to " + text +
+                                " asks at port 0, where no unit can be; leave it out, "
+                                "or give the port that units are found at"};
+    }
+  }
   if (!all.empty()) return all;
   for (const platform::Interface& interface : platform::ListInterfaces()) {
     const Endpoint broadcast(ToEndpoint(interface.broadcast).address, wire::kDiscoveryPort);
