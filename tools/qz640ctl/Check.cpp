@@ -2,17 +2,16 @@
 #include "Check.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "Commands.h"
 #include "Loan.h"
 #include "Printable.h"
+#include "platform/advice.h"
 #include "platform/startup.h"
 
 namespace ctl {
@@ -140,29 +139,16 @@ void CheckAll(Session& session, const CheckOptions& options, const PartSet& part
   }
 }
 
-// As a shell takes it.
-std::string Quoted(const std::string& word) {
-  const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](unsigned char c) {
-    return c >= 0x80 || std::isalnum(c) ||
-           std::string_view("-._:/=").find(static_cast<char>(c)) != std::string_view::npos;
-  });
-  if (plain) return word;
-  std::string text = "'";
-  for (const char c : word)
-    text += c == '\'' ? "'\\''" : std::string(1, c);
-  return text + "'";
-}
-
 std::string CommandText(const Session& session, const CheckOptions& options) {
   std::string text = "qz640ctl check";
   if (options.all) text += " --all";
-  if (!options.all) text += " " + Quoted(options.unit);
+  if (!options.all) text += " " + platform::Quoted(options.unit);
   for (const std::string& part : options.parts)
-    text += " " + Quoted(part);
+    text += " " + platform::Quoted(part);
   if (options.repeat > 1) text += " --repeat " + std::to_string(options.repeat);
   if (options.intrusive) text += " --intrusive";
   for (const std::string& to : session.Common().to)
-    text += " --to " + Quoted(to);
+    text += " --to " + platform::Quoted(to);
   return text;
 }
 

@@ -238,18 +238,21 @@ std::string InUseText(const wire::Unit& unit, uint32_t input, const Destination&
          ")";
 }
 
+std::string InUseNames(const std::vector<std::string>& inputs, size_t named) {
+  std::string text = "in use: ";
+  for (size_t i = 0; i < inputs.size() && i < named; ++i)
+    text += (i == 0 ? "" : ", ") + inputs[i];
+  if (inputs.size() > named) text += " and " + std::to_string(inputs.size() - named) + " more";
+  return text;
+}
+
 std::string InUseLine(InUse how, const std::vector<std::string>& inputs, size_t columns) {
-  constexpr size_t kNamed = 8;
   if (inputs.empty()) return "no input was in use";
   std::string fate = "; left out";
   if (how == InUse::PassOn) fate = "; heard here and passed on to there";
   if (how == InUse::Take) fate = "; taken from there until this command ends";
-  for (size_t named = std::min(inputs.size(), kNamed); named > 0; --named) {
-    std::string line = "in use: ";
-    for (size_t i = 0; i < named; ++i)
-      line += (i == 0 ? "" : ", ") + inputs[i];
-    if (inputs.size() > named) line += " and " + std::to_string(inputs.size() - named) + " more";
-    line += fate;
+  for (size_t named = std::min(inputs.size(), kMostNamed); named > 0; --named) {
+    const std::string line = InUseNames(inputs, named) + fate;
     if (Columns(line) <= columns) return line;
   }
   const std::string line = std::to_string(inputs.size()) + " in use" + fate;

@@ -59,6 +59,11 @@ class InputLoan {
 // "tuner-b 0 (127.0.0.1:9001)", for the line that says what becomes of inputs in use.
 std::string InUseText(const wire::Unit& unit, uint32_t input, const wire::Destination& destination);
 
+constexpr size_t kMostNamed = 8;
+
+// "in use: " and the first eight of them; "in use: a, b and 3 more" where only two are to be named.
+std::string InUseNames(const std::vector<std::string>& inputs, size_t named = kMostNamed);
+
 // That line. Where it is to fit so many columns, it names fewer of them.
 std::string InUseLine(InUse how, const std::vector<std::string>& inputs, size_t columns = SIZE_MAX);
 

@@ -8,7 +8,6 @@
 
 #include "HeldFile.h"
 #include "StateFiles.h"
-#include "platform/clock.h"
 #include "platform/errors.h"
 
 namespace ctl {
@@ -54,9 +53,8 @@ LoanRecord ToLoan(const Json& line) {
                                                                  : ParseAddress(former));
   }
   if (loan.formers.empty()) throw std::invalid_argument("no former destination");
-  // Earlier versions wrote neither.
-  loan.command = line.value("command", "qz640ctl");
-  loan.since = line.value("since", platform::GetClock().WallSeconds());
+  loan.command = line.at("command");
+  loan.since = line.at("since");
   return loan;
 }
 

@@ -206,13 +206,12 @@ void Soak::LeaveAloneThoseInUse() {
     session_.Note(InUseLine(InUse::Take, inUse));
     return;
   }
-  const std::string line = InUseLine(InUse::LeaveOut, inUse);
   if (idle.empty() || !options_.units.empty()) {
-    throw Failure{kRefused, line.substr(0, line.rfind(';')) +
+    throw Failure{kRefused, InUseNames(inUse) +
                                 "; a soak takes the inputs and floods their units: name others, "
                                 "or give --intrusive"};
   }
-  session_.Note(line + " with their units; --intrusive soaks all");
+  session_.Note(InUseLine(InUse::LeaveOut, inUse) + " with their units; --intrusive soaks all");
   units_ = idle;
 }
 
